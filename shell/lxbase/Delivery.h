@@ -1,0 +1,84 @@
+// Delivery: what registration, the put paths and unregistration share of a receiver's inbox.
+// Internal: not installed.
+#ifndef LXBASE_DELIVERY_H
+#define LXBASE_DELIVERY_H
+
+#include <lxbase/Parking.h>
+#include <lxbase/SubscriptionTable.h>
+
+#include <QMutex>
+#include <QString>
+#include <QThread>
+#include <QVariant>
+#include <QVector>
+
+#include <memory>
+
+class IMessageInterface;
+
+// The inbox of one worker, as the registry records show it to the put paths. All null for a plugin
+// that did not ask for the kind of traffic; `parking` is null under IdlePolicy::Poll as well.
+template<class Item>
+struct Inbox
+{
+    QVector<Item*>* list = nullptr;
+    QMutex* mutex = nullptr;
+    Parking* parking = nullptr;
+};
+
+// Makes a worker for the inbox, which belongs to it from here on, and starts it.
+template<class Worker, class Item>
+Worker* startWorker(const QString& id, const char* nameSuffix, IMessageInterface* plugin,
+                    const Inbox<Item>& inbox)
+{
+    auto* worker = new Worker;
+    worker->setObjectName(id + QLatin1String(nameSuffix));
+    worker->setId(id);
+    worker->setInterface(plugin);
+    worker->setList(inbox.list);
+    worker->setMutex(inbox.mutex);
+    worker->setParking(inbox.parking);
+    worker->start(QThread::InheritPriority);
+    return worker;
+}
+
+// Appends what `makeItem` makes to the inbox of `id` that `inboxOf` picks from its registry record.
+// A record without that inbox gets nothing. False: the ID is not registered.
+//
+// The registry lock is held throughout, so the receiver cannot be released in between.
+template<class Registry, class InboxOf, class MakeItem>
+bool deliver(const Registry& registry, QMutex& registryMutex, const QString& id, InboxOf inboxOf,
+             MakeItem makeItem)
+{
+    const QMutexLocker locker(&registryMutex);
+    const auto record = registry.constFind(id);
+    if (record == registry.constEnd())
+        return false;
+    const auto inbox = inboxOf(**record);
+    if (inbox.list) {
+        auto item = makeItem();
+        append(*inbox.list, *inbox.mutex, inbox.parking, item.get());
+        item.release();
+    }
+    return true;
+}
+
+enum class Routed { Done, UnknownDestination, UnknownType };
+
+// Where a record goes, on every path: to its destination if it names one, else to the subscribers
+// of its type save `skippedId` (null: all of them). `deliverTo` takes an ID and says whether it is
+// registered; subscribers that are not are passed over.
+template<class DeliverTo>
+Routed route(const QString& dstId, const QVariant& type, const QString* skippedId,
+             const SubscriptionTable& subscriptions, DeliverTo deliverTo)
+{
+    if (!dstId.isEmpty())
+        return deliverTo(dstId) ? Routed::Done : Routed::UnknownDestination;
+    const bool known = subscriptions.forEachSubscriber(type, [&](const QString& id) {
+        if (!skippedId || id != *skippedId)
+            deliverTo(id);
+    });
+    return known ? Routed::Done : Routed::UnknownType;
+}
+
+#endif

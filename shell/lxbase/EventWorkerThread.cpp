@@ -1,0 +1,15 @@
+#include <lxbase/EventWorkerThread.h>
+
+#include <lxbase/LxbaseLog.h>
+#include <lxbase/MessageInterface.h>
+
+CEventWorkerThread::CEventWorkerThread() = default;
+
+CEventWorkerThread::~CEventWorkerThread() = default;
+
+void CEventWorkerThread::run()
+{
+    drain({&IMessageInterface::RecvEvent, Take::Copy, 300000, AfterRecord::KeepCounts,
+           "CEventWorkerThread::run"},
+          LXBASE_LOG_PLACE);
+}

@@ -1,0 +1,121 @@
+// InboxWorker: what the three per-plugin worker threads have in common.
+#ifndef LXBASE_INBOXWORKER_H
+#define LXBASE_INBOXWORKER_H
+
+#include <lxbase/LxbaseExport.h>
+
+#include <lxutils/LxThread.h>
+
+#include <QMap>
+#include <QMutex>
+#include <QString>
+#include <QVariant>
+#include <QVector>
+
+#include <atomic>
+
+class IMessageInterface;
+class Parking;
+struct EventQueueItem;
+struct LogPlace;
+struct MsgQueueItem;
+
+// The part of a worker that does not depend on what its inbox holds.
+//
+// Life: made by the center at registration, set up by the setters, started; its loop ends only when
+// the stop flag is set (there is no event loop, so quit() alone does nothing); released by the
+// center after that.
+class LXBASE_EXPORT InboxWorkerBase : public LxThread
+{
+public:
+    ~InboxWorkerBase() override;
+
+    // The ID of the plugin that is served. Called before start.
+    void setId(QString id);
+    const QString& id() const { return m_id; }
+
+    // The plugin whose handler is called on this thread; not owned, and alive until the thread has
+    // ended. Null changes nothing; without a plugin, items are taken out and freed undelivered.
+    // Called before start.
+    void setInterface(IMessageInterface* pInterface);
+
+    // The mutex of the inbox; owned by the worker from here on. Null changes nothing; without a
+    // mutex the loop never looks at the inbox and only waits for the stop flag. Called before
+    // start.
+    void setMutex(QMutex* mutex);
+
+    // Ours: where the thread waits while its inbox is empty; owned by the worker from here on.
+    // Without one (null changes nothing) it polls. Called before start.
+    void setParking(Parking* parking);
+
+    // Asks the loop to end: after the handler call in progress, or within one look at the inbox.
+    // What is still queued then is freed undelivered. Any thread.
+    void setStop(bool stop);
+
+protected:
+    InboxWorkerBase() = default;
+
+    // constant after start
+    QMutex* m_mutex = nullptr;
+    QString m_id;
+    IMessageInterface* m_interface = nullptr;
+    Parking* m_parking = nullptr;
+
+    // set by the thread that unregisters, read by the loop without a lock
+    std::atomic<bool> m_stop{false};
+
+    // touched by the worker's own thread only: number of items found by one look at the inbox, to
+    // the number of looks that found that many (saturating); key 0 counts the empty looks
+    QMap<int, int> m_batch_stats;
+};
+
+// The inbox and the loop. `Item` is MsgQueueItem or EventQueueItem; both are compiled once, in
+// InboxWorker.cpp. A derived worker is an instance of this with a WorkerProfile.
+template<class Item>
+class InboxWorker : public InboxWorkerBase
+{
+public:
+    // Frees the inbox with the items still in it, and its mutex. The thread must have ended.
+    ~InboxWorker() override;
+
+    // The inbox: pointers to items made with `new`, appended by any thread under the mutex; owned
+    // by the worker from here on. Null changes nothing. Called before start.
+    void setList(QVector<Item*>* list);
+
+protected:
+    // How the waiting items are taken out of the inbox, with its mutex held.
+    enum class Take {
+        Exchange, // swap with an empty vector: constant time
+        Copy,     // copy the pointers and empty the inbox in place: its storage stays where it is
+    };
+    // What happens to the batch statistics once a record of them has been written.
+    enum class AfterRecord { KeepCounts, StartAnew };
+
+    // Everything in which the three workers differ.
+    struct WorkerProfile
+    {
+        void (IMessageInterface::*handler)(QString srcId, QVariant type, QVariant data);
+        Take take;
+        quint32 recordIntervalMs; // least time between two statistics records
+        AfterRecord afterRecord;
+        const char* recordText;
+    };
+
+    InboxWorker() = default;
+
+    // The loop: the body of run().
+    void drain(const WorkerProfile& profile, const LogPlace& place);
+
+    QVector<Item*>* m_list = nullptr;
+
+private:
+    void takeBatch(QVector<Item*>& batch, Take take);
+    void deliver(const QVector<Item*>& batch, const WorkerProfile& profile);
+    void countLook(int items);
+    void writeRecord(const WorkerProfile& profile, const LogPlace& place);
+};
+
+extern template class LXBASE_EXPORT InboxWorker<MsgQueueItem>;
+extern template class LXBASE_EXPORT InboxWorker<EventQueueItem>;
+
+#endif

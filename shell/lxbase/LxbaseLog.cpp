@@ -1,0 +1,3 @@
+#include <lxbase/LxbaseLog.h>
+
+Q_LOGGING_CATEGORY(lcLxbase, "lxbase")

@@ -1,0 +1,26 @@
+// The logging category of the bus, and the place in the source that a shared routine logs for.
+// Internal: not installed.
+#ifndef LXBASE_LXBASELOG_H
+#define LXBASE_LXBASELOG_H
+
+#include <QLoggingCategory>
+
+// Category "lxbase", all levels on by default: a host silences or opens the bus alone with the
+// framework's filter rules, e.g. "lxbase.debug=false". A disabled level formats nothing.
+const QLoggingCategory& lcLxbase();
+
+// File, line and function of a record that is written by code shared between several units.
+struct LogPlace
+{
+    const char* file;
+    int line;
+    const char* function;
+};
+
+#define LXBASE_LOG_PLACE                                                                           \
+    LogPlace                                                                                       \
+    {                                                                                              \
+        __FILE__, __LINE__, Q_FUNC_INFO                                                            \
+    }
+
+#endif

@@ -1,0 +1,117 @@
+// IMessageInterface, the base class of every plugin, and CRegManager, the static facade of the bus.
+#ifndef LXBASE_MESSAGEINTERFACE_H
+#define LXBASE_MESSAGEINTERFACE_H
+
+#include <lxbase/LxbaseExport.h>
+#include <lxbase/RelationColor.h>
+
+#include <QObject>
+#include <QString>
+#include <QVariant>
+
+class CEventMessageCommon;
+class CMessageCommon;
+
+// A plugin derives from this class, registers, subscribes, puts, and receives in its handlers.
+//
+// Threads: every operation may be called from any thread, a handler included, save that UnReg is
+// never called from a handler of the plugin it names. Each handler kind is called on a worker
+// thread of its own: calls of one kind never overlap and come in the order of the puts, calls of
+// different kinds may run at the same time.
+//
+// Life: the object stays alive from Reg until UnReg has returned; after that no handler is called.
+class LXBASE_EXPORT IMessageInterface : public QObject
+{
+    Q_OBJECT
+public:
+    // What a plugin receives; combined with | at registration. Each flag costs one thread.
+    enum ThreadType {
+        MessageThread = 2,   // messages: RecvMsg
+        QuotationThread = 4, // quotations: RecvQuotationMsg
+        EventThread = 8,     // events: RecvEvent
+    };
+
+    explicit IMessageInterface(QObject* parent = nullptr);
+    ~IMessageInterface() override;
+
+    // Registers `pInterface` (normally `this`; not owned) under `id` and starts its workers, at the
+    // priority of the calling thread. The worker objects belong to the calling thread and are
+    // deleted by its event loop after UnReg. Refused with a critical log record, leaving things as
+    // they are: an empty ID, an ID that is registered already (each of the message side and the
+    // event side decides for itself). Reg and UnReg of one ID must not overlap.
+    void Reg(QString id, IMessageInterface* pInterface, ThreadType type);
+
+    // Ends the subscriptions and the registration of `id`. Returns when its handlers have returned
+    // and its workers have ended; what waited in its inboxes is freed undelivered. An unknown ID is
+    // ignored. From a handler of the plugin itself it is refused with a critical log record.
+    void UnReg(QString id);
+
+    // Sends a message to the plugin named by its destination ID or, if that is empty, to every
+    // subscriber of its type but `srcId`, and to the net plugin if its send-to-net flag is set.
+    // `srcId` is the sender that receivers see. Owns `pMsg`, made with `new`, from the call on and
+    // deletes it before it returns; null is ignored. A destination that is not registered is
+    // reported by a warning log record.
+    void Put(QString srcId, CMessageCommon* pMsg);
+
+    // Publishes an event to the plugin named by its destination ID or, if that is empty, to every
+    // subscriber of its type but `srcId` and to the relation groups of `srcId`. Ownership and
+    // reporting as for Put; an empty source ID in the event is set to `srcId`.
+    void PutEvent(QString srcId, CEventMessageCommon* pMsg);
+
+    // For the net plugin: hands in a network message, or a quotation, for its destination or the
+    // subscribers of its type, and for the outside queue of its path. `srcId` is not used:
+    // receivers see the net plugin's ID. Owns `pMsg`, made with `new`, from the call on; it is
+    // deleted when its last holder releases it. Before CMessageCenter::Start only the queue gets it
+    // and a warning is logged.
+    void PutNetMsg(QString srcId, CMessageCommon* pMsg);
+    void PutQuotationMsg(QString srcId, CMessageCommon* pMsg);
+
+    // Subscribes (`oper` 1) `id` to messages and quotations, or to events, of `type`, or ends one
+    // such subscription (`oper` 2); any other `oper` does nothing. Subscribing twice delivers
+    // twice. Needs no registration; UnReg ends all subscriptions of an ID.
+    void Sub(QString id, QVariant type, int oper);
+    void SubEvent(QString id, QVariant type, int oper);
+
+    // Adds (`oper` 1) the ID `to` to the group of `color` that is filed under the base ID `from`
+    // and the event type `type`, taking it out of the other colours there; or removes it from that
+    // one colour (`oper` 2). An empty `from`, another `oper` or a colour outside 0 to 6 does
+    // nothing.
+    void setRelation(const QString& from, const QString& to, int type, RelationColor_t color,
+                     int oper);
+
+    // The handlers, each called on its own worker thread with copies of what was put; `srcId` is
+    // the sender as given to the put, the net plugin's ID for what came in from the network. A
+    // handler must not let an exception escape.
+    virtual void RecvMsg(QString srcId, QVariant type, QVariant data) = 0;
+    virtual void RecvEvent(QString srcId, QVariant type, QVariant data) = 0;
+    virtual void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) = 0;
+};
+
+constexpr IMessageInterface::ThreadType operator|(IMessageInterface::ThreadType a,
+                                                  IMessageInterface::ThreadType b)
+{
+    return static_cast<IMessageInterface::ThreadType>(static_cast<int>(a) | static_cast<int>(b));
+}
+
+// The operations of IMessageInterface for code that is no plugin; what is said there holds here.
+// Each forwards to the operation of the same name of the center.
+class LXBASE_EXPORT CRegManager : public QObject
+{
+    Q_OBJECT
+public:
+    CRegManager();
+    ~CRegManager() override;
+
+    static void Reg(QString id, IMessageInterface* pInterface, IMessageInterface::ThreadType type);
+    static void UnReg(QString id);
+    static void Put(QString srcId, CMessageCommon* pMsg);
+    static void PutEvent(QString srcId, CEventMessageCommon* pMsg);
+    static void PutNetMsg(QString srcId, CMessageCommon* pMsg);
+    static void PutQuotationMsg(QString srcId, CMessageCommon* pMsg);
+    static void Sub(QString id, QVariant type, int oper);
+    static void SubEvent(QString id, QVariant type, int oper);
+    static void setRelation(const QString& from, const QString& to, int type, RelationColor_t color,
+                            int oper);
+};
+
+#endif

@@ -1,0 +1,15 @@
+#include <lxbase/MessageWorkerThread.h>
+
+#include <lxbase/LxbaseLog.h>
+#include <lxbase/MessageInterface.h>
+
+CMessageWorkerThread::CMessageWorkerThread() = default;
+
+CMessageWorkerThread::~CMessageWorkerThread() = default;
+
+void CMessageWorkerThread::run()
+{
+    drain({&IMessageInterface::RecvMsg, Take::Exchange, 300000, AfterRecord::KeepCounts,
+           "CMessageWorkerThread::run"},
+          LXBASE_LOG_PLACE);
+}

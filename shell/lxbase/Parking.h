@@ -1,0 +1,59 @@
+// Parking: where a thread waits for its list to fill, instead of polling it.
+// Internal: not installed.
+#ifndef LXBASE_PARKING_H
+#define LXBASE_PARKING_H
+
+#include <QMutex>
+#include <QVector>
+
+#include <atomic>
+#include <condition_variable>
+#include <utility>
+
+// One belongs to one list (an inbox, or a list of the network paths), the mutex of that list and
+// the one thread that drains it. It exists only under IdlePolicy::Park; wherever the functions
+// below take a null Parking, the list is polled.
+class Parking
+{
+public:
+    Parking() = default;
+    Q_DISABLE_COPY(Parking)
+
+private:
+    friend void idle(QMutex& mutex, Parking* parking, const std::atomic<bool>& stop);
+    friend void wake(QMutex& mutex, Parking* parking);
+    template<class T>
+    friend void append(QVector<T>& list, QMutex& mutex, Parking* parking, const T& element);
+
+    // With the list's mutex held: whether the thread waits; if so it must be notified, by whoever
+    // learnt it, after the mutex has been released.
+    bool claim() { return std::exchange(m_parked, false); }
+
+    std::condition_variable_any m_condition;
+    bool m_parked = false; // guarded by the mutex of the list
+};
+
+// What a thread does after an empty look at its list, the only place where the two idle policies
+// differ. Called by the draining thread with `mutex` held, returns with it released: after the
+// shortest sleep that the thread offers, or, with a parking, when the list has become non-empty or
+// `stop` has been set.
+void idle(QMutex& mutex, Parking* parking, const std::atomic<bool>& stop);
+
+// Ends the wait of the draining thread; called without `mutex`, after the stop flag has been set.
+void wake(QMutex& mutex, Parking* parking);
+
+// Appends to a list and wakes its thread if that is waiting. The notification follows the unlock,
+// so that the woken thread finds the mutex free; the caller therefore keeps the parking alive until
+// this returns (the registry lock, or the center's call gate, does).
+template<class T>
+void append(QVector<T>& list, QMutex& mutex, Parking* parking, const T& element)
+{
+    mutex.lock();
+    list.append(element);
+    const bool parked = parking && parking->claim();
+    mutex.unlock();
+    if (parked)
+        parking->m_condition.notify_one();
+}
+
+#endif

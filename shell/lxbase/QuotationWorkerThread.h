@@ -1,0 +1,23 @@
+// CQuotationWorkerThread: delivers a plugin's quotations.
+#ifndef LXBASE_QUOTATIONWORKERTHREAD_H
+#define LXBASE_QUOTATIONWORKERTHREAD_H
+
+#include <lxbase/MessageWorkerThread.h>
+
+// One per plugin registered with QuotationThread, named "<ID>_QuotationWorkerThread". Calls
+// RecvQuotationMsg on this thread, once per item, in the order in which the items were put; market
+// data and ordinary messages thus never wait for one another.
+//
+// Every minute or more, right after a batch, it writes a debug record of its batch statistics and
+// starts them anew; an idle worker writes none.
+class LXBASE_EXPORT CQuotationWorkerThread : public InboxWorker<MsgQueueItem>
+{
+    Q_OBJECT
+public:
+    CQuotationWorkerThread();
+    ~CQuotationWorkerThread() override;
+
+    void run() override;
+};
+
+#endif

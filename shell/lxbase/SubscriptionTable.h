@@ -1,0 +1,59 @@
+// SubscriptionTable: who subscribed to what, on the message side or on the event side.
+// Internal: not installed.
+#ifndef LXBASE_SUBSCRIPTIONTABLE_H
+#define LXBASE_SUBSCRIPTIONTABLE_H
+
+#include <QMap>
+#include <QMutex>
+#include <QString>
+#include <QVariant>
+#include <QVector>
+
+// The operations on one side's pair of maps. The maps, their mutexes and the vectors in them are
+// members of the center; this is a view that the center makes where it needs one.
+//
+// A pair may be recorded several times. An entry whose vector has become empty stays: a type's for
+// the life of the center, an ID's until removeAll.
+//
+// Locks: at most both of this table, the one of the IDs first.
+class SubscriptionTable
+{
+public:
+    using IdsByType = QMap<QVariant, QVector<QString>*>;
+    using TypesById = QMap<QString, QVector<QVariant>*>;
+
+    SubscriptionTable(IdsByType& idsByType, QMutex& idsMutex, TypesById& typesById,
+                      QMutex& typesMutex);
+
+    // Sub and SubEvent: `oper` 1 records the pair once more, 2 removes its first record, any other
+    // does nothing.
+    void change(const QString& id, const QVariant& type, int oper);
+
+    // Removes every record of `id`.
+    void removeAll(const QString& id);
+
+    // Calls `visit` with the IDs subscribed to `type`, in the order of subscription and with the
+    // mutex of the subscribers held. False: the type has no entry.
+    template<class Visit>
+    bool forEachSubscriber(const QVariant& type, Visit visit) const
+    {
+        const QMutexLocker locker(&m_ids_mutex);
+        const auto ids = m_ids_by_type.constFind(type);
+        if (ids == m_ids_by_type.constEnd())
+            return false;
+        for (const QString& id : qAsConst(**ids))
+            visit(id);
+        return true;
+    }
+
+    // Frees both maps, at the end of the center.
+    void clear();
+
+private:
+    IdsByType& m_ids_by_type;
+    QMutex& m_ids_mutex;
+    TypesById& m_types_by_id;
+    QMutex& m_types_mutex;
+};
+
+#endif

@@ -1,0 +1,7 @@
+#include <lxutils/LxThread.h>
+
+LxThread::LxThread(QObject* parent)
+    : QThread(parent)
+{ }
+
+LxThread::~LxThread() = default;
