@@ -1,0 +1,96 @@
+#include <lxtest/LogCapture.h>
+
+#include <QMutex>
+
+#include <cstring>
+
+namespace {
+
+// A thread that logs may be on its way through the handler when the capture ends.
+QMutex captureMutex;
+lxtest::LogCapture* current = nullptr;  // guarded by captureMutex
+QtMessageHandler nextHandler = nullptr; // guarded by captureMutex
+
+const char* nameOf(QtMsgType level)
+{
+    switch (level) {
+    case QtDebugMsg:
+        return "debug";
+    case QtInfoMsg:
+        return "info";
+    case QtWarningMsg:
+        return "warning";
+    case QtCriticalMsg:
+        return "critical";
+    case QtFatalMsg:
+        break;
+    }
+    return "fatal";
+}
+
+} // namespace
+
+namespace lxtest {
+
+LogCapture::LogCapture()
+{
+    const QMutexLocker locker(&captureMutex);
+    if (current)
+        qFatal("two log captures at a time");
+    current = this;
+    nextHandler = qInstallMessageHandler(&LogCapture::take);
+}
+
+LogCapture::~LogCapture()
+{
+    const QMutexLocker locker(&captureMutex);
+    current = nullptr;
+    qInstallMessageHandler(nextHandler);
+}
+
+QVector<LogRecord> LogCapture::records() const
+{
+    const QMutexLocker locker(&captureMutex);
+    return m_records;
+}
+
+QStringList LogCapture::texts(QtMsgType level) const
+{
+    QStringList result;
+    for (const LogRecord& record : records()) {
+        if (record.level == level)
+            result << record.text;
+    }
+    return result;
+}
+
+QStringList LogCapture::lines() const
+{
+    QStringList result;
+    for (const LogRecord& record : records())
+        result << QLatin1String(nameOf(record.level)) + QLatin1String(": ") + record.text;
+    return result;
+}
+
+void LogCapture::clear()
+{
+    const QMutexLocker locker(&captureMutex);
+    m_records.clear();
+}
+
+void LogCapture::take(QtMsgType level, const QMessageLogContext& context, const QString& text)
+{
+    QMutexLocker locker(&captureMutex);
+    if (current && context.category && std::strcmp(context.category, "lxbase") == 0) {
+        current->m_records.append({level, QString::fromLatin1(context.category),
+                                   QString::fromLocal8Bit(context.file), context.line,
+                                   QString::fromLatin1(context.function), text});
+        return;
+    }
+    const QtMessageHandler next = nextHandler;
+    locker.unlock();
+    if (next)
+        next(level, context, text);
+}
+
+} // namespace lxtest

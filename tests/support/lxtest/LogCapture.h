@@ -1,0 +1,49 @@
+// LogCapture: what the bus logs while a test runs.
+#ifndef LXTEST_LOGCAPTURE_H
+#define LXTEST_LOGCAPTURE_H
+
+#include <QString>
+#include <QStringList>
+#include <QVector>
+#include <QtGlobal>
+
+namespace lxtest {
+
+struct LogRecord
+{
+    QtMsgType level;
+    QString category;
+    QString file;
+    int line;
+    QString function;
+    QString text;
+};
+
+// Takes the records of the category "lxbase" for as long as it lives, from every thread; the others
+// go on to the handler that was there before. One at a time.
+class LogCapture
+{
+public:
+    LogCapture();
+    ~LogCapture();
+    Q_DISABLE_COPY(LogCapture)
+
+    QVector<LogRecord> records() const;
+
+    // Of one level, in order.
+    QStringList texts(QtMsgType level) const;
+
+    // Of every level, in order, each behind its level: "warning: ...".
+    QStringList lines() const;
+
+    void clear();
+
+private:
+    static void take(QtMsgType level, const QMessageLogContext& context, const QString& text);
+
+    QVector<LogRecord> m_records;
+};
+
+} // namespace lxtest
+
+#endif

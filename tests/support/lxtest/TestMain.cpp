@@ -1,0 +1,70 @@
+#include <lxtest/TestMain.h>
+
+#include <lxtest/Wait.h>
+
+#include <QCoreApplication>
+#include <QMap>
+#include <QProcess>
+#include <QtTest>
+
+#include <memory>
+#include <utility>
+
+namespace lxtest {
+
+namespace {
+
+const char childOption[] = "--child";
+
+QMap<QByteArray, std::function<int()>>& scenarios()
+{
+    static QMap<QByteArray, std::function<int()>> map;
+    return map;
+}
+
+} // namespace
+
+CMessageCenter::IdlePolicy idlePolicy()
+{
+    return qgetenv("LXTEST_IDLE") == "park" ? CMessageCenter::IdlePolicy::Park
+                                            : CMessageCenter::IdlePolicy::Poll;
+}
+
+ChildScenario::ChildScenario(const char* name, std::function<int()> body)
+{
+    scenarios().insert(name, std::move(body));
+}
+
+ChildResult runChild(const char* scenario)
+{
+    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+    environment.insert(QStringLiteral("QT_MESSAGE_PATTERN"),
+                       QStringLiteral("%{type} %{category}: %{message}"));
+    QProcess child;
+    child.setProcessEnvironment(environment);
+    child.start(QCoreApplication::applicationFilePath(),
+                {QLatin1String(childOption), QLatin1String(scenario)});
+    if (!child.waitForFinished(deadlineMs)) {
+        child.kill();
+        child.waitForFinished();
+    }
+    const QString log = QString::fromLocal8Bit(child.readAllStandardError());
+    return {child.exitStatus() == QProcess::NormalExit, child.exitCode(),
+            log.split(QLatin1Char('\n'), Qt::SkipEmptyParts)};
+}
+
+int testMain(int argc, char** argv, const std::function<QObject*()>& makeTest)
+{
+    QCoreApplication application(argc, argv);
+    CMessageCenter::GetInstance()->setIdlePolicy(idlePolicy());
+    if (argc == 3 && qstrcmp(argv[1], childOption) == 0) {
+        const auto scenario = scenarios().constFind(argv[2]);
+        if (scenario == scenarios().constEnd())
+            qFatal("no such scenario: %s", argv[2]);
+        return (*scenario)();
+    }
+    const std::unique_ptr<QObject> test(makeTest());
+    return QTest::qExec(test.get(), argc, argv);
+}
+
+} // namespace lxtest
