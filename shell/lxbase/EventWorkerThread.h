@@ -4,6 +4,8 @@
 
 #include <lxbase/InboxWorker.h>
 
+#include <cstddef>
+
 // One event for one receiver: made with `new` by PutEvent, deleted by the worker after the handler
 // call.
 struct LXBASE_EXPORT EventQueueItem
@@ -11,6 +13,10 @@ struct LXBASE_EXPORT EventQueueItem
     QString src_id; // the publisher's ID, as given to the put
     QVariant type;
     QVariant data; // the payload
+
+    // From a scalable allocator: an item is deleted on another thread than it was made on.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* item) noexcept;
 };
 
 // One per plugin registered with EventThread, named "<ID>_EventWorkerThread". Calls RecvEvent on

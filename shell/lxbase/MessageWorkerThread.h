@@ -4,6 +4,8 @@
 
 #include <lxbase/InboxWorker.h>
 
+#include <cstddef>
+
 // One message for one receiver: made with `new` by the put paths, queued in a message or quotation
 // inbox, deleted by the worker after the handler call.
 struct LXBASE_EXPORT MsgQueueItem
@@ -12,6 +14,10 @@ struct LXBASE_EXPORT MsgQueueItem
     QVariant type;
     QString trace_id; // not passed to the handler; empty for quotations
     QVariant data;    // the payload
+
+    // From a scalable allocator: an item is deleted on another thread than it was made on.
+    static void* operator new(std::size_t size);
+    static void operator delete(void* item) noexcept;
 };
 
 // One per plugin registered with MessageThread, named "<ID>_MessageWorkerThread". Calls RecvMsg on

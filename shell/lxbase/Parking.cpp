@@ -2,18 +2,24 @@
 
 #include <QThread>
 
+// No wake-up is lost: both the decision to wait and every claim are made under the mutex, and the
+// stop flag is set before the claim that follows it.
 void idle(QMutex& mutex, Parking* parking, const std::atomic<bool>& stop)
 {
     if (!parking) {
         mutex.unlock();
         QThread::usleep(1);
-        return;
+    } else if (parking->m_looks++ < Parking::LooksBeforeWait) {
+        mutex.unlock();
+        QThread::yieldCurrentThread();
+    } else {
+        const bool waits = !stop;
+        parking->m_waits = waits;
+        parking->m_looks = 0;
+        mutex.unlock();
+        if (waits)
+            parking->m_wakeUps.acquire();
     }
-    parking->m_parked = true;
-    while (parking->m_parked && !stop)
-        parking->m_condition.wait(mutex);
-    parking->m_parked = false;
-    mutex.unlock();
 }
 
 void wake(QMutex& mutex, Parking* parking)
@@ -21,8 +27,8 @@ void wake(QMutex& mutex, Parking* parking)
     if (!parking)
         return;
     mutex.lock();
-    const bool parked = parking->claim();
+    const bool waits = parking->claim();
     mutex.unlock();
-    if (parked)
-        parking->m_condition.notify_one();
+    if (waits)
+        parking->m_wakeUps.release();
 }

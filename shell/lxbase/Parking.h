@@ -4,10 +4,10 @@
 #define LXBASE_PARKING_H
 
 #include <QMutex>
+#include <QSemaphore>
 #include <QVector>
 
 #include <atomic>
-#include <condition_variable>
 #include <utility>
 
 // One belongs to one list (an inbox, or a list of the network paths), the mutex of that list and
@@ -25,18 +25,23 @@ private:
     template<class T>
     friend void append(QVector<T>& list, QMutex& mutex, Parking* parking, const T& element);
 
-    // With the list's mutex held: whether the thread waits; if so it must be notified, by whoever
-    // learnt it, after the mutex has been released.
-    bool claim() { return std::exchange(m_parked, false); }
+    // How often the thread looks again, giving way to others in between, before it waits: while
+    // messages come in a burst the next one is on its way, and a wait and a wake cost many looks.
+    static constexpr int LooksBeforeWait = 20;
 
-    std::condition_variable_any m_condition;
-    bool m_parked = false; // guarded by the mutex of the list
+    // With the list's mutex held: whether the thread waits. Whoever learns so wakes it, once, after
+    // the mutex has been released.
+    bool claim() { return std::exchange(m_waits, false); }
+
+    bool m_waits = false; // guarded by the mutex of the list
+    QSemaphore m_wakeUps; // one for each claim that found the thread waiting
+    int m_looks = 0;      // empty looks since the last wait; touched by the draining thread only
 };
 
 // What a thread does after an empty look at its list, the only place where the two idle policies
 // differ. Called by the draining thread with `mutex` held, returns with it released: after the
-// shortest sleep that the thread offers, or, with a parking, when the list has become non-empty or
-// `stop` has been set.
+// shortest sleep that the thread offers, or, with a parking, when the list has become non-empty,
+// `stop` has been set, or another look is due.
 void idle(QMutex& mutex, Parking* parking, const std::atomic<bool>& stop);
 
 // Ends the wait of the draining thread; called without `mutex`, after the stop flag has been set.
@@ -50,10 +55,10 @@ void append(QVector<T>& list, QMutex& mutex, Parking* parking, const T& element)
 {
     mutex.lock();
     list.append(element);
-    const bool parked = parking && parking->claim();
+    const bool waits = parking && parking->claim();
     mutex.unlock();
-    if (parked)
-        parking->m_condition.notify_one();
+    if (waits)
+        parking->m_wakeUps.release();
 }
 
 #endif
