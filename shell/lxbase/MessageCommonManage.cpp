@@ -12,6 +12,11 @@ namespace {
 // Keeps the records reachable after the pool, for whoever still holds one.
 QList<CMessageCommon*>* recordsThatOutliveThePool = nullptr;
 
+// Nothing in the library calls the inline accessor. Naming it here puts the one pool into the
+// library, where the plugins that compiled the accessor too find it.
+[[gnu::used]] CMessageCommonManage* (*const accessorOfThePool)() =
+    &CMessageCommonManage::GetInstance;
+
 } // namespace
 
 CMessageCommonManage::CMessageCommonManage()
