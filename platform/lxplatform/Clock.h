@@ -1,4 +1,5 @@
 // The desktop platform's tick counter and millisecond sleep.
+// Internal: not installed.
 //
 // The two functions are linked, not inlined: a test links an implementation of its own in their
 // place and so drives the time that the bus sees.

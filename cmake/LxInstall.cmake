@@ -1,0 +1,68 @@
+# The installed package: CMake package and pkg-config file, both relocatable, and Debian packages.
+include(CMakePackageConfigHelpers)
+
+set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/lxbase)
+install(EXPORT lxbaseTargets NAMESPACE lxbase:: DESTINATION ${package_dir} COMPONENT development)
+configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/lxbaseConfig.cmake.in lxbaseConfig.cmake
+    INSTALL_DESTINATION ${package_dir})
+write_basic_package_version_file(lxbaseConfigVersion.cmake COMPATIBILITY SameMajorVersion)
+install(FILES
+    ${PROJECT_BINARY_DIR}/lxbaseConfig.cmake
+    ${PROJECT_BINARY_DIR}/lxbaseConfigVersion.cmake
+    DESTINATION ${package_dir} COMPONENT development)
+
+# pkg-config: paths relative to the file itself; siblings that are not ours bring files of their own
+set(pc_dir ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+file(RELATIVE_PATH pc_to_prefix /${pc_dir} /)
+set(pc_libs -llxbase)
+foreach(sibling IN ITEMS lxevent lxmsg lxutils)
+    if(NOT sibling IN_LIST LXBASE_EXTERNAL_SIBLINGS)
+        string(APPEND pc_libs " -l${sibling}")
+    endif()
+endforeach()
+list(JOIN LXBASE_EXTERNAL_SIBLINGS " " pc_external)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/lxbase.pc.in lxbase.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/lxbase.pc DESTINATION ${pc_dir} COMPONENT development)
+
+# What a plugin author copies.
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/plugin-template
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/lxbase COMPONENT development)
+
+# Debian packages, one per component, with dependencies worked out from the binaries. Best made from
+# a build that was configured for /usr.
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
+set(CPACK_PACKAGE_CONTACT "The lxbase maintainers <maintainers@lxbase.invalid>")
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
+    $<TARGET_FILE_DIR:lxbase> $<TARGET_FILE_DIR:lxevent> $<TARGET_FILE_DIR:lxmsg>
+    $<TARGET_FILE_DIR:lxutils>)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY "=")
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME liblxbase${PROJECT_VERSION_MAJOR})
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+set(CPACK_COMPONENT_RUNTIME_DESCRIPTION
+    "${PROJECT_DESCRIPTION}: shared libraries")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME liblxbase-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS "qtbase5-dev (>= 5.15), libtbb-dev")
+set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
+set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
+    "${PROJECT_DESCRIPTION}: headers, CMake package, plugin template")
+
+if(LXBASE_BUILD_CLIENT)
+    list(APPEND CPACK_COMPONENTS_ALL client)
+    set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME lxclient)
+    set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION misc)
+    set(CPACK_COMPONENT_CLIENT_DEPENDS runtime)
+    set(CPACK_COMPONENT_CLIENT_DESCRIPTION
+        "${PROJECT_DESCRIPTION}: the reference client and its plugins")
+endif()
+include(CPack)
