@@ -13,6 +13,8 @@
 #include <QVector>
 
 #include <memory>
+#include <type_traits>
+#include <utility>
 
 class IMessageInterface;
 
@@ -42,21 +44,23 @@ Worker* startWorker(const QString& id, const char* nameSuffix, IMessageInterface
     return worker;
 }
 
-// Appends what `makeItem` makes to the inbox of `id` that `inboxOf` picks from its registry record.
-// A record without that inbox gets nothing. False: the ID is not registered.
+// Queues an item with `values` (copied, or moved from an rvalue) in the inbox of `id` that
+// `inboxOf` picks from its registry record. A record without that inbox gets nothing. False: the ID
+// is not registered.
 //
-// The registry lock is held throughout, so the receiver cannot be released in between.
-template<class Registry, class InboxOf, class MakeItem>
+// The item is made before the lock is taken. The lock is held until the item is in the inbox, so
+// the receiver cannot be released in between.
+template<class Registry, class InboxOf, class Values>
 bool deliver(const Registry& registry, QMutex& registryMutex, const QString& id, InboxOf inboxOf,
-             MakeItem makeItem)
+             Values&& values)
 {
+    auto item = std::make_unique<std::decay_t<Values>>(std::forward<Values>(values));
     const QMutexLocker locker(&registryMutex);
     const auto record = registry.constFind(id);
     if (record == registry.constEnd())
         return false;
     const auto inbox = inboxOf(**record);
     if (inbox.list) {
-        auto item = makeItem();
         append(*inbox.list, *inbox.mutex, inbox.parking, item.get());
         item.release();
     }
@@ -66,17 +70,18 @@ bool deliver(const Registry& registry, QMutex& registryMutex, const QString& id,
 enum class Routed { Done, UnknownDestination, UnknownType };
 
 // Where a record goes, on every path: to its destination if it names one, else to the subscribers
-// of its type save `skippedId` (null: all of them). `deliverTo` takes an ID and says whether it is
-// registered; subscribers that are not are passed over.
-template<class DeliverTo>
-Routed route(const QString& dstId, const QVariant& type, const QString* skippedId,
+// of its type save `skippedId` (null: all of them). `deliverTo` takes an ID and the values for its
+// item and says whether the ID is registered; subscribers that are not are passed over. A directed
+// record gives its values away, a broadcast copies them for each receiver.
+template<class Item, class DeliverTo>
+Routed route(const QString& dstId, Item& values, const QString* skippedId,
              const SubscriptionTable& subscriptions, DeliverTo deliverTo)
 {
     if (!dstId.isEmpty())
-        return deliverTo(dstId) ? Routed::Done : Routed::UnknownDestination;
-    const bool known = subscriptions.forEachSubscriber(type, [&](const QString& id) {
+        return deliverTo(dstId, std::move(values)) ? Routed::Done : Routed::UnknownDestination;
+    const bool known = subscriptions.forEachSubscriber(values.type, [&](const QString& id) {
         if (!skippedId || id != *skippedId)
-            deliverTo(id);
+            deliverTo(id, qAsConst(values));
     });
     return known ? Routed::Done : Routed::UnknownType;
 }

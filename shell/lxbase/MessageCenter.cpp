@@ -110,21 +110,19 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
     const CallGate::Pass pass(centerGate);
     if (!msg || !pass)
         return;
-    const QVariant type = msg->GetType();
     const QString dst = msg->GetDstid();
-    const auto deliverTo = [&](const QString& id) {
-        return deliver(m_msg_reg_hash, m_msg_reg_mutex, id, messageInbox, [&] {
-            return std::unique_ptr<MsgQueueItem>(
-                new MsgQueueItem{srcId, type, msg->traceId(), msg->GetMsg()});
-        });
+    MsgQueueItem values{std::move(srcId), msg->GetType(), msg->traceId(), msg->GetMsg()};
+    const auto deliverTo = [this](const QString& id, auto&& item) {
+        return deliver(m_msg_reg_hash, m_msg_reg_mutex, id, messageInbox,
+                       std::forward<decltype(item)>(item));
     };
-    const Routed routed = route(dst, type, &srcId, msgSubscriptions(), deliverTo);
+    const Routed routed = route(dst, values, &values.src_id, msgSubscriptions(), deliverTo);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find " << dst;
     }
     if (dst.isEmpty() && msg->GetSendToNetFlag())
-        deliverTo(PluginID::PLUGINNET_GLOBALID);
+        deliverTo(PluginID::PLUGINNET_GLOBALID, std::move(values));
 }
 
 void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
@@ -196,20 +194,20 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
     const CallGate::Pass pass(centerGate);
     if (!msg || !pass)
         return;
-    const QVariant type = msg->GetType();
     const QString dst = msg->GetDstid();
-    const Routed routed = route(dst, type, nullptr, msgSubscriptions(), [&](const QString& id) {
-        return deliver(m_msg_reg_hash, m_msg_reg_mutex, id, messageInbox, [&] {
-            return std::unique_ptr<MsgQueueItem>(new MsgQueueItem{
-                PluginID::PLUGINNET_GLOBALID, type, msg->traceId(), msg->GetMsg()});
-        });
-    });
+    MsgQueueItem values{PluginID::PLUGINNET_GLOBALID, msg->GetType(), msg->traceId(),
+                        msg->GetMsg()};
+    const auto deliverTo = [this](const QString& id, auto&& item) {
+        return deliver(m_msg_reg_hash, m_msg_reg_mutex, id, messageInbox,
+                       std::forward<decltype(item)>(item));
+    };
+    const Routed routed = route(dst, values, nullptr, msgSubscriptions(), deliverTo);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find " << dst;
     } else if (routed == Routed::UnknownType) {
         qCDebug(lcLxbase) << "CMessageCenter::ProcessMsgByNetPut"
-                          << "MsgType: " << type << " has not sub";
+                          << "MsgType: " << values.type << " has not sub";
     }
 }
 
@@ -218,14 +216,13 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
     const CallGate::Pass pass(centerGate);
     if (!msg || !pass)
         return;
-    const QVariant type = msg->GetType();
     const QString dst = msg->GetDstid();
-    const Routed routed = route(dst, type, nullptr, msgSubscriptions(), [&](const QString& id) {
-        return deliver(m_msg_reg_hash, m_msg_reg_mutex, id, quotationInbox, [&] {
-            return std::unique_ptr<MsgQueueItem>(
-                new MsgQueueItem{PluginID::PLUGINNET_GLOBALID, type, QString(), msg->GetMsg()});
-        });
-    });
+    MsgQueueItem values{PluginID::PLUGINNET_GLOBALID, msg->GetType(), QString(), msg->GetMsg()};
+    const auto deliverTo = [this](const QString& id, auto&& item) {
+        return deliver(m_msg_reg_hash, m_msg_reg_mutex, id, quotationInbox,
+                       std::forward<decltype(item)>(item));
+    };
+    const Routed routed = route(dst, values, nullptr, msgSubscriptions(), deliverTo);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find,maybe dstId not register" << dst;

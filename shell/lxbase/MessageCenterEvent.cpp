@@ -62,13 +62,12 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
     if (event->GetSrcid().isEmpty())
         event->SetSrcid(srcId);
 
-    const auto deliverTo = [&](const QString& id) {
-        return deliver(m_event_reg_map, m_event_reg_mutex, id, eventInbox, [&] {
-            return std::unique_ptr<EventQueueItem>(
-                new EventQueueItem{srcId, type, event->GetMsg()});
-        });
+    EventQueueItem values{srcId, type, event->GetMsg()};
+    const auto deliverTo = [this](const QString& id, auto&& item) {
+        return deliver(m_event_reg_map, m_event_reg_mutex, id, eventInbox,
+                       std::forward<decltype(item)>(item));
     };
-    const Routed routed = route(dst, type, &srcId, eventSubscriptions(), deliverTo);
+    const Routed routed = route(dst, values, &srcId, eventSubscriptions(), deliverTo);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << event->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find " << dst;
@@ -94,7 +93,7 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
             continue;
         for (const QString& member : group) {
             if (member != srcId)
-                deliverTo(member);
+                deliverTo(member, qAsConst(values));
         }
     }
 }
