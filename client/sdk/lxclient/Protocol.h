@@ -1,0 +1,145 @@
+// What the plugins of lxclient say to one another: message and event types, the payload of each,
+// and the settings that the host hands to every plugin.
+#ifndef LXCLIENT_PROTOCOL_H
+#define LXCLIENT_PROTOCOL_H
+
+#include <lxclient/Decimal.h>
+
+#include <QMetaType>
+#include <QString>
+#include <QStringList>
+#include <QVariantMap>
+
+namespace lxclient {
+
+// ---- payloads --------------------------------------------------------------------------------
+// Travel by value in the payload variant: put QVariant::fromValue(quote), take data.value<Quote>().
+
+// One change of the best bid and ask of a symbol.
+struct Quote
+{
+    QString symbol;
+    quint64 sequence = 0; // of this symbol in this session, from 1 on without gaps
+    qint64 time_ms = 0;   // of the quotation, UTC, milliseconds since 1970
+    Decimal bid;
+    Decimal ask;
+};
+
+// The strategy's wish for an order, or its refusal: then `reason` says why.
+struct OrderRequest
+{
+    QString trace_id; // chosen by who asks; goes with everything that follows from the request
+    QString symbol;
+    qint64 quantity = 0; // positive
+    enum Side { Buy, Sell } side = Buy;
+    QString reason;
+};
+
+// An order on its way to the exchange; its acknowledgement is the order sent back.
+struct Order
+{
+    QString trace_id;
+    quint64 order_id = 0;
+    QString symbol;
+    qint64 quantity = 0; // signed: negative sells
+};
+
+// An order was filled, whole.
+struct Execution
+{
+    Order order;
+    Decimal price;
+    qint64 time_ms = 0; // of the quote at which it was filled
+};
+
+// A trend turned: a chart reader would look at this symbol now.
+struct Signal
+{
+    QString symbol;
+    bool rising = false;
+};
+
+// What is held of a symbol since an execution changed it.
+struct Position
+{
+    QString trace_id; // of the execution
+    QString symbol;
+    qint64 quantity = 0; // signed: negative is short
+};
+
+// A window shows another symbol.
+struct Selection
+{
+    QString symbol;
+};
+
+// ---- types -----------------------------------------------------------------------------------
+// Always an int: variants of unlike kinds may compare equal. Take numbers of your own from
+// FirstFreeType on.
+
+// messages
+constexpr int OrderRequestType = 0x41001;    // OrderRequest, directed to the orders plugin
+constexpr int OrderRefusedType = 0x41002;    // OrderRequest, directed back to who asked
+constexpr int OrderType = 0x41003;           // Order, broadcast and sent to the net
+constexpr int AcknowledgementType = 0x41004; // Order, from the net to who put the order
+constexpr int ExecutionType = 0x41005;       // Execution, from the net to all who subscribed
+constexpr int SignalType = 0x41006;          // Signal, directed to the first board
+
+// events
+constexpr int PositionType = 0x42001;  // Position, broadcast
+constexpr int SelectionType = 0x42002; // Selection, broadcast: reaches the linked windows only
+
+// quotations: one type per symbol, in the order of the setting "symbols"
+constexpr int FirstQuoteType = 0x50000;
+constexpr int FirstFreeType = 0x60000;
+
+// IDs of plugins that others address; the net plugin's is in <lxdefine/PluginID.h>.
+inline const QString OrdersId = QStringLiteral("orders");
+inline const QString FirstBoardId = QStringLiteral("board#1");
+
+// ---- settings --------------------------------------------------------------------------------
+// Given to every plugin. Settings of one plugin alone are described in its header; those given with
+// --set KEY=VALUE come as strings.
+namespace setting {
+
+inline const QString Symbols = QStringLiteral("symbols"); // QStringList: all that can be quoted
+inline const QString Linked = QStringLiteral("linked");   // QStringList: the instances whose window
+                                                          // has this one's colour, without itself
+
+} // namespace setting
+
+// The type of the quotations of `symbol`; -1 if it is not among the symbols.
+inline int quoteType(const QVariantMap& settings, const QString& symbol)
+{
+    const int index = settings.value(setting::Symbols).toStringList().indexOf(symbol);
+    return index < 0 ? -1 : FirstQuoteType + index;
+}
+
+} // namespace lxclient
+
+Q_DECLARE_METATYPE(lxclient::Quote)
+Q_DECLARE_METATYPE(lxclient::OrderRequest)
+Q_DECLARE_METATYPE(lxclient::Order)
+Q_DECLARE_METATYPE(lxclient::Execution)
+Q_DECLARE_METATYPE(lxclient::Signal)
+Q_DECLARE_METATYPE(lxclient::Position)
+Q_DECLARE_METATYPE(lxclient::Selection)
+
+namespace lxclient {
+
+// The host calls this before it loads plugins: the framework keeps the functions of whoever
+// registers a type first, and those of an unloaded library would be gone.
+inline void registerPayloads()
+{
+    qRegisterMetaType<Quote>();
+    qRegisterMetaType<OrderRequest>();
+    qRegisterMetaType<Order>();
+    qRegisterMetaType<Execution>();
+    qRegisterMetaType<Signal>();
+    qRegisterMetaType<Position>();
+    qRegisterMetaType<Selection>();
+}
+
+} // namespace lxclient
+
+#endif

@@ -1,0 +1,58 @@
+// Report: what a plugin tells the host about itself, for the end table and the ledger.
+#ifndef LXCLIENT_REPORT_H
+#define LXCLIENT_REPORT_H
+
+#include <QString>
+#include <QStringList>
+#include <QVector>
+
+namespace lxclient {
+
+// The ledger is a set of accounts. Everybody who put, passed on or received the same things posts
+// his own count of them to one account; the account balances when all its counts are equal. Nobody
+// may copy a count from another: a ledger of independent counts proves that nothing was lost or
+// doubled.
+//
+// The host also uses the accounts to learn that nothing is on its way any more: it waits until two
+// successive sets of reports are the same and balance. That is right only if every plugin
+//  - counts what it puts before it puts it, and
+//  - counts what it received after everything that its handler does because of it.
+struct Posting
+{
+    QString account; // e.g. "quotes EUR/USD"
+    QString what;    // which count of this plugin, if it posts several to the account: "sent"
+    quint64 count = 0;
+
+    bool operator==(const Posting& other) const
+    {
+        return account == other.account && what == other.what && count == other.count;
+    }
+};
+
+// A cell of the table of symbols. Two plugins may report the same cell; the ledger does not balance
+// if they differ.
+struct Cell
+{
+    QString symbol;
+    QString column;
+    QString text;
+};
+
+struct Report
+{
+    // what the three handlers received
+    quint64 messages = 0;
+    quint64 quotations = 0;
+    quint64 events = 0;
+
+    QStringList remarks; // short phrases beside the plugin in the end table: "shows EUR/USD"
+    QVector<Cell> cells;
+    QVector<Posting> postings;
+
+    // What must never happen and did, one sentence each; any unbalances the ledger.
+    QStringList faults;
+};
+
+} // namespace lxclient
+
+#endif
