@@ -3,4 +3,4 @@
 find_package(Qt5 5.15 REQUIRED COMPONENTS Core)
 enable_testing()
 add_subdirectory(tests/tsan)
-link_libraries(lxtsan_qt)
+link_libraries($<BUILD_INTERFACE:lxtsan_qt>)
