@@ -37,11 +37,7 @@ ChildScenario::ChildScenario(const char* name, std::function<int()> body)
 
 ChildResult runChild(const char* scenario)
 {
-    QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
-    environment.insert(QStringLiteral("QT_MESSAGE_PATTERN"),
-                       QStringLiteral("%{type} %{category}: %{message}"));
     QProcess child;
-    child.setProcessEnvironment(environment);
     child.start(QCoreApplication::applicationFilePath(),
                 {QLatin1String(childOption), QLatin1String(scenario)});
     if (!child.waitForFinished(deadlineMs)) {
@@ -56,8 +52,13 @@ ChildResult runChild(const char* scenario)
 int testMain(int argc, char** argv, const std::function<QObject*()>& makeTest)
 {
     QCoreApplication application(argc, argv);
+    const bool isChild = argc == 3 && qstrcmp(argv[1], childOption) == 0;
+    if (isChild) {
+        // set before the center is made, the pattern is there until the center is gone
+        qSetMessagePattern(QStringLiteral("%{type} %{category}: %{message}"));
+    }
     CMessageCenter::GetInstance()->setIdlePolicy(idlePolicy());
-    if (argc == 3 && qstrcmp(argv[1], childOption) == 0) {
+    if (isChild) {
         const auto scenario = scenarios().constFind(argv[2]);
         if (scenario == scenarios().constEnd())
             qFatal("no such scenario: %s", argv[2]);
