@@ -1,0 +1,3 @@
+#include <lxmsg/MessageCommon.h>
+
+CMessageCommon::~CMessageCommon() = default;
