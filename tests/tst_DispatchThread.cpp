@@ -41,7 +41,7 @@ struct Path
     const char* notStarted;
     const char* unknownDestination;
     bool reportsUnknownType;
-    std::unique_ptr<DispatchThread> (*makeThread)();
+    std::unique_ptr<CDispatchThread> (*makeThread)();
 };
 
 const Path net{&CMessageCenter::PutNetMsg,
@@ -53,7 +53,7 @@ const Path net{&CMessageCenter::PutNetMsg,
                "warning: net recv list is NULL,maybe no init netmodule",
                " failed!! because not find ",
                true,
-               [] { return std::unique_ptr<DispatchThread>(new CProcessMsgByNetPutThread); }};
+               [] { return std::unique_ptr<CDispatchThread>(new CProcessMsgByNetPutThread); }};
 
 const Path quotation{&CMessageCenter::PutQuotationMsg,
                      &CMessageCenter::regQuotationQueue,
@@ -64,7 +64,7 @@ const Path quotation{&CMessageCenter::PutQuotationMsg,
                      "warning: m_quotation_list is NULL,maybe no init netmodule",
                      " failed!! because not find,maybe dstId not register",
                      false,
-                     [] { return std::unique_ptr<DispatchThread>(new CProcessQuotationThread); }};
+                     [] { return std::unique_ptr<CDispatchThread>(new CProcessQuotationThread); }};
 
 void addPaths()
 {
@@ -392,7 +392,7 @@ private slots:
         Plugin plugin(path->flag);
         QMutex mutex;
         MessageList list;
-        const std::unique_ptr<DispatchThread> thread = path->makeThread();
+        const std::unique_ptr<CDispatchThread> thread = path->makeThread();
         const auto queued = [&](int number) { return Reference(message(plugin.id(), 1, number)); };
         list << queued(1) << Reference() << queued(2);
         list << Reference(new MessageWithEnd(plugin.id(), 3, [&] {
@@ -422,7 +422,7 @@ private slots:
         QFETCH(const Path*, path);
         QMutex mutex;
         MessageList list{Reference(message("nobody", 1))};
-        const std::unique_ptr<DispatchThread> thread = path->makeThread();
+        const std::unique_ptr<CDispatchThread> thread = path->makeThread();
         thread->setList(&list);
         thread->setMutex(&mutex);
         thread->setStop(true);
@@ -449,7 +449,7 @@ private slots:
         QFETCH(bool, hasMutex);
         QMutex mutex;
         MessageList list{Reference(message("nobody", 1))};
-        const std::unique_ptr<DispatchThread> thread = path->makeThread();
+        const std::unique_ptr<CDispatchThread> thread = path->makeThread();
         thread->setList(hasList ? &list : nullptr);
         thread->setMutex(hasMutex ? &mutex : nullptr);
         thread->start();

@@ -46,7 +46,7 @@ class Rig
 public:
     virtual ~Rig() = default;
 
-    virtual InboxWorkerBase& worker() = 0;
+    virtual CInboxWorkerBase& worker() = 0;
     // Queues one item per element, in one go; an invalid variant stands for a null item pointer.
     virtual void queue(const QVariantList& items) = 0;
     virtual int queued() = 0;
@@ -87,7 +87,7 @@ public:
             delete m_mutex;
     }
 
-    InboxWorkerBase& worker() override { return m_worker; }
+    CInboxWorkerBase& worker() override { return m_worker; }
 
     void queue(const QVariantList& items) override
     {
@@ -112,8 +112,8 @@ private:
     // given to the worker
     QVector<Item*>* const m_list = new QVector<Item*>;
     QMutex* const m_mutex = new QMutex;
-    Parking* const m_parking =
-        idlePolicy() == CMessageCenter::IdlePolicy::Park ? new Parking : nullptr;
+    CParking* const m_parking =
+        idlePolicy() == CMessageCenter::IdlePolicy::Park ? new CParking : nullptr;
 
     Worker m_worker;
 };
@@ -294,26 +294,30 @@ private slots:
     void aStopLetsTheHandlerInProgressEndAndFreesTheRest_data() { addKinds(); }
     void aStopLetsTheHandlerInProgressEndAndFreesTheRest()
     {
-        {
-            const auto rig = makeRig();
-            rig->plugin.onCall([&](const Call& call) {
-                if (call.data.value<CountedPayload>().value == 2) {
-                    rig->worker().setStop(true);
-                    rig->queue({QVariant::fromValue(CountedPayload(6))}); // stays in the inbox
-                }
-            });
-            QVariantList items;
-            for (int i = 1; i <= 5; ++i)
-                items << QVariant::fromValue(CountedPayload(i));
-            rig->queue(items);
-            items.clear();
-            rig->start();
-            QVERIFY(rig->join());
-            QCOMPARE(rig->plugin.count(), 2);
-            QCOMPARE(CountedPayload::alive(), 3); // the two recorded ones and the queued one
-            QCOMPARE(rig->queued(), 1);
-        }
-        QCOMPARE(CountedPayload::alive(), 0); // the worker has freed what was in its inbox
+        const auto rig = makeRig();
+        rig->plugin.onCall([&](const Call& call) {
+            if (call.data.value<CountedPayload>().value == 2) {
+                rig->worker().setStop(true);
+                rig->queue({QVariant::fromValue(CountedPayload(6))}); // in the inbox, not the batch
+            }
+        });
+        QVariantList items;
+        for (int i = 1; i <= 5; ++i)
+            items << QVariant::fromValue(CountedPayload(i));
+        rig->queue(items);
+        items.clear();
+        rig->start();
+        QVERIFY(rig->join());
+        QCOMPARE(rig->plugin.count(), 2);
+        QCOMPARE(CountedPayload::alive(), 2); // the recorded ones
+        QCOMPARE(rig->queued(), 0);
+    }
+
+    void aWorkerFreesWhatIsInItsInboxWhenItIsDeleted_data() { addKinds(); }
+    void aWorkerFreesWhatIsInItsInboxWhenItIsDeleted()
+    {
+        makeRig()->queue({QVariant::fromValue(CountedPayload()), QVariant()});
+        QCOMPARE(CountedPayload::alive(), 0);
     }
 
     void aStopEndsAnIdleWorker_data() { addKinds(); }

@@ -35,8 +35,9 @@ CMessageCommon* message(const QString& dst, const QVariant& type)
     return msg;
 }
 
-// The objects at namespace scope are made before the center and therefore destroyed after it, the
-// last one first.
+// The center is made before main. What is made before the center is destroyed after it, the last
+// one first.
+#define BEFORE_THE_CENTER(order) __attribute__((init_priority(order)))
 
 // Writes what is left when everything else is gone.
 class Ledger
@@ -54,7 +55,7 @@ public:
 private:
     bool m_armed = false;
 };
-Ledger ledger;
+Ledger ledger BEFORE_THE_CENTER(101);
 const char balanced[] = "records alive: 0, handlers running: 0";
 
 // Calls everything there is once the center is gone.
@@ -89,10 +90,10 @@ public:
 private:
     bool m_armed = false;
 };
-LateCaller lateCaller;
+LateCaller lateCaller BEFORE_THE_CENTER(102);
 
-CMessageCenter::MessageQueue netQueue;
-CMessageCenter::MessageQueue quotationQueue;
+CMessageCenter::MessageQueue netQueue BEFORE_THE_CENTER(103);
+CMessageCenter::MessageQueue quotationQueue BEFORE_THE_CENTER(104);
 
 // Never destroyed: they stay registered until the center is gone.
 Plugin* makePluginThatStays(const QString& id)

@@ -11,6 +11,10 @@ QMutex captureMutex;
 lxtest::LogCapture* current = nullptr;  // guarded by captureMutex
 QtMessageHandler nextHandler = nullptr; // guarded by captureMutex
 
+} // namespace
+
+namespace lxtest {
+
 const char* nameOf(QtMsgType level)
 {
     switch (level) {
@@ -27,10 +31,6 @@ const char* nameOf(QtMsgType level)
     }
     return "fatal";
 }
-
-} // namespace
-
-namespace lxtest {
 
 LogCapture::LogCapture()
 {

@@ -9,6 +9,8 @@
 
 namespace lxtest {
 
+const char* nameOf(QtMsgType level);
+
 struct LogRecord
 {
     QtMsgType level;

@@ -1,5 +1,6 @@
 #include <lxtest/TestMain.h>
 
+#include <lxtest/LogCapture.h>
 #include <lxtest/Wait.h>
 
 #include <QCoreApplication>
@@ -7,6 +8,7 @@
 #include <QProcess>
 #include <QtTest>
 
+#include <cstdio>
 #include <memory>
 #include <utility>
 
@@ -20,6 +22,12 @@ QMap<QByteArray, std::function<int()>>& scenarios()
 {
     static QMap<QByteArray, std::function<int()>> map;
     return map;
+}
+
+// A plain function works to the very end of the process; a message pattern does not.
+void writeForParent(QtMsgType level, const QMessageLogContext& context, const QString& text)
+{
+    std::fprintf(stderr, "%s %s: %s\n", nameOf(level), context.category, qPrintable(text));
 }
 
 } // namespace
@@ -52,13 +60,9 @@ ChildResult runChild(const char* scenario)
 int testMain(int argc, char** argv, const std::function<QObject*()>& makeTest)
 {
     QCoreApplication application(argc, argv);
-    const bool isChild = argc == 3 && qstrcmp(argv[1], childOption) == 0;
-    if (isChild) {
-        // set before the center is made, the pattern is there until the center is gone
-        qSetMessagePattern(QStringLiteral("%{type} %{category}: %{message}"));
-    }
     CMessageCenter::GetInstance()->setIdlePolicy(idlePolicy());
-    if (isChild) {
+    if (argc == 3 && qstrcmp(argv[1], childOption) == 0) {
+        qInstallMessageHandler(writeForParent);
         const auto scenario = scenarios().constFind(argv[2]);
         if (scenario == scenarios().constEnd())
             qFatal("no such scenario: %s", argv[2]);
