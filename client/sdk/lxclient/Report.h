@@ -2,6 +2,7 @@
 #ifndef LXCLIENT_REPORT_H
 #define LXCLIENT_REPORT_H
 
+#include <QLocale>
 #include <QString>
 #include <QStringList>
 #include <QVector>
@@ -37,6 +38,12 @@ struct Cell
     QString column;
     QString text;
 };
+
+// A number as the end table shows it: 12,345.
+inline QString grouped(qint64 number)
+{
+    return QLocale(QLocale::English, QLocale::UnitedStates).toString(number);
+}
 
 struct Report
 {

@@ -1,0 +1,46 @@
+// Options: the command line of lxclient.
+#ifndef LXCLIENT_OPTIONS_H
+#define LXCLIENT_OPTIONS_H
+
+#include <lxbase/MessageCenter.h>
+#include <lxbase/RelationColor.h>
+
+#include <QMap>
+#include <QString>
+#include <QStringList>
+#include <QVariantMap>
+
+class QCoreApplication;
+
+enum ExitCode {
+    ExitBalanced = 0,
+    ExitBadCommandLine = 1, // the framework's own for it
+    ExitCannotStart = 2,
+    ExitUnbalanced = 3,
+};
+
+struct Options
+{
+    QString plugin_folder;
+    QStringList recordings; // empty: a synthetic session
+    double speed = 0;       // times real time; 0: as fast as possible
+    int synthetic_quotes = 0;
+    quint64 synthetic_seed = 0;
+    int boards = 0;
+    QMap<RelationColor_t, QStringList> links; // plugin IDs by colour, each ID once
+    QString record_file;
+    QString journal_file;
+    CMessageCenter::IdlePolicy idle = CMessageCenter::IdlePolicy::Park;
+    bool verbose = false;
+    QVariantMap plugin_settings; // given with --set
+
+    // From the arguments of the program. Does not return if they are wrong, or if they ask for help
+    // or the version.
+    static Options parse(const QCoreApplication& program);
+
+    // Where the plugins are unless the user says otherwise: beside the program in the build tree,
+    // in the library folder once installed.
+    static QString defaultPluginFolder();
+};
+
+#endif

@@ -1,0 +1,234 @@
+#include "Session.h"
+
+#include "EndTable.h"
+
+#include <QuoteSource.h>
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QFileInfo>
+
+#include <cstdio>
+#include <unistd.h>
+
+using lxclient::grouped;
+
+namespace {
+
+constexpr int TickMs = 2;
+constexpr int ProgressMs = 200;
+
+QString baseOf(const QString& id)
+{
+    return id.section(QLatin1Char('#'), 0, 0);
+}
+
+void print(std::FILE* file, const QString& text)
+{
+    std::fputs(text.toLocal8Bit().constData(), file);
+    std::fflush(file);
+}
+
+} // namespace
+
+Session::Session(const Options& options)
+    : m_options(options)
+    , m_show_progress(::isatty(STDERR_FILENO) == 1)
+{
+    connect(&m_timer, &QTimer::timeout, this, &Session::tick);
+}
+
+Session::~Session() = default;
+
+QString Session::start()
+{
+    m_settings = m_options.plugin_settings;
+    const QVariantMap own{
+        {QStringLiteral("quotes"), m_options.recordings},
+        {QStringLiteral("speed"), m_options.speed},
+        {QStringLiteral("synthetic.quotes"), m_options.synthetic_quotes},
+        {QStringLiteral("synthetic.seed"), m_options.synthetic_seed},
+        {QStringLiteral("boards"), m_options.boards},
+        {QStringLiteral("journal"), m_options.journal_file},
+    };
+    for (auto it = own.constBegin(); it != own.constEnd(); ++it)
+        m_settings.insert(it.key(), it.value());
+
+    QString error = takeSymbols();
+    if (error.isEmpty())
+        error = m_host.load(m_options.plugin_folder, m_settings);
+    if (error.isEmpty())
+        error = linkPlugins();
+    if (!error.isEmpty())
+        return error;
+
+    auto* const center = CMessageCenter::GetInstance();
+    center->setIdlePolicy(m_options.idle);
+    center->Start();
+    const QStringList ids = m_host.ids();
+    for (const QString& id : ids) {
+        error = m_host.initialise(id, settingsFor(id));
+        if (!error.isEmpty())
+            return error;
+    }
+    if (!m_options.record_file.isEmpty()) {
+        error = m_tap.recordTo(m_options.record_file);
+        if (!error.isEmpty())
+            return error;
+    }
+    m_tap.start();
+    m_played.start();
+    m_progress_age.start();
+    m_host.startInputs();
+    m_timer.start(TickMs);
+    return QString();
+}
+
+void Session::interrupt()
+{
+    m_interrupted = true;
+    m_host.stopInputs();
+}
+
+// The verdict is on the reports that follow the shutdown: only then are all accounts closed.
+ExitCode Session::finish()
+{
+    clearProgress();
+    m_host.shutDown();
+    m_tap.stop();
+    const QVector<NamedReport> last = reports();
+    const Ledger ledger(last);
+
+    quint64 deliveries = 0;
+    for (const NamedReport& named : last)
+        deliveries += named.report.messages + named.report.quotations + named.report.events;
+    const double seconds = static_cast<double>(m_played_ns) / 1e9;
+    const auto perSecond = [&](quint64 count) {
+        return grouped(seconds > 0 ? qRound64(static_cast<double>(count) / seconds) : 0);
+    };
+    const quint64 quotes = m_tap.progress().quotes;
+    print(stdout, endTable(last, ledger));
+    print(stdout,
+          QStringLiteral("%1 quotes in %2 s%3: %4 quotes/s, %5 deliveries/s.\n")
+              .arg(grouped(static_cast<qint64>(quotes)))
+              .arg(seconds, 0, 'f', 2)
+              .arg(QLatin1String(m_interrupted ? ", interrupted" : ""))
+              .arg(perSecond(quotes), perSecond(deliveries)));
+    return ledger.balances() ? ExitBalanced : ExitUnbalanced;
+}
+
+// What can be quoted has to be known before the first quote, so that plugins can subscribe to it.
+// Recordings are therefore read through once before they are played.
+QString Session::takeSymbols()
+{
+    QString error;
+    QStringList symbols = SyntheticSession::symbols();
+    if (!m_options.recordings.isEmpty()) {
+        const QFileInfo target(m_options.record_file);
+        for (const QString& recording : m_options.recordings) {
+            if (target.exists()
+                && target.canonicalFilePath() == QFileInfo(recording).canonicalFilePath()) {
+                return QStringLiteral("%1: cannot be played and recorded to at the same time")
+                    .arg(recording);
+            }
+        }
+        const auto scanned = scanSymbols(m_options.recordings, error);
+        symbols = scanned.value_or(QStringList());
+    }
+    m_settings.insert(lxclient::setting::Symbols, symbols);
+    return error;
+}
+
+// A group is filed under the base ID of each window in it, so that each of them reaches the others.
+QString Session::linkPlugins()
+{
+    const QStringList known = m_host.ids();
+    for (auto link = m_options.links.constBegin(); link != m_options.links.constEnd(); ++link) {
+        for (const QString& id : link.value()) {
+            if (!known.contains(id)) {
+                return QStringLiteral("--link: there is no plugin %1; there are %2")
+                    .arg(id, known.join(QLatin1String(", ")));
+            }
+            for (const QString& sender : link.value()) {
+                CRegManager::setRelation(baseOf(sender), id, lxclient::SelectionType, link.key(),
+                                         1);
+            }
+        }
+    }
+    return QString();
+}
+
+QVariantMap Session::settingsFor(const QString& id) const
+{
+    QVariantMap settings = m_settings;
+    QStringList linked;
+    for (const QStringList& group : m_options.links) {
+        if (group.contains(id))
+            linked = group;
+    }
+    linked.removeAll(id);
+    settings.insert(lxclient::setting::Linked, linked);
+    return settings;
+}
+
+QVector<NamedReport> Session::reports() const
+{
+    QVector<NamedReport> reports = m_host.reports();
+    reports.append({QStringLiteral("(tap)"), m_tap.report()});
+    return reports;
+}
+
+void Session::tick()
+{
+    showProgress();
+    if (m_state == State::Playing && m_host.inputsEnded()) {
+        m_state = State::Settling;
+        m_standstill.start();
+        m_last_ledger = Ledger();
+    } else if (m_state == State::Settling) {
+        settle();
+    }
+}
+
+void Session::settle()
+{
+    const Ledger ledger(reports());
+    const bool moved = !(ledger == m_last_ledger);
+    m_last_ledger = ledger;
+    if (moved)
+        m_standstill.restart();
+    const bool settled = !moved && ledger.balances();
+    if (!settled && m_standstill.elapsed() < SettleLimitMs)
+        return;
+    m_played_ns = m_played.nsecsElapsed();
+    if (!settled) {
+        clearProgress();
+        print(stderr,
+              QStringLiteral("lxclient: the ledger has not changed for %1 s and does not "
+                             "balance; giving up waiting.\n")
+                  .arg(SettleLimitMs / 1000));
+    }
+    m_state = State::Ended;
+    m_timer.stop();
+    emit ended();
+}
+
+void Session::showProgress()
+{
+    if (!m_show_progress || m_progress_age.elapsed() < ProgressMs)
+        return;
+    m_progress_age.restart();
+    const Tap::Progress progress = m_tap.progress();
+    print(stderr,
+          QStringLiteral("\r\033[K%1 quotes, %2 UTC, %3 s")
+              .arg(grouped(static_cast<qint64>(progress.quotes)),
+                   QDateTime::fromMSecsSinceEpoch(progress.time_ms, Qt::UTC)
+                       .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")))
+              .arg(m_played.elapsed() / 1000));
+}
+
+void Session::clearProgress()
+{
+    if (m_show_progress)
+        print(stderr, QStringLiteral("\r\033[K"));
+}

@@ -1,0 +1,71 @@
+// Session: one run of the client, from loading the plugins to the end table.
+#ifndef LXCLIENT_SESSION_H
+#define LXCLIENT_SESSION_H
+
+#include "Ledger.h"
+#include "Options.h"
+#include "PluginHost.h"
+#include "Tap.h"
+
+#include <QElapsedTimer>
+#include <QObject>
+#include <QTimer>
+
+// On the main thread, inside its event loop.
+//
+// Starting, then playing until the inputs have ended or were stopped, then settling: waiting until
+// nothing is on its way any more. That is so when two sets of reports taken one after the other
+// balance and are equal: between the two there was a moment at which everybody had exactly these
+// counts, so whatever had been put by then had been received as well, and what was received had led
+// to everything that it leads to (see <lxclient/Report.h>). If the counts stand still without
+// balancing, the session waits for SettleLimitMs and then says so.
+class Session : public QObject
+{
+    Q_OBJECT
+public:
+    static constexpr int SettleLimitMs = 30000;
+
+    explicit Session(const Options& options);
+    ~Session() override;
+
+    // Starts everything. Nothing, or what is wrong; then the session is over.
+    QString start();
+
+    // Ends it early. Any number of times.
+    void interrupt();
+
+    // After `ended`: shuts the plugins down and says how it went.
+    ExitCode finish();
+
+signals:
+    void ended();
+
+private:
+    enum class State { Playing, Settling, Ended };
+
+    QString takeSymbols();
+    QString linkPlugins();
+    QVariantMap settingsFor(const QString& id) const;
+    QVector<NamedReport> reports() const;
+    void tick();
+    void settle();
+    void showProgress();
+    void clearProgress();
+
+    const Options m_options;
+    QVariantMap m_settings; // the same for every plugin
+    Tap m_tap;              // outlives the plugins, which put to its queues
+    PluginHost m_host;
+
+    State m_state = State::Playing;
+    bool m_interrupted = false;
+    Ledger m_last_ledger;
+    QTimer m_timer;
+    QElapsedTimer m_played;       // since the inputs were started
+    QElapsedTimer m_standstill;   // since a count changed
+    QElapsedTimer m_progress_age; // since the progress line was written
+    qint64 m_played_ns = 0;
+    const bool m_show_progress;
+};
+
+#endif

@@ -1,0 +1,117 @@
+#include "Tap.h"
+
+#include <lxmsg/MessageCommon.h>
+
+#include <chrono>
+
+using lxclient::Quote;
+
+Tap::Tap() = default;
+
+Tap::~Tap()
+{
+    stop();
+}
+
+QString Tap::recordTo(const QString& fileName)
+{
+    m_recording = std::make_unique<RecordingWriter>();
+    return m_recording->open(fileName) ? QString() : m_recording->errorString();
+}
+
+void Tap::start()
+{
+    auto* const center = CMessageCenter::GetInstance();
+    center->regNetMsgQueue(&m_net_queue);
+    center->regQuotationQueue(&m_quotation_queue);
+    m_thread = std::thread([this] { listen(); });
+}
+
+void Tap::stop()
+{
+    if (!m_thread.joinable())
+        return;
+    auto* const center = CMessageCenter::GetInstance();
+    center->regNetMsgQueue(nullptr);
+    center->regQuotationQueue(nullptr);
+    m_stop = true;
+    m_thread.join();
+}
+
+lxclient::Report Tap::report() const
+{
+    lxclient::Report report;
+    const QMutexLocker locker(&m_mutex);
+    m_audit.post(report);
+    report.messages = m_acknowledged + m_executed;
+    const QString orders = QStringLiteral("orders");
+    report.postings.append({orders, QStringLiteral("acknowledged"), m_acknowledged});
+    report.postings.append({orders, QStringLiteral("executed"), m_executed});
+    if (m_recording)
+        report.remarks.append(QStringLiteral("recorded: %1").arg(m_recorded));
+    if (!m_recording_error.isEmpty())
+        report.faults.append(m_recording_error);
+    return report;
+}
+
+Tap::Progress Tap::progress() const
+{
+    const QMutexLocker locker(&m_mutex);
+    return {m_audit.total(), m_time_ms};
+}
+
+// The queues cannot be waited on, so an idle tap looks every millisecond. After a pause in the
+// quotes the recording on disk is complete.
+void Tap::listen()
+{
+    bool unflushed = false;
+    for (;;) {
+        const bool last = m_stop; // read before the drain that then finds everything
+        if (drainOnce()) {
+            unflushed = true;
+            continue;
+        }
+        if (m_recording && unflushed && !m_recording->flush()) {
+            const QMutexLocker locker(&m_mutex);
+            m_recording_error = m_recording->errorString();
+        }
+        unflushed = false;
+        if (last)
+            return;
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+}
+
+// False: there was nothing.
+bool Tap::drainOnce()
+{
+    bool any = false;
+    QSharedPointer<CMessageCommon> msg;
+    while (m_quotation_queue.try_pop(msg) || m_net_queue.try_pop(msg)) {
+        any = true;
+        if (msg)
+            hear(*msg);
+    }
+    return any;
+}
+
+void Tap::hear(CMessageCommon& msg)
+{
+    const int type = msg.GetType().toInt();
+    if (type == lxclient::AcknowledgementType || type == lxclient::ExecutionType) {
+        const QMutexLocker locker(&m_mutex);
+        ++(type == lxclient::ExecutionType ? m_executed : m_acknowledged);
+        return;
+    }
+    const QVariant payload = msg.GetMsg();
+    if (payload.userType() != qMetaTypeId<Quote>())
+        return;
+    const auto quote = payload.value<Quote>();
+    const bool written = m_recording && m_recording->write(quote);
+    const QMutexLocker locker(&m_mutex);
+    m_audit.count(quote);
+    m_time_ms = quote.time_ms;
+    m_recorded += written ? 1 : 0;
+    if (m_recording && !written)
+        m_recording_error = m_recording->errorString();
+}

@@ -1,0 +1,68 @@
+// Tap: listens to everything that the net plugin hands in, beside the bus, and may record the
+// quotes.
+#ifndef LXCLIENT_TAP_H
+#define LXCLIENT_TAP_H
+
+#include <RecordingWriter.h>
+
+#include <lxbase/MessageCenter.h>
+#include <lxclient/QuoteAudit.h>
+
+#include <QMutex>
+
+#include <atomic>
+#include <memory>
+#include <thread>
+
+// A component of the host, not a plugin: it drains the outside queues of both network paths on a
+// thread of its own and counts what comes, independently of the plugins.
+class Tap
+{
+public:
+    Tap();
+    // Ends the registration of the queues. Whoever puts on the network paths has stopped by then.
+    ~Tap();
+    Q_DISABLE_COPY(Tap)
+
+    // Records the quotes to this file. Nothing, or what is wrong. Called before start.
+    QString recordTo(const QString& fileName);
+
+    // Registers the queues and begins to drain them. Called before quotes flow.
+    void start();
+
+    // Drains the queues to the end and finishes the recording.
+    void stop();
+
+    lxclient::Report report() const;
+
+    // For the progress line.
+    struct Progress
+    {
+        quint64 quotes;
+        qint64 time_ms; // of the latest quote
+    };
+    Progress progress() const;
+
+private:
+    void listen();
+    bool drainOnce();
+    void hear(CMessageCommon& msg);
+
+    CMessageCenter::MessageQueue m_net_queue;
+    CMessageCenter::MessageQueue m_quotation_queue;
+    std::thread m_thread;
+    std::atomic<bool> m_stop{false}; // atomic: set by the host, read by the listening thread
+
+    std::unique_ptr<RecordingWriter> m_recording; // the listening thread's, after start
+
+    mutable QMutex m_mutex;
+    // guarded by m_mutex
+    lxclient::QuoteAudit m_audit;
+    quint64 m_acknowledged = 0;
+    quint64 m_executed = 0;
+    quint64 m_recorded = 0;
+    qint64 m_time_ms = 0;
+    QString m_recording_error;
+};
+
+#endif

@@ -1,0 +1,34 @@
+// lxclient: the reference host of the bus. Everything it does with quotes and orders is done by
+// plugins; the host loads them, links them, listens in, and keeps the ledger.
+#include "Options.h"
+#include "Session.h"
+#include "SignalWatcher.h"
+
+#include <lxclient/Protocol.h>
+
+#include <QCoreApplication>
+#include <QLoggingCategory>
+
+#include <cstdio>
+
+int main(int argc, char** argv)
+{
+    QCoreApplication program(argc, argv);
+    QCoreApplication::setApplicationName(QStringLiteral("lxclient"));
+    QCoreApplication::setApplicationVersion(QStringLiteral(LXCLIENT_VERSION));
+    const Options options = Options::parse(program);
+    if (!options.verbose) // QT_LOGGING_RULES still has the last word
+        QLoggingCategory::setFilterRules(QStringLiteral("lxbase.debug=false"));
+    lxclient::registerPayloads();
+
+    Session session(options);
+    const SignalWatcher signalWatcher([&] { session.interrupt(); });
+    QObject::connect(&session, &Session::ended, &program, &QCoreApplication::quit);
+    const QString error = session.start();
+    if (!error.isEmpty()) {
+        std::fprintf(stderr, "lxclient: %s\n", qPrintable(error));
+        return ExitCannotStart;
+    }
+    QCoreApplication::exec();
+    return session.finish();
+}

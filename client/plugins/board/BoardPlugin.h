@@ -1,0 +1,53 @@
+// BoardPlugin: a quote board, a window that shows the last quote and the position of every symbol
+// and has one symbol selected. Several may be open; those of one colour follow one another's
+// selection.
+#ifndef LXCLIENT_BOARDPLUGIN_H
+#define LXCLIENT_BOARDPLUGIN_H
+
+#include <lxbase/MessageInterface.h>
+#include <lxclient/Plugin.h>
+#include <lxclient/QuoteAudit.h>
+
+#include <QMap>
+#include <QMutex>
+
+// Setting of its own: "boards", int, how many there are.
+//
+// A signal of the strategy selects its symbol; the board then tells the linked boards. A selection
+// that a linked board has made is taken over and not told again, or it would go round for ever.
+class BoardPlugin : public IMessageInterface, public lxclient::Plugin
+{
+    Q_OBJECT
+    Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "board.json")
+    Q_INTERFACES(lxclient::Plugin)
+public:
+    Q_INVOKABLE BoardPlugin() = default; // invokable: the host makes one for each window
+
+    bool initialise(const QString& id, const QVariantMap& settings, QString& reason) override;
+    void shutDown() override;
+    lxclient::Report report() const override;
+
+    void RecvMsg(QString srcId, QVariant type, QVariant data) override;
+    void RecvEvent(QString srcId, QVariant type, QVariant data) override;
+    void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) override;
+
+private:
+    void select(const QString& symbol);
+
+    // constant after initialise
+    QString m_id;
+    QStringList m_linked;
+
+    mutable QMutex m_mutex;
+    // guarded by m_mutex
+    QMap<QString, lxclient::Quote> m_quotes; // the last, by symbol
+    QMap<QString, qint64> m_positions;       // by symbol
+    QString m_selected;
+    lxclient::QuoteAudit m_audit;
+    QMap<QString, quint64> m_signals; // by sender
+    quint64 m_position_events = 0;
+    quint64 m_selections_put = 0;
+    QMap<QString, quint64> m_selections_received; // by sender
+};
+
+#endif

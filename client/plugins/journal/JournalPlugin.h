@@ -1,0 +1,56 @@
+// JournalPlugin: keeps a journal of the executions, and of the positions that they led to.
+#ifndef LXCLIENT_JOURNALPLUGIN_H
+#define LXCLIENT_JOURNALPLUGIN_H
+
+#include "JournalFile.h"
+
+#include <lxbase/MessageInterface.h>
+#include <lxclient/Plugin.h>
+
+#include <QMutex>
+
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+// Setting of its own: "journal", the file; empty: nothing is written, only counted.
+//
+// Threads: a transaction waits for the disk, so handlers do no SQL. They append to the waiting
+// batch, and a writer thread, the only one that touches the file, takes whatever has gathered since
+// its last transaction and writes that in the next one.
+class JournalPlugin : public IMessageInterface, public lxclient::Plugin
+{
+    Q_OBJECT
+    Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "journal.json")
+    Q_INTERFACES(lxclient::Plugin)
+public:
+    ~JournalPlugin() override;
+
+    bool initialise(const QString& id, const QVariantMap& settings, QString& reason) override;
+    void shutDown() override;
+    lxclient::Report report() const override;
+
+    void RecvMsg(QString srcId, QVariant type, QVariant data) override;
+    void RecvEvent(QString srcId, QVariant type, QVariant data) override;
+    void RecvQuotationMsg(QString, QVariant, QVariant) override { }
+
+private:
+    void write(JournalFile& file);
+
+    // constant after initialise
+    QString m_id;
+    QString m_file_name;
+
+    std::thread m_writer;
+    mutable std::mutex m_mutex;
+    std::condition_variable m_changed; // of m_waiting or m_stop
+    // guarded by m_mutex
+    JournalBatch m_waiting;
+    bool m_stop = false;
+    quint64 m_executions = 0;
+    quint64 m_position_events = 0;
+    quint64 m_rows = 0;
+    QString m_error; // why the last transaction failed; its batch is tried again with the next one
+};
+
+#endif
