@@ -7,9 +7,11 @@
 #include <thread>
 
 // The center is a static object, and threads that the host forgot may still call it while the
-// process ends. Every operation passes the gate; the destructor closes it, which waits for the
-// calls inside and turns later ones away. The gate itself is never destroyed (its destructor is
-// trivial and its initialisation constant), so it may be asked at any time, by any thread.
+// process ends. Every operation that touches more than an atomic member passes the gate; the
+// destructor closes it, which waits for the calls inside and turns later ones away, and seals it at
+// its end: until then a call that is turned away may still log, after that what logging needs is
+// destroyed. The gate itself never is (its destructor is trivial and its initialisation constant),
+// so it may be asked at any time, by any thread.
 class CallGate
 {
 public:
@@ -26,24 +28,30 @@ public:
         Pass(const Pass&) = delete;
         Pass& operator=(const Pass&) = delete;
 
-        explicit operator bool() const { return !m_gate.m_closed.load(); }
+        explicit operator bool() const { return m_gate.m_state.load() == State::Open; }
+        bool mayLog() const { return m_gate.m_state.load() != State::Sealed; }
 
     private:
         CallGate& m_gate;
     };
 
-    // Returns when no call is inside any more. Calls never wait for one another's workers to take
-    // an item, so this takes as long as the longest call, at most one UnReg.
-    void close()
+    // Both return when no call is inside any more. Calls never wait for one another's workers to
+    // take an item, so this takes as long as the longest call, at most one UnReg.
+    void close() { enter(State::Closed); }
+    void seal() { enter(State::Sealed); }
+
+private:
+    enum class State { Open, Closed, Sealed };
+
+    void enter(State state)
     {
-        m_closed.store(true);
+        m_state.store(state);
         while (m_inside.load() != 0)
             std::this_thread::yield();
     }
 
-private:
     std::atomic<int> m_inside{0};
-    std::atomic<bool> m_closed{false};
+    std::atomic<State> m_state{State::Open};
 };
 
 // The gate of the one center.

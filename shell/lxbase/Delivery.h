@@ -25,7 +25,7 @@ struct Inbox
 {
     QVector<Item*>* list = nullptr;
     QMutex* mutex = nullptr;
-    Parking* parking = nullptr;
+    CParking* parking = nullptr;
 };
 
 // Makes a worker for the inbox, which belongs to it from here on, and starts it.
@@ -44,38 +44,49 @@ Worker* startWorker(const QString& id, const char* nameSuffix, IMessageInterface
     return worker;
 }
 
-// Queues an item with `values` (copied, or moved from an rvalue) in the inbox of `id` that
-// `inboxOf` picks from its registry record. A record without that inbox gets nothing. False: the ID
-// is not registered.
-//
-// The item is made before the lock is taken. The lock is held until the item is in the inbox, so
-// the receiver cannot be released in between.
-template<class Registry, class InboxOf, class Values>
-bool deliver(const Registry& registry, QMutex& registryMutex, const QString& id, InboxOf inboxOf,
-             Values&& values)
+// How a put path reaches a receiver: the registry, its lock, and the inbox that `InboxOf` picks
+// from a registry record.
+template<class Registry, class InboxOf>
+struct Delivery
 {
-    auto item = std::make_unique<std::decay_t<Values>>(std::forward<Values>(values));
-    const QMutexLocker locker(&registryMutex);
-    const auto record = registry.constFind(id);
-    if (record == registry.constEnd())
-        return false;
-    const auto inbox = inboxOf(**record);
-    if (inbox.list) {
-        append(*inbox.list, *inbox.mutex, inbox.parking, item.get());
-        item.release();
+    const Registry& registry;
+    QMutex& registryMutex;
+    InboxOf inboxOf;
+
+    // Queues an item with `values` (copied, or moved from an rvalue) for `id`. A record without
+    // that inbox gets nothing. False: the ID is not registered.
+    //
+    // The item is made before the lock is taken. The lock is held until the item is in the inbox,
+    // so the receiver cannot be released in between.
+    template<class Values>
+    bool operator()(const QString& id, Values&& values) const
+    {
+        auto item = std::make_unique<std::decay_t<Values>>(std::forward<Values>(values));
+        const QMutexLocker locker(&registryMutex);
+        const auto record = registry.constFind(id);
+        if (record == registry.constEnd())
+            return false;
+        const auto inbox = inboxOf(**record);
+        if (inbox.list) {
+            append(*inbox.list, *inbox.mutex, inbox.parking, item.get());
+            item.release();
+        }
+        return true;
     }
-    return true;
-}
+};
+
+template<class Registry, class InboxOf>
+Delivery(const Registry&, QMutex&, InboxOf) -> Delivery<Registry, InboxOf>;
 
 enum class Routed { Done, UnknownDestination, UnknownType };
 
 // Where a record goes, on every path: to its destination if it names one, else to the subscribers
-// of its type save `skippedId` (null: all of them). `deliverTo` takes an ID and the values for its
-// item and says whether the ID is registered; subscribers that are not are passed over. A directed
+// of its type save `skippedId` (null: all of them). Subscribers that are not registered are
+// passed over. A directed
 // record gives its values away, a broadcast copies them for each receiver.
 template<class Item, class DeliverTo>
 Routed route(const QString& dstId, Item& values, const QString* skippedId,
-             const SubscriptionTable& subscriptions, DeliverTo deliverTo)
+             const CSubscriptionTable& subscriptions, const DeliverTo& deliverTo)
 {
     if (!dstId.isEmpty())
         return deliverTo(dstId, std::move(values)) ? Routed::Done : Routed::UnknownDestination;

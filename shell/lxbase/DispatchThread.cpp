@@ -7,27 +7,27 @@
 
 #include <utility>
 
-DispatchThread::~DispatchThread() = default;
+CDispatchThread::~CDispatchThread() = default;
 
-void DispatchThread::setMutex(QMutex* mutex)
+void CDispatchThread::setMutex(QMutex* mutex)
 {
     if (mutex)
         m_mutex = mutex;
 }
 
-void DispatchThread::setList(MessageList* list)
+void CDispatchThread::setList(MessageList* list)
 {
     if (list)
         m_list = list;
 }
 
-void DispatchThread::setParking(Parking* parking)
+void CDispatchThread::setParking(CParking* parking)
 {
     if (parking)
         m_parking = parking;
 }
 
-void DispatchThread::setStop(bool stop)
+void CDispatchThread::setStop(bool stop)
 {
     m_stop = stop;
     if (stop && m_mutex)
@@ -38,7 +38,7 @@ void DispatchThread::setStop(bool stop)
 // under the lock, each time. Instead the waiting messages are taken over in one exchange and routed
 // from the local batch; a stop gives the rest back. An empty reference is dropped like an empty
 // look, with the shortest sleep.
-void DispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessageCommon> msg))
+void CDispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessageCommon> msg))
 {
     MessageList batch;
     while (!m_stop) {
@@ -71,7 +71,7 @@ void DispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessage
     }
 }
 
-void DispatchThread::giveBack(MessageList& batch, int taken)
+void CDispatchThread::giveBack(MessageList& batch, int taken)
 {
     if (taken == batch.size())
         return;

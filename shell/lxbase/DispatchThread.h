@@ -15,7 +15,7 @@
 
 class CMessageCenter;
 class CMessageCommon;
-class Parking;
+class CParking;
 
 // What the two threads share: taking the messages of one list in arrival order and handing each to
 // the center's routing operation, one at a time and with no lock held.
@@ -23,12 +23,12 @@ class Parking;
 // Life: made and started by CMessageCenter::Start; the loop ends only when the stop flag is set;
 // released by the center's destructor. The list, its mutex and its parking belong to the center and
 // outlive the thread.
-class LXBASE_EXPORT DispatchThread : public LxThread
+class LXBASE_EXPORT CDispatchThread : public LxThread
 {
 public:
     using MessageList = QVector<QSharedPointer<CMessageCommon>>;
 
-    ~DispatchThread() override;
+    ~CDispatchThread() override;
 
     // The lock of the list; not owned. Null changes nothing; without one the thread takes nothing
     // and sleeps a microsecond a pass. Called before start.
@@ -40,14 +40,14 @@ public:
 
     // Ours: where the thread waits while its list is empty; not owned. Without one (null changes
     // nothing) it polls. Called before start.
-    void setParking(Parking* parking);
+    void setParking(CParking* parking);
 
     // Asks the loop to end: after the message being routed, or within one pass. What has not been
     // routed is then in the list, in order. Any thread.
     void setStop(bool stop);
 
 protected:
-    DispatchThread() = default;
+    CDispatchThread() = default;
 
     // The loop: the body of run().
     void drain(void (CMessageCenter::*route)(QSharedPointer<CMessageCommon> msg));
@@ -58,14 +58,14 @@ private:
     // constant after start
     QMutex* m_mutex = nullptr;
     MessageList* m_list = nullptr;
-    Parking* m_parking = nullptr;
+    CParking* m_parking = nullptr;
 
     // set by the thread that destroys the center, read by the loop without a lock
     std::atomic<bool> m_stop{false};
 };
 
 // Drains the send list, "ProcessSendListThread_Thread": network messages, into message inboxes.
-class LXBASE_EXPORT CProcessMsgByNetPutThread : public DispatchThread
+class LXBASE_EXPORT CProcessMsgByNetPutThread : public CDispatchThread
 {
 public:
     CProcessMsgByNetPutThread();
@@ -75,7 +75,7 @@ public:
 };
 
 // Drains the quotation list, "ProcessQuotationThread_Thread": quotations, into quotation inboxes.
-class LXBASE_EXPORT CProcessQuotationThread : public DispatchThread
+class LXBASE_EXPORT CProcessQuotationThread : public CDispatchThread
 {
 public:
     CProcessQuotationThread();

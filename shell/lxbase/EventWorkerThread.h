@@ -14,7 +14,8 @@ struct LXBASE_EXPORT EventQueueItem
     QVariant type;
     QVariant data; // the payload
 
-    // From a scalable allocator: an item is deleted on another thread than it was made on.
+    // From a scalable allocator, unless that was built without: an item is deleted on another
+    // thread than it was made on.
     static void* operator new(std::size_t size);
     static void operator delete(void* item) noexcept;
 };
@@ -24,7 +25,7 @@ struct LXBASE_EXPORT EventQueueItem
 //
 // Every five minutes or more, right after a batch, it writes a debug record of its batch
 // statistics, which count for the life of the thread; an idle worker writes none.
-class LXBASE_EXPORT CEventWorkerThread : public InboxWorker<EventQueueItem>
+class LXBASE_EXPORT CEventWorkerThread : public CInboxWorker<EventQueueItem>
 {
     Q_OBJECT
 public:

@@ -13,36 +13,36 @@
 #include <memory>
 #include <utility>
 
-InboxWorkerBase::~InboxWorkerBase()
+CInboxWorkerBase::~CInboxWorkerBase()
 {
     delete m_parking;
     delete m_mutex;
 }
 
-void InboxWorkerBase::setId(QString id)
+void CInboxWorkerBase::setId(QString id)
 {
     m_id = std::move(id);
 }
 
-void InboxWorkerBase::setInterface(IMessageInterface* pInterface)
+void CInboxWorkerBase::setInterface(IMessageInterface* pInterface)
 {
     if (pInterface)
         m_interface = pInterface;
 }
 
-void InboxWorkerBase::setMutex(QMutex* mutex)
+void CInboxWorkerBase::setMutex(QMutex* mutex)
 {
     if (mutex)
         m_mutex = mutex;
 }
 
-void InboxWorkerBase::setParking(Parking* parking)
+void CInboxWorkerBase::setParking(CParking* parking)
 {
     if (parking)
         m_parking = parking;
 }
 
-void InboxWorkerBase::setStop(bool stop)
+void CInboxWorkerBase::setStop(bool stop)
 {
     m_stop = stop;
     if (stop && m_mutex)
@@ -50,7 +50,7 @@ void InboxWorkerBase::setStop(bool stop)
 }
 
 template<class Item>
-InboxWorker<Item>::~InboxWorker()
+CInboxWorker<Item>::~CInboxWorker()
 {
     if (m_list)
         qDeleteAll(*m_list);
@@ -58,7 +58,7 @@ InboxWorker<Item>::~InboxWorker()
 }
 
 template<class Item>
-void InboxWorker<Item>::setList(QVector<Item*>* list)
+void CInboxWorker<Item>::setList(QVector<Item*>* list)
 {
     if (list)
         m_list = list;
@@ -68,9 +68,11 @@ void InboxWorker<Item>::setList(QVector<Item*>* list)
 // waits. The lock is held for the count and the taking only, never while a handler runs. After a
 // batch the next look follows at once. `batch` lives across looks, so that its storage is reused.
 template<class Item>
-void InboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& place)
+void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& place)
 {
     quint32 lastRecord = lxplatform::tickCountMs();
+    if (m_stop)
+        return;
     QVector<Item*> batch;
     while (!m_stop) {
         if (!m_mutex)
@@ -89,7 +91,7 @@ void InboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& plac
             countLook(n);
             deliver(batch, profile);
             if (m_stop)
-                return;
+                break;
         } else {
             qDeleteAll(batch);
         }
@@ -101,10 +103,25 @@ void InboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& plac
             writeRecord(profile, place);
         }
     }
+    freeInbox();
+}
+
+// At a stop, and at once: a payload may be of a type whose library is unloaded before this object
+// is deleted.
+template<class Item>
+void CInboxWorker<Item>::freeInbox()
+{
+    if (!m_mutex || !m_list)
+        return;
+    QVector<Item*> items;
+    m_mutex->lock();
+    items.swap(*m_list);
+    m_mutex->unlock();
+    qDeleteAll(items);
 }
 
 template<class Item>
-void InboxWorker<Item>::takeBatch(QVector<Item*>& batch, Take take)
+void CInboxWorker<Item>::takeBatch(QVector<Item*>& batch, Take take)
 {
     switch (take) {
     case Take::Exchange:
@@ -123,7 +140,7 @@ void InboxWorker<Item>::takeBatch(QVector<Item*>& batch, Take take)
 // The stop flag is looked at after every item: UnReg waits for one handler call at most. What is
 // left of the batch then is freed undelivered.
 template<class Item>
-void InboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfile& profile)
+void CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfile& profile)
 {
     for (auto it = batch.cbegin(); it != batch.cend(); ++it) {
         if (const std::unique_ptr<Item> item{*it}) {
@@ -138,7 +155,7 @@ void InboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfile
 }
 
 template<class Item>
-void InboxWorker<Item>::countLook(int items)
+void CInboxWorker<Item>::countLook(int items)
 {
     int& looks = m_batch_stats[items];
     if (looks < std::numeric_limits<int>::max())
@@ -146,7 +163,7 @@ void InboxWorker<Item>::countLook(int items)
 }
 
 template<class Item>
-void InboxWorker<Item>::writeRecord(const WorkerProfile& profile, const LogPlace& place)
+void CInboxWorker<Item>::writeRecord(const WorkerProfile& profile, const LogPlace& place)
 {
     if (lcLxbase().isDebugEnabled()) {
         QMessageLogger(place.file, place.line, place.function, lcLxbase().categoryName()).debug()
@@ -156,5 +173,5 @@ void InboxWorker<Item>::writeRecord(const WorkerProfile& profile, const LogPlace
         m_batch_stats.clear();
 }
 
-template class InboxWorker<MsgQueueItem>;
-template class InboxWorker<EventQueueItem>;
+template class CInboxWorker<MsgQueueItem>;
+template class CInboxWorker<EventQueueItem>;

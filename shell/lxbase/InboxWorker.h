@@ -1,4 +1,4 @@
-// InboxWorker: what the three per-plugin worker threads have in common.
+// CInboxWorker: what the three per-plugin worker threads have in common.
 #ifndef LXBASE_INBOXWORKER_H
 #define LXBASE_INBOXWORKER_H
 
@@ -15,7 +15,7 @@
 #include <atomic>
 
 class IMessageInterface;
-class Parking;
+class CParking;
 struct EventQueueItem;
 struct LogPlace;
 struct MsgQueueItem;
@@ -25,10 +25,10 @@ struct MsgQueueItem;
 // Life: made by the center at registration, set up by the setters, started; its loop ends only when
 // the stop flag is set (there is no event loop, so quit() alone does nothing); released by the
 // center after that.
-class LXBASE_EXPORT InboxWorkerBase : public LxThread
+class LXBASE_EXPORT CInboxWorkerBase : public LxThread
 {
 public:
-    ~InboxWorkerBase() override;
+    ~CInboxWorkerBase() override;
 
     // The ID of the plugin that is served. Called before start.
     void setId(QString id);
@@ -46,20 +46,20 @@ public:
 
     // Ours: where the thread waits while its inbox is empty; owned by the worker from here on.
     // Without one (null changes nothing) it polls. Called before start.
-    void setParking(Parking* parking);
+    void setParking(CParking* parking);
 
     // Asks the loop to end: after the handler call in progress, or within one look at the inbox.
     // What is still queued then is freed undelivered. Any thread.
     void setStop(bool stop);
 
 protected:
-    InboxWorkerBase() = default;
+    CInboxWorkerBase() = default;
 
     // constant after start
     QMutex* m_mutex = nullptr;
     QString m_id;
     IMessageInterface* m_interface = nullptr;
-    Parking* m_parking = nullptr;
+    CParking* m_parking = nullptr;
 
     // set by the thread that unregisters, read by the loop without a lock
     std::atomic<bool> m_stop{false};
@@ -72,11 +72,11 @@ protected:
 // The inbox and the loop. `Item` is MsgQueueItem or EventQueueItem; both are compiled once, in
 // InboxWorker.cpp. A derived worker is an instance of this with a WorkerProfile.
 template<class Item>
-class InboxWorker : public InboxWorkerBase
+class CInboxWorker : public CInboxWorkerBase
 {
 public:
     // Frees the inbox with the items still in it, and its mutex. The thread must have ended.
-    ~InboxWorker() override;
+    ~CInboxWorker() override;
 
     // The inbox: pointers to items made with `new`, appended by any thread under the mutex; owned
     // by the worker from here on. Null changes nothing. Called before start.
@@ -101,7 +101,7 @@ protected:
         const char* recordText;
     };
 
-    InboxWorker() = default;
+    CInboxWorker() = default;
 
     // The loop: the body of run().
     void drain(const WorkerProfile& profile, const LogPlace& place);
@@ -112,10 +112,11 @@ private:
     void takeBatch(QVector<Item*>& batch, Take take);
     void deliver(const QVector<Item*>& batch, const WorkerProfile& profile);
     void countLook(int items);
+    void freeInbox();
     void writeRecord(const WorkerProfile& profile, const LogPlace& place);
 };
 
-extern template class LXBASE_EXPORT InboxWorker<MsgQueueItem>;
-extern template class LXBASE_EXPORT InboxWorker<EventQueueItem>;
+extern template class LXBASE_EXPORT CInboxWorker<MsgQueueItem>;
+extern template class LXBASE_EXPORT CInboxWorker<EventQueueItem>;
 
 #endif

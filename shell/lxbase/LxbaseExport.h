@@ -10,4 +10,12 @@
 #define LXBASE_EXPORT Q_DECL_IMPORT
 #endif
 
+// For an inline member that must have one definition in the process: where inlines are hidden, the
+// export of its class does not cover it; MSVC's does, and forbids a second one.
+#ifdef _MSC_VER
+#define LXBASE_EXPORT_INLINE
+#else
+#define LXBASE_EXPORT_INLINE LXBASE_EXPORT
+#endif
+
 #endif

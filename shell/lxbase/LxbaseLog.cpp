@@ -1,3 +1,8 @@
 #include <lxbase/LxbaseLog.h>
 
-Q_LOGGING_CATEGORY(lcLxbase, "lxbase")
+// Never destroyed: threads that the host forgot may put, and so log, while the process ends.
+const QLoggingCategory& lcLxbase()
+{
+    static const auto* const category = new QLoggingCategory("lxbase");
+    return *category;
+}

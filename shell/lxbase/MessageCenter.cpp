@@ -5,6 +5,7 @@
 #include <lxbase/DispatchThread.h>
 #include <lxbase/EventWorkerThread.h>
 #include <lxbase/LxbaseLog.h>
+#include <lxbase/MessageCommonManage.h>
 #include <lxbase/MessageWorkerThread.h>
 #include <lxbase/QuotationWorkerThread.h>
 #include <lxbase/SubscriptionTable.h>
@@ -12,7 +13,11 @@
 #include <lxdefine/PluginID.h>
 #include <lxmsg/MessageCommon.h>
 
+#include <QStringList>
+
 #include <algorithm>
+#include <memory>
+#include <type_traits>
 #include <utility>
 
 namespace {
@@ -32,7 +37,7 @@ Inbox<MsgQueueItem> quotationInbox(const MsgRegInfo& record)
 // with the pointer to the mutex, so they are read after it.
 bool handIn(const QSharedPointer<CMessageCommon>& msg, CMessageCenter::MessageQueue* queue,
             const std::atomic<QMutex*>& listMutex, CMessageCenter::MessageList* const& list,
-            const std::unique_ptr<Parking>& parking)
+            const std::unique_ptr<CParking>& parking)
 {
     if (queue)
         queue->push(msg);
@@ -43,17 +48,22 @@ bool handIn(const QSharedPointer<CMessageCommon>& msg, CMessageCenter::MessageQu
     return true;
 }
 
+// Both singletons are made while the library is loaded. Their accessors are inline, and the module
+// that is the first to run one registers the destructor: if that were a plugin, unloading it would
+// destroy the object under everybody. The pool is made first, so it outlives the workers that the
+// center stops at its end.
+[[maybe_unused]] const auto* const thePool = CMessageCommonManage::GetInstance();
+[[maybe_unused]] const auto* const theCenter = CMessageCenter::GetInstance();
+
 } // namespace
 
-CMessageCenter::CMessageCenter()
-{
-    lcLxbase(); // made before the center, so that it is there until the center is gone
-}
+CMessageCenter::CMessageCenter() = default;
 
+// The gate closes first: the message being routed is finished, and nothing enters any more.
 CMessageCenter::~CMessageCenter()
 {
-    stopDispatchThreads();
     centerGate.close();
+    stopDispatchThreads();
     delete std::exchange(m_net_recv_list, nullptr);
     delete std::exchange(m_quotation_list, nullptr);
     delete m_quotation_list_mutex.exchange(nullptr);
@@ -62,12 +72,12 @@ CMessageCenter::~CMessageCenter()
     m_quotation_queue = nullptr;
 
     stopRegisteredPlugins();
-    for (const QPointer<QObject>& worker : qAsConst(m_retired))
-        delete worker.data();
+    deleteRetired();
     msgSubscriptions().clear();
     eventSubscriptions().clear();
     for (const auto& groupsByType : qAsConst(m_relation_map))
         qDeleteAll(groupsByType);
+    centerGate.seal();
 }
 
 void CMessageCenter::Reg(QString id, IMessageInterface* pInterface,
@@ -86,7 +96,7 @@ void CMessageCenter::UnReg(QString id)
     if (!pass)
         return;
     qCDebug(lcLxbase) << "UnReg id:" << id;
-    const auto* worker = dynamic_cast<InboxWorkerBase*>(QThread::currentThread());
+    const auto* worker = dynamic_cast<CInboxWorkerBase*>(QThread::currentThread());
     if (worker && worker->id() == id) {
         // it would wait for itself
         qCCritical(lcLxbase) << "UnReg from a handler of the plugin itself, refused, ID:" << id;
@@ -112,10 +122,7 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
         return;
     const QString dst = msg->GetDstid();
     MsgQueueItem values{std::move(srcId), msg->GetType(), msg->traceId(), msg->GetMsg()};
-    const auto deliverTo = [this](const QString& id, auto&& item) {
-        return deliver(m_msg_reg_hash, m_msg_reg_mutex, id, messageInbox,
-                       std::forward<decltype(item)>(item));
-    };
+    const Delivery deliverTo{m_msg_reg_hash, m_msg_reg_mutex, messageInbox};
     const Routed routed = route(dst, values, &values.src_id, msgSubscriptions(), deliverTo);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
@@ -130,11 +137,10 @@ void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
     Q_UNUSED(srcId)
     const QSharedPointer<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
-    if (!pass
-        || !handIn(msg, m_net_msg_queue, m_net_recv_list_mutex, m_net_recv_list,
-                   m_net_recv_parking)) {
+    const bool handedIn = pass
+        && handIn(msg, m_net_msg_queue, m_net_recv_list_mutex, m_net_recv_list, m_net_recv_parking);
+    if (!handedIn && pass.mayLog())
         qCWarning(lcLxbase) << "net recv list is NULL,maybe no init netmodule";
-    }
 }
 
 void CMessageCenter::PutQuotationMsg(QString srcId, CMessageCommon* pMsg)
@@ -142,11 +148,11 @@ void CMessageCenter::PutQuotationMsg(QString srcId, CMessageCommon* pMsg)
     Q_UNUSED(srcId)
     const QSharedPointer<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
-    if (!pass
-        || !handIn(msg, m_quotation_queue, m_quotation_list_mutex, m_quotation_list,
-                   m_quotation_parking)) {
+    const bool handedIn = pass
+        && handIn(msg, m_quotation_queue, m_quotation_list_mutex, m_quotation_list,
+                  m_quotation_parking);
+    if (!handedIn && pass.mayLog())
         qCWarning(lcLxbase) << "m_quotation_list is NULL,maybe no init netmodule";
-    }
 }
 
 void CMessageCenter::regNetMsgQueue(MessageQueue* queue)
@@ -168,7 +174,7 @@ int CMessageCenter::Start()
         return 0;
     std::call_once(m_start_once, [this] {
         const auto start = [this](auto*& thread, const char* name, MessageList*& list,
-                                  std::unique_ptr<Parking>& parking,
+                                  std::unique_ptr<CParking>& parking,
                                   std::atomic<QMutex*>& listMutex) {
             auto* const mutex = new QMutex;
             list = new MessageList;
@@ -197,10 +203,7 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
     const QString dst = msg->GetDstid();
     MsgQueueItem values{PluginID::PLUGINNET_GLOBALID, msg->GetType(), msg->traceId(),
                         msg->GetMsg()};
-    const auto deliverTo = [this](const QString& id, auto&& item) {
-        return deliver(m_msg_reg_hash, m_msg_reg_mutex, id, messageInbox,
-                       std::forward<decltype(item)>(item));
-    };
+    const Delivery deliverTo{m_msg_reg_hash, m_msg_reg_mutex, messageInbox};
     const Routed routed = route(dst, values, nullptr, msgSubscriptions(), deliverTo);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
@@ -218,10 +221,7 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
         return;
     const QString dst = msg->GetDstid();
     MsgQueueItem values{PluginID::PLUGINNET_GLOBALID, msg->GetType(), QString(), msg->GetMsg()};
-    const auto deliverTo = [this](const QString& id, auto&& item) {
-        return deliver(m_msg_reg_hash, m_msg_reg_mutex, id, quotationInbox,
-                       std::forward<decltype(item)>(item));
-    };
+    const Delivery deliverTo{m_msg_reg_hash, m_msg_reg_mutex, quotationInbox};
     const Routed routed = route(dst, values, nullptr, msgSubscriptions(), deliverTo);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
@@ -310,25 +310,26 @@ void CMessageCenter::FreeResourceForMsg(QString id)
         retire({record->msg_thread, record->quotation_thread});
 }
 
-SubscriptionTable CMessageCenter::msgSubscriptions()
+CSubscriptionTable CMessageCenter::msgSubscriptions()
 {
     return {m_msg_sub_map, m_msg_sub_mutex, m_msg_id_sub_map, m_msg_id_sub_mutex};
 }
 
-std::unique_ptr<Parking> CMessageCenter::makeParking()
+std::unique_ptr<CParking> CMessageCenter::makeParking()
 {
     m_idle_policy_fixed = true;
-    return m_idle_policy == IdlePolicy::Park ? std::make_unique<Parking>() : nullptr;
+    return m_idle_policy == IdlePolicy::Park ? std::make_unique<CParking>() : nullptr;
 }
 
-void CMessageCenter::retire(std::initializer_list<InboxWorkerBase*> workers)
+void CMessageCenter::retire(std::initializer_list<CInboxWorkerBase*> workers)
 {
-    for (InboxWorkerBase* worker : workers) {
+    for (CInboxWorkerBase* worker : workers) {
         if (worker)
             worker->setStop(true);
     }
-    for (InboxWorkerBase* worker : workers) {
-        if (!worker)
+    for (CInboxWorkerBase* worker : workers) {
+        // a handler that ends the process runs this on its own thread
+        if (!worker || worker == QThread::currentThread())
             continue;
         worker->quit();
         worker->wait(QDeadlineTimer(QDeadlineTimer::Forever));
@@ -339,10 +340,20 @@ void CMessageCenter::retire(std::initializer_list<InboxWorkerBase*> workers)
     }
 }
 
+// A worker whose registering thread may still run an event loop is left to that loop.
+void CMessageCenter::deleteRetired()
+{
+    for (const QPointer<QObject>& worker : qAsConst(m_retired)) {
+        if (worker
+            && (worker->thread() == QThread::currentThread() || worker->thread()->isFinished()))
+            delete worker;
+    }
+}
+
 void CMessageCenter::stopDispatchThreads()
 {
-    for (DispatchThread* thread :
-         std::initializer_list<DispatchThread*>{m_net_put_thread, m_quotation_thread}) {
+    for (CDispatchThread* thread :
+         std::initializer_list<CDispatchThread*>{m_net_put_thread, m_quotation_thread}) {
         if (!thread)
             continue;
         thread->setStop(true);

@@ -24,12 +24,13 @@
 
 class CMessageCommon;
 class CMessageWorkerThread;
+class CParking;
 class CProcessMsgByNetPutThread;
 class CProcessQuotationThread;
 class CQuotationWorkerThread;
-class DispatchThread;
-class InboxWorkerBase;
-class SubscriptionTable;
+class CDispatchThread;
+class CInboxWorkerBase;
+class CSubscriptionTable;
 struct MsgQueueItem;
 
 // One per plugin registered for messages or quotations; made by registration, freed by
@@ -44,8 +45,8 @@ struct MsgRegInfo
     CQuotationWorkerThread* quotation_thread = nullptr;
     QMutex* msg_mutex = nullptr;
     QMutex* quotation_mutex = nullptr;
-    Parking* msg_parking = nullptr; // null under IdlePolicy::Poll
-    Parking* quotation_parking = nullptr;
+    CParking* msg_parking = nullptr; // null under IdlePolicy::Poll
+    CParking* quotation_parking = nullptr;
 };
 
 // All state of the bus, once per process: who is registered, who subscribed to what, what waits for
@@ -56,9 +57,10 @@ struct MsgRegInfo
 // otherwise. None of them runs plugin code. Nothing is reported to the caller; refusals and
 // undeliverable messages are log records of the category "lxbase".
 //
-// Life: made by the first GetInstance, destroyed with the library's static objects. The destructor
-// stops and waits for every thread of the bus; plugins that are still registered then are named in
-// one warning. A call that comes later does nothing but free the record it was given.
+// Life: made by the first GetInstance, which the library itself calls while it is loaded; destroyed
+// with the library's static objects. The destructor stops and waits for every thread of the bus;
+// plugins that are still registered then are named in one warning. A call that comes later does
+// nothing but free the record it was given (the two network puts warn as before Start).
 //
 // Locks, always taken in this order and never held while plugin code or a log handler runs or while
 // a thread is waited for:
@@ -81,7 +83,7 @@ public:
 
     // The one center. Inline, and exported for itself, so that a plugin that compiled it finds the
     // object inside the library.
-    LXBASE_EXPORT static CMessageCenter* GetInstance()
+    LXBASE_EXPORT_INLINE static CMessageCenter* GetInstance()
     {
         static CMessageCenter center;
         return &center;
@@ -148,20 +150,21 @@ private:
     void FreeResourceForMsg(QString id);
     void FreeResourceForEvent(QString id);
 
-    SubscriptionTable msgSubscriptions();
-    SubscriptionTable eventSubscriptions();
+    CSubscriptionTable msgSubscriptions();
+    CSubscriptionTable eventSubscriptions();
 
     // A parking for a new inbox or list, or null to have it polled. From the first call on the
     // policy is fixed.
-    std::unique_ptr<Parking> makeParking();
+    std::unique_ptr<CParking> makeParking();
 
     // Stops workers whose registration has been removed, all before waiting for any, and schedules
     // their deletion.
-    void retire(std::initializer_list<InboxWorkerBase*> workers);
+    void retire(std::initializer_list<CInboxWorkerBase*> workers);
 
     // The end of the center.
     void stopDispatchThreads();
     void stopRegisteredPlugins();
+    void deleteRetired();
 
     // guarded by m_msg_reg_mutex
     QHash<QString, MsgRegInfo*> m_msg_reg_hash;
@@ -207,8 +210,8 @@ private:
     std::atomic<MessageQueue*> m_quotation_queue{nullptr};
 
     // made by Start; null under IdlePolicy::Poll
-    std::unique_ptr<Parking> m_net_recv_parking;
-    std::unique_ptr<Parking> m_quotation_parking;
+    std::unique_ptr<CParking> m_net_recv_parking;
+    std::unique_ptr<CParking> m_quotation_parking;
     std::once_flag m_start_once;
 
     // atomic: set by the host, read by registrations and Start on any thread

@@ -12,6 +12,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <memory>
 #include <utility>
 
 namespace {
@@ -33,7 +34,7 @@ Inbox<EventQueueItem> eventInbox(const EventRegInfo& record)
 // The part before the first "#"; the whole ID if there is none.
 QString baseId(const QString& id)
 {
-    return id.section(QLatin1Char('#'), 0, 0);
+    return id.left(id.indexOf(QLatin1Char('#'))); // -1 stands for all of it
 }
 
 } // namespace
@@ -63,10 +64,7 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
         event->SetSrcid(srcId);
 
     EventQueueItem values{srcId, type, event->GetMsg()};
-    const auto deliverTo = [this](const QString& id, auto&& item) {
-        return deliver(m_event_reg_map, m_event_reg_mutex, id, eventInbox,
-                       std::forward<decltype(item)>(item));
-    };
+    const Delivery deliverTo{m_event_reg_map, m_event_reg_mutex, eventInbox};
     const Routed routed = route(dst, values, &srcId, eventSubscriptions(), deliverTo);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << event->GetSrcid() << " Put msg to " << dst
@@ -164,7 +162,7 @@ void CMessageCenter::FreeResourceForEvent(QString id)
         retire({record->event_thread});
 }
 
-SubscriptionTable CMessageCenter::eventSubscriptions()
+CSubscriptionTable CMessageCenter::eventSubscriptions()
 {
     return {m_event_sub_map, m_event_sub_mutex, m_event_id_sub_map, m_event_id_sub_mutex};
 }

@@ -10,7 +10,7 @@
 
 class CEventWorkerThread;
 class IMessageInterface;
-class Parking;
+class CParking;
 struct EventQueueItem;
 
 // One per plugin registered for events; made by registration, freed by unregistration. The inbox,
@@ -21,7 +21,7 @@ struct EventRegInfo
     QVector<EventQueueItem*>* event_list = nullptr;
     QMutex* event_mutex = nullptr;
     CEventWorkerThread* event_thread = nullptr;
-    Parking* event_parking = nullptr; // null under IdlePolicy::Poll
+    CParking* event_parking = nullptr; // null under IdlePolicy::Poll
 };
 
 // The groups of one base ID and event type. An ID stands in at most one of the lists, once.

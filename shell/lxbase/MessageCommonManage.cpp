@@ -10,20 +10,13 @@
 namespace {
 
 // Keeps the records reachable after the pool, for whoever still holds one.
-QList<CMessageCommon*>* recordsThatOutliveThePool = nullptr;
-
-// Nothing in the library calls the inline accessor. Naming it here puts the one pool into the
-// library, where the plugins that compiled the accessor too find it.
-[[gnu::used]] CMessageCommonManage* (*const accessorOfThePool)() =
-    &CMessageCommonManage::GetInstance;
+[[gnu::used]] QList<CMessageCommon*>* recordsThatOutliveThePool = nullptr;
 
 } // namespace
 
 CMessageCommonManage::CMessageCommonManage()
     : LxThread(nullptr)
-{
-    lcLxbase(); // made before the pool, so that it is there until the pool is gone
-}
+{ }
 
 CMessageCommonManage::~CMessageCommonManage()
 {
@@ -35,6 +28,8 @@ CMessageCommon* CMessageCommonManage::getMessageCommon()
 {
     const QMutexLocker locker(&m_pool_mutex);
     if (m_free_front == m_free_index_list.size()) {
+        m_free_index_list.clear();
+        m_free_front = 0;
         allocMsg();
         return nullptr;
     }

@@ -30,7 +30,7 @@ public:
 
     // The one pool. Inline, and exported for itself, so that a plugin that compiled it finds the
     // object inside the library.
-    LXBASE_EXPORT static CMessageCommonManage* GetInstance()
+    LXBASE_EXPORT_INLINE static CMessageCommonManage* GetInstance()
     {
         static CMessageCommonManage pool;
         return &pool;

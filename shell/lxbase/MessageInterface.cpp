@@ -13,8 +13,7 @@ IMessageInterface::~IMessageInterface() = default;
 
 void IMessageInterface::Reg(QString id, IMessageInterface* pInterface, ThreadType type)
 {
-    qCDebug(lcLxbase) << "---- pthis:" << static_cast<QObject*>(pInterface) << "##"
-                      << static_cast<QObject*>(this) << static_cast<int>(type);
+    qCDebug(lcLxbase) << "---- pthis:" << pInterface << "##" << this << static_cast<int>(type);
     CRegManager::Reg(std::move(id), pInterface, type);
 }
 

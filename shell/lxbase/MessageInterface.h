@@ -25,7 +25,7 @@ class LXBASE_EXPORT IMessageInterface : public QObject
     Q_OBJECT
 public:
     // What a plugin receives; combined with | at registration. Each flag costs one thread.
-    enum ThreadType {
+    enum ThreadType : int {
         MessageThread = 2,   // messages: RecvMsg
         QuotationThread = 4, // quotations: RecvQuotationMsg
         EventThread = 8,     // events: RecvEvent
@@ -81,7 +81,7 @@ public:
 
     // The handlers, each called on its own worker thread with copies of what was put; `srcId` is
     // the sender as given to the put, the net plugin's ID for what came in from the network. A
-    // handler must not let an exception escape.
+    // handler must not let an exception escape, and must not end the process: that waits for it.
     virtual void RecvMsg(QString srcId, QVariant type, QVariant data) = 0;
     virtual void RecvEvent(QString srcId, QVariant type, QVariant data) = 0;
     virtual void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) = 0;

@@ -15,7 +15,8 @@ struct LXBASE_EXPORT MsgQueueItem
     QString trace_id; // not passed to the handler; empty for quotations
     QVariant data;    // the payload
 
-    // From a scalable allocator: an item is deleted on another thread than it was made on.
+    // From a scalable allocator, unless that was built without: an item is deleted on another
+    // thread than it was made on.
     static void* operator new(std::size_t size);
     static void operator delete(void* item) noexcept;
 };
@@ -25,7 +26,7 @@ struct LXBASE_EXPORT MsgQueueItem
 //
 // Every five minutes or more, right after a batch, it writes a debug record of its batch
 // statistics, which count for the life of the thread; an idle worker writes none.
-class LXBASE_EXPORT CMessageWorkerThread : public InboxWorker<MsgQueueItem>
+class LXBASE_EXPORT CMessageWorkerThread : public CInboxWorker<MsgQueueItem>
 {
     Q_OBJECT
 public:

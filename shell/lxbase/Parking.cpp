@@ -4,12 +4,12 @@
 
 // No wake-up is lost: both the decision to wait and every claim are made under the mutex, and the
 // stop flag is set before the claim that follows it.
-void idle(QMutex& mutex, Parking* parking, const std::atomic<bool>& stop)
+void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop)
 {
     if (!parking) {
         mutex.unlock();
         QThread::usleep(1);
-    } else if (parking->m_looks++ < Parking::LooksBeforeWait) {
+    } else if (parking->m_looks++ < CParking::LooksBeforeWait) {
         mutex.unlock();
         QThread::yieldCurrentThread();
     } else {
@@ -22,7 +22,7 @@ void idle(QMutex& mutex, Parking* parking, const std::atomic<bool>& stop)
     }
 }
 
-void wake(QMutex& mutex, Parking* parking)
+void wake(QMutex& mutex, CParking* parking)
 {
     if (!parking)
         return;

@@ -1,4 +1,4 @@
-// Parking: where a thread waits for its list to fill, instead of polling it.
+// CParking: where a thread waits for its list to fill, instead of polling it.
 // Internal: not installed.
 #ifndef LXBASE_PARKING_H
 #define LXBASE_PARKING_H
@@ -12,18 +12,18 @@
 
 // One belongs to one list (an inbox, or a list of the network paths), the mutex of that list and
 // the one thread that drains it. It exists only under IdlePolicy::Park; wherever the functions
-// below take a null Parking, the list is polled.
-class Parking
+// below take a null CParking, the list is polled.
+class CParking
 {
 public:
-    Parking() = default;
-    Q_DISABLE_COPY(Parking)
+    CParking() = default;
+    Q_DISABLE_COPY(CParking)
 
 private:
-    friend void idle(QMutex& mutex, Parking* parking, const std::atomic<bool>& stop);
-    friend void wake(QMutex& mutex, Parking* parking);
+    friend void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop);
+    friend void wake(QMutex& mutex, CParking* parking);
     template<class T>
-    friend void append(QVector<T>& list, QMutex& mutex, Parking* parking, const T& element);
+    friend void append(QVector<T>& list, QMutex& mutex, CParking* parking, const T& element);
 
     // How often the thread looks again, giving way to others in between, before it waits: while
     // messages come in a burst the next one is on its way, and a wait and a wake cost many looks.
@@ -42,21 +42,21 @@ private:
 // differ. Called by the draining thread with `mutex` held, returns with it released: after the
 // shortest sleep that the thread offers, or, with a parking, when the list has become non-empty,
 // `stop` has been set, or another look is due.
-void idle(QMutex& mutex, Parking* parking, const std::atomic<bool>& stop);
+void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop);
 
 // Ends the wait of the draining thread; called without `mutex`, after the stop flag has been set.
-void wake(QMutex& mutex, Parking* parking);
+void wake(QMutex& mutex, CParking* parking);
 
 // Appends to a list and wakes its thread if that is waiting. The notification follows the unlock,
 // so that the woken thread finds the mutex free; the caller therefore keeps the parking alive until
 // this returns (the registry lock, or the center's call gate, does).
 template<class T>
-void append(QVector<T>& list, QMutex& mutex, Parking* parking, const T& element)
+void append(QVector<T>& list, QMutex& mutex, CParking* parking, const T& element)
 {
-    mutex.lock();
+    QMutexLocker locker(&mutex);
     list.append(element);
     const bool waits = parking && parking->claim();
-    mutex.unlock();
+    locker.unlock();
     if (waits)
         parking->m_wakeUps.release();
 }

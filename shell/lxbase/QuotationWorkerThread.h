@@ -10,7 +10,7 @@
 //
 // Every minute or more, right after a batch, it writes a debug record of its batch statistics and
 // starts them anew; an idle worker writes none.
-class LXBASE_EXPORT CQuotationWorkerThread : public InboxWorker<MsgQueueItem>
+class LXBASE_EXPORT CQuotationWorkerThread : public CInboxWorker<MsgQueueItem>
 {
     Q_OBJECT
 public:

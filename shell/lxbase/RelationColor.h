@@ -4,7 +4,7 @@
 
 // Each colour is one group of plugin IDs per base ID and event type; the bus treats all alike. What
 // a colour means is the client's business, typically the link colour of a window.
-enum RelationColor_t {
+enum RelationColor_t : int {
     RELATION_RED = 0,
     RELATION_ORANGE = 1,
     RELATION_YELLOW = 2,

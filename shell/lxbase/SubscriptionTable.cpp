@@ -24,15 +24,15 @@ void removeFirst(Map& map, QMutex& mutex, const Key& key, const Value& value)
 
 } // namespace
 
-SubscriptionTable::SubscriptionTable(IdsByType& idsByType, QMutex& idsMutex, TypesById& typesById,
-                                     QMutex& typesMutex)
+CSubscriptionTable::CSubscriptionTable(IdsByType& idsByType, QMutex& idsMutex, TypesById& typesById,
+                                       QMutex& typesMutex)
     : m_ids_by_type(idsByType)
     , m_ids_mutex(idsMutex)
     , m_types_by_id(typesById)
     , m_types_mutex(typesMutex)
 { }
 
-void SubscriptionTable::change(const QString& id, const QVariant& type, int oper)
+void CSubscriptionTable::change(const QString& id, const QVariant& type, int oper)
 {
     if (oper == 1) {
         add(m_types_by_id, m_types_mutex, id, type);
@@ -45,7 +45,7 @@ void SubscriptionTable::change(const QString& id, const QVariant& type, int oper
 
 // One pass per recorded type takes one record of `id` away, so a type that was subscribed twice is
 // visited twice.
-void SubscriptionTable::removeAll(const QString& id)
+void CSubscriptionTable::removeAll(const QString& id)
 {
     const QMutexLocker locker(&m_types_mutex);
     const auto types = m_types_by_id.find(id);
@@ -57,7 +57,7 @@ void SubscriptionTable::removeAll(const QString& id)
     m_types_by_id.erase(types);
 }
 
-void SubscriptionTable::clear()
+void CSubscriptionTable::clear()
 {
     qDeleteAll(std::exchange(m_ids_by_type, {}));
     qDeleteAll(std::exchange(m_types_by_id, {}));

@@ -1,4 +1,4 @@
-// SubscriptionTable: who subscribed to what, on the message side or on the event side.
+// CSubscriptionTable: who subscribed to what, on the message side or on the event side.
 // Internal: not installed.
 #ifndef LXBASE_SUBSCRIPTIONTABLE_H
 #define LXBASE_SUBSCRIPTIONTABLE_H
@@ -16,14 +16,14 @@
 // the life of the center, an ID's until removeAll.
 //
 // Locks: at most both of this table, the one of the IDs first.
-class SubscriptionTable
+class CSubscriptionTable
 {
 public:
     using IdsByType = QMap<QVariant, QVector<QString>*>;
     using TypesById = QMap<QString, QVector<QVariant>*>;
 
-    SubscriptionTable(IdsByType& idsByType, QMutex& idsMutex, TypesById& typesById,
-                      QMutex& typesMutex);
+    CSubscriptionTable(IdsByType& idsByType, QMutex& idsMutex, TypesById& typesById,
+                       QMutex& typesMutex);
 
     // Sub and SubEvent: `oper` 1 records the pair once more, 2 removes its first record, any other
     // does nothing.
