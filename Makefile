@@ -1,24 +1,24 @@
-# The front door: every check that CI runs is one word here. `make deps` first on a new machine;
-# demo, test and the rest install what is missing by themselves.
+# The front door: every check that CI runs is one word here. Each word installs what it needs (on
+# Debian, as root or through sudo), configures, builds and runs.
 
 .DEFAULT_GOAL := help
-.PHONY: help deps demo test format format-check
+.PHONY: help deps build demo test asan tsan soak fuzz model bench package package-test docs lint \
+	format format-check
 
-PACKAGES := ca-certificates ccache clang-format-14 cmake g++ libqt5sql5-sqlite libtbb-dev make \
-	ninja-build pkg-config qtbase5-dev
-CMAKE_FLAGS := $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache)
+PACKAGES := ca-certificates ccache cmake g++ libqt5sql5-sqlite libtbb-dev make ninja-build \
+	pkg-config python3 qtbase5-dev
 SOURCES = $(shell git ls-files '*.h' '*.cpp')
+INSTALL = cmake/install-deps
+CONFIGURE = cmake $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache) --preset
 
 help:
 	@sed -n 's/^\([a-z-]*\):.*## /make \1\t/p' $(MAKEFILE_LIST) | expand -t 20
 
-deps: ## install what is missing to build and test (Debian)
-	@cmake/install-deps $(PACKAGES)
+deps: ## install what is missing to build and test
+	@$(INSTALL) $(PACKAGES)
 
-build/release/build.ninja: | deps
-	cmake --preset release $(CMAKE_FLAGS)
-
-build: build/release/build.ninja
+build: deps ## build everything, optimised
+	$(CONFIGURE) release
 	cmake --build --preset release
 
 demo: build ## build, and play a session through the bus
@@ -27,8 +27,52 @@ demo: build ## build, and play a session through the bus
 test: build ## build, and run every test
 	ctest --preset release
 
+asan: deps ## every test under AddressSanitizer, UndefinedBehaviorSanitizer and the leak check
+	$(CONFIGURE) asan
+	cmake --build --preset asan
+	ctest --preset asan
+
+tsan: deps ## every test under ThreadSanitizer
+	$(CONFIGURE) tsan
+	cmake --build --preset tsan
+	ctest --preset tsan
+
+soak: build ## ten million deliveries, checked one by one
+	build/release/tests/stress/stress_ledger --long
+
+fuzz: deps ## feed the quote reader with what a fuzzer thinks of
+	@$(INSTALL) clang-14 libclang-rt-14-dev
+	tests/fuzz/run
+
+model: ## check the model of the unregister barrier exhaustively
+	@$(INSTALL) gcc spin
+	tests/model/run
+
+bench: deps ## measure, next to what a user would pick instead; writes bench/results.md
+	@$(INSTALL) cppzmq-dev libbenchmark-dev libconcurrentqueue-dev libzmq3-dev
+	$(CONFIGURE) bench
+	cmake --build --preset bench
+	bench/run.py build/bench
+
+package: build ## the Debian packages, in build/release
+	cd build/release && cpack -G DEB
+
+package-test: deps ## install, and build against what was installed from outside the tree
+	@$(INSTALL) clang-14
+	tests/package/run
+
+docs: deps ## the API reference, in build/docs
+	@$(INSTALL) doxygen
+	cmake/make-docs
+
+lint: deps ## static analysis
+	@$(INSTALL) clang-tidy-14 clazy
+	cmake/lint
+
 format: ## lay the sources out as .clang-format says
+	@$(INSTALL) clang-format-14
 	clang-format-14 -i $(SOURCES)
 
-format-check: deps ## fail where `make format` would change something
+format-check: ## fail where `make format` would change something
+	@$(INSTALL) clang-format-14
 	clang-format-14 --dry-run --Werror $(SOURCES)
