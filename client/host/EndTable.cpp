@@ -52,23 +52,37 @@ QString pluginTable(const QVector<NamedReport>& reports)
     return table.toString();
 }
 
-// A balanced account shows its one count and who agrees on it, another one every count.
+// Who posted to the account, each with what he counted, and how many if they differ:
+// "orders put/executed, journal executed" or "orders put 3/executed 2, journal executed 2".
+QString partiesOf(const Ledger::Account& account)
+{
+    QStringList parties;
+    QString previous;
+    for (const Ledger::Entry& entry : account.entries) {
+        QStringList words(entry.what);
+        if (!account.balances())
+            words.append(grouped64(entry.count));
+        words.removeAll(QString());
+        const QString text = words.join(QLatin1Char(' '));
+        if (entry.who == previous)
+            parties.last() += QLatin1Char('/') + text;
+        else
+            parties.append(QString(entry.who + QLatin1Char(' ') + text).trimmed());
+        previous = entry.who;
+    }
+    return parties.join(QLatin1String(", "));
+}
+
 QString ledgerTable(const Ledger& ledger)
 {
     TextTable table(
         {QStringLiteral("Ledger"), QStringLiteral("Count"), QStringLiteral("Counted alike by")});
     table.alignLeft(2);
     for (const Ledger::Account& account : ledger.accounts()) {
-        QStringList parties;
-        for (const Ledger::Entry& entry : account.entries) {
-            parties.append(account.balances()
-                               ? entry.who
-                               : QStringLiteral("%1: %2").arg(entry.who, grouped64(entry.count)));
-        }
         table.addRow({account.name,
                       account.balances() ? grouped64(account.entries.first().count)
                                          : QStringLiteral("UNEQUAL"),
-                      parties.join(QLatin1String(", "))});
+                      partiesOf(account)});
     }
     QString text = table.toString();
     for (const QString& fault : ledger.faults())

@@ -19,11 +19,8 @@ Ledger::Ledger(const QVector<NamedReport>& reports)
     };
     QMap<QPair<QString, QString>, Claim> claims; // by symbol and column
     for (const NamedReport& named : reports) {
-        for (const lxclient::Posting& posting : named.report.postings) {
-            const QString who =
-                posting.what.isEmpty() ? named.id : named.id + QLatin1Char(' ') + posting.what;
-            account(posting.account).entries.append({who, posting.count});
-        }
+        for (const lxclient::Posting& posting : named.report.postings)
+            account(posting.account).entries.append({named.id, posting.what, posting.count});
         for (const QString& fault : named.report.faults)
             m_faults.append(QStringLiteral("%1: %2").arg(named.id, fault));
         for (const lxclient::Cell& cell : named.report.cells) {
@@ -39,10 +36,9 @@ Ledger::Ledger(const QVector<NamedReport>& reports)
     }
 }
 
-bool Ledger::balances() const
+bool Ledger::accountsBalance() const
 {
-    return m_faults.isEmpty()
-        && std::all_of(m_accounts.begin(), m_accounts.end(),
+    return std::all_of(m_accounts.begin(), m_accounts.end(),
                        [](const Account& account) { return account.balances(); });
 }
 

@@ -14,12 +14,13 @@ class Ledger
 public:
     struct Entry
     {
-        QString who; // with what it counted: "PluginNet received"
+        QString who;
+        QString what;
         quint64 count;
 
         bool operator==(const Entry& other) const
         {
-            return who == other.who && count == other.count;
+            return who == other.who && what == other.what && count == other.count;
         }
     };
     struct Account
@@ -37,8 +38,10 @@ public:
     Ledger() = default;
     explicit Ledger(const QVector<NamedReport>& reports);
 
-    // All accounts balance and nobody reported a fault.
-    bool balances() const;
+    bool accountsBalance() const;
+
+    // The accounts balance and nobody reported a fault.
+    bool balances() const { return m_faults.isEmpty() && accountsBalance(); }
 
     const QVector<Account>& accounts() const { return m_accounts; }
 

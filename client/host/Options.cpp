@@ -138,8 +138,8 @@ Options Options::parse(const QCoreApplication& program)
          QStringLiteral("What the synthetic session is made from (default: 1)."),
          QStringLiteral("N"), QStringLiteral("1")},
         {QStringLiteral("synthetic-quotes"),
-         QStringLiteral("Length of the synthetic session (default: 200000)."), QStringLiteral("N"),
-         QStringLiteral("200000")},
+         QStringLiteral("Length of the synthetic session (default: 400000)."), QStringLiteral("N"),
+         QStringLiteral("400000")},
         {QStringLiteral("boards"),
          QStringLiteral("Open so many quote boards, board#1, board#2, ... (default: 2)."),
          QStringLiteral("N"), QStringLiteral("2")},
@@ -189,7 +189,8 @@ Options Options::parse(const QCoreApplication& program)
                    .arg(parser.value(QStringLiteral("seed"))));
     options.boards = wholeNumber(parser, QStringLiteral("boards"), 1, 100);
     options.links = linksFrom(parser.values(QStringLiteral("link")));
-    if (!parser.isSet(QStringLiteral("link")) && options.boards >= 2)
+    options.links_by_default = !parser.isSet(QStringLiteral("link"));
+    if (options.links_by_default)
         options.links = linksFrom({QStringLiteral("red:board#1,board#2")});
     options.record_file = parser.value(QStringLiteral("record"));
     options.journal_file = parser.value(QStringLiteral("journal"));

@@ -28,6 +28,7 @@ struct Options
     quint64 synthetic_seed = 0;
     int boards = 0;
     QMap<RelationColor_t, QStringList> links; // plugin IDs by colour, each ID once
+    bool links_by_default = false;            // not asked for: they need not exist
     QString record_file;
     QString journal_file;
     CMessageCenter::IdlePolicy idle = CMessageCenter::IdlePolicy::Park;

@@ -114,6 +114,11 @@ ExitCode Session::finish()
               .arg(seconds, 0, 'f', 2)
               .arg(QLatin1String(m_interrupted ? ", interrupted" : ""))
               .arg(perSecond(quotes), perSecond(deliveries)));
+    if (!m_options.record_file.isEmpty()) {
+        print(stdout,
+              QStringLiteral("%1 quotes recorded in %2.\n")
+                  .arg(grouped(static_cast<qint64>(m_tap.recorded())), m_options.record_file));
+    }
     return ledger.balances() ? ExitBalanced : ExitUnbalanced;
 }
 
@@ -146,6 +151,8 @@ QString Session::linkPlugins()
     for (auto link = m_options.links.constBegin(); link != m_options.links.constEnd(); ++link) {
         for (const QString& id : link.value()) {
             if (!known.contains(id)) {
+                if (m_options.links_by_default)
+                    continue; // another set of plugins, without these boards
                 return QStringLiteral("--link: there is no plugin %1; there are %2")
                     .arg(id, known.join(QLatin1String(", ")));
             }
@@ -174,7 +181,7 @@ QVariantMap Session::settingsFor(const QString& id) const
 QVector<NamedReport> Session::reports() const
 {
     QVector<NamedReport> reports = m_host.reports();
-    reports.append({QStringLiteral("(tap)"), m_tap.report()});
+    reports.append({QStringLiteral("tap"), m_tap.report()});
     return reports;
 }
 
@@ -197,7 +204,7 @@ void Session::settle()
     m_last_ledger = ledger;
     if (moved)
         m_standstill.restart();
-    const bool settled = !moved && ledger.balances();
+    const bool settled = !moved && ledger.accountsBalance();
     if (!settled && m_standstill.elapsed() < SettleLimitMs)
         return;
     m_played_ns = m_played.nsecsElapsed();

@@ -47,11 +47,15 @@ lxclient::Report Tap::report() const
     const QString orders = QStringLiteral("orders");
     report.postings.append({orders, QStringLiteral("acknowledged"), m_acknowledged});
     report.postings.append({orders, QStringLiteral("executed"), m_executed});
-    if (m_recording)
-        report.remarks.append(QStringLiteral("recorded: %1").arg(m_recorded));
     if (!m_recording_error.isEmpty())
         report.faults.append(m_recording_error);
     return report;
+}
+
+quint64 Tap::recorded() const
+{
+    const QMutexLocker locker(&m_mutex);
+    return m_recorded;
 }
 
 Tap::Progress Tap::progress() const

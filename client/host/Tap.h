@@ -35,6 +35,9 @@ public:
 
     lxclient::Report report() const;
 
+    // How many quotes are in the recording.
+    quint64 recorded() const;
+
     // For the progress line.
     struct Progress
     {

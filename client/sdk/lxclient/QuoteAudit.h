@@ -16,6 +16,14 @@ class QuoteAudit
 public:
     static QString account(const QString& symbol) { return QStringLiteral("quotes ") + symbol; }
 
+    // These are to come: they are posted even if none does, so that a loss of all shows. In
+    // initialise, with the setting "symbols" or those of them that the plugin subscribes to.
+    void expect(const QStringList& symbols)
+    {
+        for (const QString& symbol : symbols)
+            m_counts.insert(symbol, 0);
+    }
+
     // Last in the handler, see Report.h.
     void count(const Quote& quote)
     {

@@ -10,9 +10,19 @@
 namespace lxclient {
 
 // The ledger is a set of accounts. Everybody who put, passed on or received the same things posts
-// his own count of them to one account; the account balances when all its counts are equal. Nobody
-// may copy a count from another: a ledger of independent counts proves that nothing was lost or
-// doubled.
+// his own count of them to one account. The account balances when all its counts are equal and,
+// unless they are zero, there are at least two. Nobody may copy a count from another: it is their
+// independence that proves that nothing was lost or doubled.
+//
+// Accounts of the client's own plugins; others join them when they do the same:
+//     "quotes SYMBOL"         put by the net plugin; received by who subscribed (see QuoteAudit.h)
+//     "signals of ID"         put by the plugin ID; received by the first board
+//     "order requests of ID"  put by the plugin ID; received by the orders plugin
+//     "refusals to ID"        put by the orders plugin; received by the plugin ID
+//     "orders"                orders, acknowledgements, executions, rows of the journal
+//     "position events"       put by the orders plugin; received by who subscribed
+//     "selections of ID"      put by the window ID if it is linked; received by those it is linked
+//     to
 //
 // The host also uses the accounts to learn that nothing is on its way any more: it waits until two
 // successive sets of reports are the same and balance. That is right only if every plugin
