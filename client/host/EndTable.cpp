@@ -70,6 +70,8 @@ QString partiesOf(const Ledger::Account& account)
             parties.append(QString(entry.who + QLatin1Char(' ') + text).trimmed());
         previous = entry.who;
     }
+    if (account.entries.size() == 1 && !account.balances())
+        parties.append(QStringLiteral("nobody else"));
     return parties.join(QLatin1String(", "));
 }
 

@@ -6,8 +6,10 @@
 
 bool Ledger::Account::balances() const
 {
-    return std::all_of(entries.begin(), entries.end(),
-                       [this](const Entry& entry) { return entry.count == entries.first().count; });
+    const quint64 count = entries.first().count;
+    return (entries.size() > 1 || count == 0)
+        && std::all_of(entries.begin(), entries.end(),
+                       [count](const Entry& entry) { return entry.count == count; });
 }
 
 Ledger::Ledger(const QVector<NamedReport>& reports)

@@ -32,7 +32,7 @@ constexpr const char* colorNames[] = {"red", "orange", "yellow", "green", "cyan"
 
 [[noreturn]] void refuse(const QString& message)
 {
-    std::fprintf(stderr, "%s\n", qPrintable(message));
+    std::fprintf(stderr, "lxclient: %s\n", qPrintable(message));
     std::exit(ExitBadCommandLine);
 }
 

@@ -51,8 +51,11 @@ QString Session::start()
         {QStringLiteral("boards"), m_options.boards},
         {QStringLiteral("journal"), m_options.journal_file},
     };
-    for (auto it = own.constBegin(); it != own.constEnd(); ++it)
+    for (auto it = own.constBegin(); it != own.constEnd(); ++it) {
+        if (m_settings.contains(it.key()))
+            return QStringLiteral("--set %1: has an option of its own, see --help").arg(it.key());
         m_settings.insert(it.key(), it.value());
+    }
 
     QString error = takeSymbols();
     if (error.isEmpty())
@@ -76,7 +79,7 @@ QString Session::start()
         if (!error.isEmpty())
             return error;
     }
-    m_tap.start();
+    m_tap.start(m_settings.value(lxclient::setting::Symbols).toStringList());
     m_played.start();
     m_progress_age.start();
     m_host.startInputs();
@@ -149,17 +152,19 @@ QString Session::linkPlugins()
 {
     const QStringList known = m_host.ids();
     for (auto link = m_options.links.constBegin(); link != m_options.links.constEnd(); ++link) {
+        QStringList& group = m_links[link.key()];
         for (const QString& id : link.value()) {
-            if (!known.contains(id)) {
-                if (m_options.links_by_default)
-                    continue; // another set of plugins, without these boards
+            if (known.contains(id)) {
+                group.append(id);
+            } else if (!m_options.links_by_default) {
                 return QStringLiteral("--link: there is no plugin %1; there are %2")
                     .arg(id, known.join(QLatin1String(", ")));
             }
-            for (const QString& sender : link.value()) {
+        }
+        for (const QString& sender : qAsConst(group)) {
+            for (const QString& id : qAsConst(group))
                 CRegManager::setRelation(baseOf(sender), id, lxclient::SelectionType, link.key(),
                                          1);
-            }
         }
     }
     return QString();
@@ -169,7 +174,7 @@ QVariantMap Session::settingsFor(const QString& id) const
 {
     QVariantMap settings = m_settings;
     QStringList linked;
-    for (const QStringList& group : m_options.links) {
+    for (const QStringList& group : m_links) {
         if (group.contains(id))
             linked = group;
     }

@@ -54,7 +54,8 @@ private:
 
     const Options m_options;
     QVariantMap m_settings; // the same for every plugin
-    Tap m_tap;              // outlives the plugins, which put to its queues
+    QMap<RelationColor_t, QStringList> m_links;
+    Tap m_tap; // outlives the plugins, which put to its queues
     PluginHost m_host;
 
     State m_state = State::Playing;

@@ -19,8 +19,9 @@ QString Tap::recordTo(const QString& fileName)
     return m_recording->open(fileName) ? QString() : m_recording->errorString();
 }
 
-void Tap::start()
+void Tap::start(const QStringList& symbols)
 {
+    m_audit.expect(symbols);
     auto* const center = CMessageCenter::GetInstance();
     center->regNetMsgQueue(&m_net_queue);
     center->regQuotationQueue(&m_quotation_queue);

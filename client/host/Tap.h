@@ -27,8 +27,8 @@ public:
     // Records the quotes to this file. Nothing, or what is wrong. Called before start.
     QString recordTo(const QString& fileName);
 
-    // Registers the queues and begins to drain them. Called before quotes flow.
-    void start();
+    // Registers the queues and begins to drain them. Called before quotes, of these symbols, flow.
+    void start(const QStringList& symbols);
 
     // Drains the queues to the end and finishes the recording.
     void stop();

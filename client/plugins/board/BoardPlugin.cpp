@@ -23,6 +23,7 @@ bool BoardPlugin::initialise(const QString& id, const QVariantMap& settings, QSt
     m_linked = settings.value(lxclient::setting::Linked).toStringList();
     const QStringList symbols = settings.value(lxclient::setting::Symbols).toStringList();
     m_selected = symbols.value(0);
+    m_audit.expect(symbols);
 
     Reg(m_id, this, MessageThread | QuotationThread | EventThread);
     SubEvent(m_id, lxclient::PositionType, 1);
@@ -59,8 +60,8 @@ lxclient::Report BoardPlugin::report() const
     }
     report.events = m_position_events;
     report.postings.append({QStringLiteral("position events"), QString(), m_position_events});
-    report.postings.append({selectionsOf(m_id), QStringLiteral("put"), m_selections_put});
-    // who is not linked posts only what he should not have got
+    if (!m_linked.isEmpty())
+        report.postings.append({selectionsOf(m_id), QStringLiteral("put"), m_selections_put});
     for (const QString& sender : m_linked) {
         report.postings.append(
             {selectionsOf(sender), QString(), m_selections_received.value(sender)});
@@ -68,7 +69,7 @@ lxclient::Report BoardPlugin::report() const
     for (auto it = m_selections_received.begin(); it != m_selections_received.end(); ++it) {
         report.events += it.value();
         if (!m_linked.contains(it.key()))
-            report.postings.append({selectionsOf(it.key()), QStringLiteral("leaked"), it.value()});
+            report.faults.append(QStringLiteral("followed %1 without being linked").arg(it.key()));
     }
 
     report.remarks.append(QStringLiteral("shows ") + m_selected);

@@ -22,9 +22,15 @@ QString utc(const QDateTime& time)
     return time.toUTC().toString(Qt::ISODateWithMs);
 }
 
+// The database's own words; the framework adds what it was doing.
+QString text(const QSqlError& error)
+{
+    return error.databaseText().isEmpty() ? error.text() : error.databaseText();
+}
+
 QString run(QSqlQuery& query)
 {
-    return query.exec() ? QString() : query.lastError().text();
+    return query.exec() ? QString() : text(query.lastError());
 }
 
 // One number that the database answers; -1 and `error` set if it does not.
@@ -32,7 +38,7 @@ int number(const QSqlDatabase& database, const QString& question, QString& error
 {
     QSqlQuery query(database);
     if (!query.exec(question) || !query.next()) {
-        error = query.lastError().text();
+        error = text(query.lastError());
         return -1;
     }
     return query.value(0).toInt();
@@ -59,9 +65,9 @@ QString JournalFile::open(const QString& fileName)
         return named(QStringLiteral("the SQLite driver of the framework's SQL module is missing"));
     m_database.setDatabaseName(fileName);
     if (!m_database.open())
-        return named(m_database.lastError().text());
+        return named(text(m_database.lastError()));
     if (!m_database.transaction())
-        return named(m_database.lastError().text());
+        return named(text(m_database.lastError()));
     QString error = prepareSchema();
     if (error.isEmpty()) {
         QSqlQuery query(m_database);
@@ -78,7 +84,7 @@ QString JournalFile::open(const QString& fileName)
 QString JournalFile::write(const JournalBatch& batch)
 {
     if (!m_database.transaction())
-        return named(m_database.lastError().text());
+        return named(text(m_database.lastError()));
     const QString error = insert(batch);
     if (error.isEmpty() && m_database.commit())
         return QString();
@@ -117,11 +123,11 @@ QString JournalFile::prepareSchema()
     QSqlQuery query(m_database);
     for (const char* statement : schema) {
         if (!query.exec(QLatin1String(statement)))
-            return query.lastError().text();
+            return text(query.lastError());
     }
     if (!query.exec(QStringLiteral("PRAGMA application_id = %1").arg(ApplicationId))
         || !query.exec(QStringLiteral("PRAGMA user_version = %1").arg(SchemaVersion)))
-        return query.lastError().text();
+        return text(query.lastError());
     return QString();
 }
 
@@ -160,9 +166,9 @@ QString JournalFile::insert(const JournalBatch& batch)
 // The error of the commit if `error` is empty.
 QString JournalFile::rollback(const QString& error)
 {
-    const QString text = error.isEmpty() ? m_database.lastError().text() : error;
+    const QString why = error.isEmpty() ? text(m_database.lastError()) : error;
     m_database.rollback();
-    return named(text);
+    return named(why);
 }
 
 QString JournalFile::named(const QString& error) const

@@ -34,6 +34,7 @@ bool OrdersPlugin::initialise(const QString& id, const QVariantMap& settings, QS
         reason = QStringLiteral("orders.max-open must be a whole number from 1 on");
         return false;
     }
+    m_audit.expect(m_symbols);
     Reg(m_id, this, MessageThread | QuotationThread);
     Sub(m_id, lxclient::ExecutionType, 1); // acknowledgements are addressed to us
     for (const QString& symbol : qAsConst(m_symbols))

@@ -19,8 +19,9 @@ bool StrategyPlugin::initialise(const QString& id, const QVariantMap& settings, 
                            "from 1 on, and fast less than slow");
         return false;
     }
-    Reg(m_id, this, MessageThread | QuotationThread);
     const QStringList symbols = settings.value(lxclient::setting::Symbols).toStringList();
+    m_audit.expect(symbols);
+    Reg(m_id, this, MessageThread | QuotationThread);
     for (const QString& symbol : symbols)
         Sub(m_id, lxclient::quoteType(settings, symbol), 1);
     return true;

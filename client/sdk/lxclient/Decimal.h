@@ -24,6 +24,7 @@ struct Decimal
         return static_cast<double>(units) / scale;
     }
 
+    // As it was written.
     QString toString() const
     {
         QString digits =

@@ -31,7 +31,7 @@ struct OrderRequest
     QString trace_id; // chosen by who asks; goes with everything that follows from the request
     QString symbol;
     qint64 quantity = 0; // positive
-    enum Side { Buy, Sell } side = Buy;
+    enum Side { Buy, Sell } side = Buy; // which way
     QString reason;
 };
 

@@ -14,6 +14,7 @@ namespace lxclient {
 class QuoteAudit
 {
 public:
+    // The account of a symbol's quotes.
     static QString account(const QString& symbol) { return QStringLiteral("quotes ") + symbol; }
 
     // These are to come: they are posted even if none does, so that a loss of all shows. In
@@ -37,8 +38,10 @@ public:
         }
     }
 
+    // All quotes so far.
     quint64 total() const { return m_total; }
 
+    // Adds the counts, and the first fault, to a report.
     void post(Report& report) const
     {
         report.quotations = m_total;
