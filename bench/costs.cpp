@@ -99,13 +99,21 @@ void measurePuts(benchmark::State& state, BlockedPlugins& plugins, PutTo putTo, 
     state.SetItemsProcessed(state.iterations() * PutsPerBatch);
 }
 
-// Direct puts that go round all plugins.
-void putAgainstPlugins(benchmark::State& state, int count)
+// Direct puts to one plugin, while others are registered.
+void putAmongPlugins(benchmark::State& state, int count)
+{
+    const IdlePlugins others(count - 1, IMessageInterface::MessageThread);
+    BlockedPlugins plugins(1, IMessageInterface::MessageThread);
+    const auto put = [&](int number) { putTo(plugins.id(0), messageType, number); };
+    measurePuts(state, plugins, put, put);
+}
+
+// Direct puts that go round all plugins, so that every put meets an inbox that is not in the cache.
+void putRoundPlugins(benchmark::State& state, int count)
 {
     BlockedPlugins plugins(count, IMessageInterface::MessageThread);
-    measurePuts(
-        state, plugins, [&](int plugin) { putTo(plugins.id(plugin), messageType, 0); },
-        [&](int k) { putTo(plugins.id(k % count), messageType, k); });
+    const auto put = [&](int k) { putTo(plugins.id(k % count), messageType, k); };
+    measurePuts(state, plugins, put, put);
 }
 
 // Broadcasts to one subscriber, of types that jump about among all that are subscribed.
@@ -242,8 +250,10 @@ benchmark::internal::Benchmark* add(const std::string& name, Function function,
 
 void registerBenchmarks()
 {
-    for (const int plugins : {10, 100, 1000})
-        add("put_plugins_" + std::to_string(plugins), putAgainstPlugins, plugins);
+    for (const int plugins : {10, 100, 1000}) {
+        add("put_among_" + std::to_string(plugins), putAmongPlugins, plugins);
+        add("put_round_" + std::to_string(plugins), putRoundPlugins, plugins);
+    }
     for (const int types : {10, 1000, 100000})
         add("put_types_" + std::to_string(types), putAgainstTypes, types);
     for (const bool log : {false, true}) {

@@ -61,6 +61,7 @@ QUICK_PLAN = [
     ("pool", "park", ".", False),
 ]
 PROGRAM_TIMEOUT_S = 1800
+DELIVERIES_PER_BATCH = 64000  # as in throughput.cpp
 
 
 class Results:
@@ -74,7 +75,7 @@ class Results:
         self.context.update(report["context"])
         for run in report["benchmarks"]:
             # "/real_time", "/iterations:1" and the like say how it was measured, not what
-            name = re.sub(r"/(real_time|manual_time|\w+:\d+)", "", run["name"])
+            name = re.sub(r"/(process_time|real_time|manual_time|\w+:\d+)", "", run["name"])
             if run.get("error_occurred"):
                 sys.exit(f"{name}: {run['error_message']}")
             for counter, value in run.items():
@@ -152,8 +153,10 @@ def targets(results):
                      results.slowdown(f"drain_{path}_200000/bus", f"drain_{path}_2000/bus"), 1.3,
                      False, times))
     rows += [
-        ("put with 1,000 plugins against 10",
-         results.slowdown("put_plugins_1000/bus", "put_plugins_10/bus"), 1.3, False, times),
+        ("put to one of 1,000 plugins against one of 10",
+         results.slowdown("put_among_1000/bus", "put_among_10/bus"), 1.3, False, times),
+        ("put to 1,000 plugins in turn against 10 in turn",
+         results.slowdown("put_round_1000/bus", "put_round_10/bus"), 1.3, False, times),
         ("put with 100,000 types against 10",
          results.slowdown("put_types_100000/bus", "put_types_10/bus"), 3, False, times),
         ("pool: take and give back, one thread",
@@ -174,6 +177,11 @@ def shown(value, form=times):
 
 def million(value):
     return "" if value is None else f"{value / 1e6:.2f}"
+
+
+def cpu_ns_per_message(results, name):
+    milliseconds = results.median(name, "cpu_time")  # of one iteration
+    return "" if milliseconds is None else f"{milliseconds * 1e6 / DELIVERIES_PER_BATCH:.0f}"
 
 
 def target_table(results):
@@ -204,6 +212,14 @@ def throughput_tables(results):
                 parts.append(f"### {PATHS[path]}, {policy}\n\n" + table(
                     ["M messages/s; lxbase as a multiple of it", "double", "", "map", "", "struct",
                      ""], rows))
+    rows = []
+    for peer in ["bus"] + PEERS:
+        rows.append([PEER_TITLES[peer]] + [
+            cpu_ns_per_message(results, f"{path}/{peer}/{payload}")
+            for path in ("direct_1to1", "direct_4to1") for payload in PAYLOADS])
+    parts.append("### CPU time per message, all threads, park\n\n" + table(
+        ["ns", "1 producer, double", "map", "struct", "4 producers, double", "map", "struct"],
+        rows))
     rows = []
     for path, title in PATHS.items():
         rows.append([title] + [million(results.median(f"{path}/bus/{payload}", policy=policy))
@@ -285,7 +301,8 @@ Written by `bench/run.py`. A figure is the median of {rounds} round{'s' if round
 ratio the median of the ratios within each round. Every transport is given a record that was made
 with `new`, copies type, destination and payload, deletes the record, and hands the values to the
 same virtual handler; an iteration puts one batch and ends with its last delivery. The queues and
-the floor hold pointers to items made with plain `new`.
+the floor hold pointers to items made with plain `new`, and their consumers look again as often as
+the bus does before they sleep. Map and struct are made afresh for each message.
 
 - machine: {machine()}
 - date: {datetime.date.today().isoformat()}; load average at the end: {load}

@@ -117,14 +117,12 @@ void Registration::deleteRetiredWorkers()
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
 }
 
-IdlePlugins::IdlePlugins(int plugins)
+IdlePlugins::IdlePlugins(int plugins, IMessageInterface::ThreadType type)
 {
     for (int k = 0; k < plugins; ++k) {
         m_plugins.push_back(std::make_unique<Receiver>());
-        m_registrations.push_back(std::make_unique<Registration>(
-            QStringLiteral("Idle%1").arg(k), *m_plugins.back(),
-            IMessageInterface::MessageThread | IMessageInterface::QuotationThread
-                | IMessageInterface::EventThread));
+        m_registrations.push_back(std::make_unique<Registration>(QStringLiteral("Idle%1").arg(k),
+                                                                 *m_plugins.back(), type));
     }
 }
 

@@ -45,13 +45,15 @@ private:
     IMessageInterface& m_plugin;
 };
 
-// Registers plugins with all three workers, which nobody puts to.
+// Registers plugins, by default with all three workers, which nobody puts to.
 class IdlePlugins
 {
 public:
     static constexpr int WorkersPerPlugin = 3;
+    static constexpr IMessageInterface::ThreadType AllWorkers = IMessageInterface::MessageThread
+        | IMessageInterface::QuotationThread | IMessageInterface::EventThread;
 
-    explicit IdlePlugins(int plugins);
+    explicit IdlePlugins(int plugins, IMessageInterface::ThreadType type = AllWorkers);
     ~IdlePlugins();
 
 private:

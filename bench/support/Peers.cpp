@@ -51,8 +51,15 @@ void Floor::append(Item* item)
 void Floor::drain(Receiver& receiver)
 {
     std::vector<Item*> batch;
+    int looks = 0;
     for (;;) {
         std::unique_lock<std::mutex> lock(m_mutex);
+        if (m_items.empty() && looks++ < LooksBeforeSleep) {
+            lock.unlock();
+            std::this_thread::yield();
+            continue;
+        }
+        looks = 0;
         m_parked = m_items.empty();
         m_filled.wait(lock, [this] { return !m_items.empty(); });
         m_parked = false;

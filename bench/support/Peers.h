@@ -74,6 +74,10 @@ private:
     Registration m_registration;
 };
 
+// How often a consumer looks again, giving way to others in between, before it sleeps: the bus does
+// so, and without it the peers would lose by their waiting, not by their queues.
+constexpr int LooksBeforeSleep = 20;
+
 // The least that a queue between two threads can do: a bare mutex and a vector that is swapped.
 // The consumer waits on a condition, which is notified only while it waits.
 class Floor
@@ -203,9 +207,17 @@ private:
         Item* items[room];
         std::size_t found = 0;
         const auto look = [&] { return (found = m_queue.pop(items, room)) > 0; };
+        int looks = 0;
         for (;;) {
-            if (!look() && !m_doorbell.lookOrSleep(look))
-                continue;
+            if (!look()) {
+                if (looks++ < LooksBeforeSleep) {
+                    std::this_thread::yield();
+                    continue;
+                }
+                if (!m_doorbell.lookOrSleep(look))
+                    continue;
+            }
+            looks = 0;
             for (std::size_t k = 0; k < found; ++k) {
                 const std::unique_ptr<Item> item(items[k]);
                 if (!item)
