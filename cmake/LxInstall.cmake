@@ -3,8 +3,10 @@ include(CMakePackageConfigHelpers)
 
 set(package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/lxbase)
 install(EXPORT lxbaseTargets NAMESPACE lxbase:: DESTINATION ${package_dir} COMPONENT development)
+set(client_plugin_dir ${CMAKE_INSTALL_LIBDIR}/lxclient/plugins)
 configure_package_config_file(${CMAKE_CURRENT_LIST_DIR}/lxbaseConfig.cmake.in lxbaseConfig.cmake
-    INSTALL_DESTINATION ${package_dir})
+    INSTALL_DESTINATION ${package_dir}
+    PATH_VARS client_plugin_dir)
 write_basic_package_version_file(lxbaseConfigVersion.cmake COMPATIBILITY SameMajorVersion)
 install(FILES
     ${PROJECT_BINARY_DIR}/lxbaseConfig.cmake
@@ -39,9 +41,12 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS
-    $<TARGET_FILE_DIR:lxbase> $<TARGET_FILE_DIR:lxevent> $<TARGET_FILE_DIR:lxmsg>
-    $<TARGET_FILE_DIR:lxutils>)
+foreach(library IN ITEMS lxbase lxevent lxmsg lxutils) # where the client's needs are looked up
+    if(NOT library IN_LIST LXBASE_EXTERNAL_SIBLINGS)
+        get_target_property(folder ${library} BINARY_DIR)
+        list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${folder})
+    endif()
+endforeach()
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS_POLICY "=")
 

@@ -19,6 +19,7 @@
 
 namespace Concurrency {
 
+// push and try_pop from any thread, at the same time.
 template<class T>
 using concurrent_queue = tbb::concurrent_queue<T>;
 

@@ -69,7 +69,7 @@ struct Delivery
         const auto inbox = inboxOf(**record);
         if (inbox.list) {
             append(*inbox.list, *inbox.mutex, inbox.parking, item.get());
-            item.release();
+            static_cast<void>(item.release()); // the inbox has it
         }
         return true;
     }

@@ -26,6 +26,7 @@ class CParking;
 class LXBASE_EXPORT CDispatchThread : public LxThread
 {
 public:
+    // What a dispatch thread drains: references to messages, oldest first.
     using MessageList = QVector<QSharedPointer<CMessageCommon>>;
 
     ~CDispatchThread() override;

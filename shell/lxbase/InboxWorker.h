@@ -94,6 +94,7 @@ protected:
     // Everything in which the three workers differ.
     struct WorkerProfile
     {
+        // called once per item
         void (IMessageInterface::*handler)(QString srcId, QVariant type, QVariant data);
         Take take;
         quint32 recordIntervalMs; // least time between two statistics records

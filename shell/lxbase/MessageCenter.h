@@ -72,6 +72,7 @@ struct MsgRegInfo
 class LXBASE_EXPORT CMessageCenter
 {
 public:
+    // What the lists of the network paths and the outside queues hold: references to messages.
     using MessageList = QVector<QSharedPointer<CMessageCommon>>;
     using MessageQueue = Concurrency::concurrent_queue<QSharedPointer<CMessageCommon>>;
 

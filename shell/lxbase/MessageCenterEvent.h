@@ -27,7 +27,7 @@ struct EventRegInfo
 // The groups of one base ID and event type. An ID stands in at most one of the lists, once.
 struct RelationGroups
 {
-    static constexpr int ColorCount = 7;
+    static constexpr int ColorCount = 7; // the values of RelationColor_t
     QStringList lists[ColorCount]; // by RelationColor_t, IDs in the order in which they were added
 };
 

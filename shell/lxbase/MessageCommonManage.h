@@ -26,6 +26,7 @@ class LXBASE_EXPORT CMessageCommonManage : public LxThread
 {
     Q_OBJECT
 public:
+    // The records that are made at a time.
     static constexpr int BatchSize = 100000;
 
     // The one pool. Inline, and exported for itself, so that a plugin that compiled it finds the

@@ -87,6 +87,7 @@ public:
     virtual void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) = 0;
 };
 
+// The flags of both.
 constexpr IMessageInterface::ThreadType operator|(IMessageInterface::ThreadType a,
                                                   IMessageInterface::ThreadType b)
 {
@@ -102,6 +103,7 @@ public:
     CRegManager();
     ~CRegManager() override;
 
+    // As in IMessageInterface.
     static void Reg(QString id, IMessageInterface* pInterface, IMessageInterface::ThreadType type);
     static void UnReg(QString id);
     static void Put(QString srcId, CMessageCommon* pMsg);

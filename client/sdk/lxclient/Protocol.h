@@ -31,7 +31,9 @@ struct OrderRequest
     QString trace_id; // chosen by who asks; goes with everything that follows from the request
     QString symbol;
     qint64 quantity = 0; // positive
-    enum Side { Buy, Sell } side = Buy; // which way
+    // Which way the position goes.
+    enum Side { Buy, Sell };
+    Side side = Buy;
     QString reason;
 };
 

@@ -55,6 +55,7 @@ inline QString grouped(qint64 number)
     return QLocale(QLocale::English, QLocale::UnitedStates).toString(number);
 }
 
+// All of it, as of now.
 struct Report
 {
     // what the three handlers received
