@@ -143,6 +143,7 @@ QString Session::takeSymbols()
         const auto scanned = scanSymbols(m_options.recordings, error);
         symbols = scanned.value_or(QStringList());
     }
+    symbols.sort(); // the same whichever was quoted first
     m_settings.insert(lxclient::setting::Symbols, symbols);
     return error;
 }

@@ -1,0 +1,86 @@
+// The ledger's arithmetic: it must not balance when anything is missing.
+#include "Ledger.h"
+
+#include <lxclient/QuoteAudit.h>
+
+#include <QtTest>
+
+using lxclient::Report;
+
+class tst_Ledger : public QObject
+{
+    Q_OBJECT
+private slots:
+    void balancesOnlyIfEveryCountIsConfirmed_data()
+    {
+        QTest::addColumn<QVector<quint64>>("counts");
+        QTest::addColumn<bool>("balances");
+        QTest::newRow("equal") << QVector<quint64>{5, 5, 5} << true;
+        QTest::newRow("one lost") << QVector<quint64>{5, 4, 5} << false;
+        QTest::newRow("one doubled") << QVector<quint64>{5, 5, 6} << false;
+        QTest::newRow("all lost") << QVector<quint64>{5, 0} << false;
+        QTest::newRow("nobody to confirm") << QVector<quint64>{5} << false;
+        QTest::newRow("nothing happened") << QVector<quint64>{0} << true;
+    }
+    void balancesOnlyIfEveryCountIsConfirmed()
+    {
+        QFETCH(QVector<quint64>, counts);
+        QVector<NamedReport> reports;
+        for (quint64 count : counts) {
+            Report report;
+            report.postings.append({QStringLiteral("things"), QString(), count});
+            reports.append({QStringLiteral("plugin"), report});
+        }
+        QTEST(Ledger(reports).balances(), "balances");
+    }
+
+    void aFaultUnbalancesIt()
+    {
+        Report report;
+        report.faults.append(QStringLiteral("disk full"));
+        const Ledger ledger({{QStringLiteral("journal"), report}});
+        QVERIFY(!ledger.balances());
+        QCOMPARE(ledger.faults(), QStringList(QStringLiteral("journal: disk full")));
+    }
+
+    void pluginsThatDisagreeAboutASymbolUnbalanceIt()
+    {
+        Report a;
+        a.cells.append({QStringLiteral("EUR/USD"), QStringLiteral("Bid"), QStringLiteral("1.1")});
+        Report b = a;
+        QVERIFY(Ledger({{QStringLiteral("a"), a}, {QStringLiteral("b"), b}}).balances());
+        b.cells[0].text = QStringLiteral("1.2");
+        QVERIFY(!Ledger({{QStringLiteral("a"), a}, {QStringLiteral("b"), b}}).balances());
+    }
+
+    void anAuditSeesLossDoublingDisorderAndSilence_data()
+    {
+        QTest::addColumn<QVector<int>>("sequence");
+        QTest::addColumn<bool>("faultless");
+        QTest::newRow("in order") << QVector<int>{1, 2, 3} << true;
+        QTest::newRow("lost") << QVector<int>{1, 3} << false;
+        QTest::newRow("doubled") << QVector<int>{1, 2, 2} << false;
+        QTest::newRow("swapped") << QVector<int>{2, 1} << false;
+        QTest::newRow("silent") << QVector<int>{} << true;
+    }
+    void anAuditSeesLossDoublingDisorderAndSilence()
+    {
+        QFETCH(QVector<int>, sequence);
+        lxclient::QuoteAudit audit;
+        audit.expect({QStringLiteral("A")});
+        for (int number : sequence) {
+            lxclient::Quote quote;
+            quote.symbol = QStringLiteral("A");
+            quote.sequence = static_cast<quint64>(number);
+            audit.count(quote);
+        }
+        Report report;
+        audit.post(report);
+        QTEST(report.faults.isEmpty(), "faultless");
+        QCOMPARE(report.postings.size(), 1); // also when nothing came
+        QCOMPARE(report.postings[0].count, static_cast<quint64>(sequence.size()));
+    }
+};
+
+QTEST_APPLESS_MAIN(tst_Ledger)
+#include "tst_Ledger.moc"
