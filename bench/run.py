@@ -292,13 +292,12 @@ def commit(folder):
         return "unknown"
 
 
-def report(results, rounds, arguments, here):
+def report(results, rounds, min_time, here):
     context = results.context
     load = ", ".join(f"{value:.1f}" for value in os.getloadavg())
     return f"""# Results
 
-Written by `bench/run.py`. A figure is the median of {rounds} round{'s' if rounds > 1 else ''}, a
-ratio the median of the ratios within each round. Every transport is given a record that was made
+Written by `bench/run.py`. A figure is the median of the rounds, a ratio the median of the ratios within each round. Every transport is given a record that was made
 with `new`, copies type, destination and payload, deletes the record, and hands the values to the
 same virtual handler; an iteration puts one batch and ends with its last delivery. The queues and
 the floor hold pointers to items made with plain `new`, and their consumers look again as often as
@@ -308,7 +307,8 @@ the bus does before they sleep. Map and struct are made afresh for each message.
 - date: {datetime.date.today().isoformat()}; load average at the end: {load}
 - lxbase {commit(here)}, Qt {context.get('qt')}, oneTBB {context.get('tbb')}, libzmq \
 {context.get('zmq')}, {context.get('compiler')}
-- repeat: `make bench`, or `bench/run.py {' '.join(arguments)}`
+- repeat: `make bench`; here {rounds} round{'s' if rounds > 1 else ''}, at least {min_time} s for \
+each benchmark
 
 ## Targets
 
@@ -330,7 +330,7 @@ def run_program(program, arguments):
         done = subprocess.run(command, capture_output=True, text=True, timeout=PROGRAM_TIMEOUT_S)
     except OSError as error:
         sys.exit(f"{program} cannot be run ({error.strerror}): build the benchmarks first with "
-                 "-DLXBASE_BUILD_BENCH=ON and name their folder with --programs")
+                 "-DLXBASE_BUILD_BENCH=ON and give the build folder")
     except subprocess.TimeoutExpired:
         sys.exit(f"{' '.join(command)}: gave up after {PROGRAM_TIMEOUT_S} s")
     if done.returncode != 0:
@@ -354,8 +354,8 @@ def run_step(step, programs, min_time, results):
 def main():
     here = pathlib.Path(__file__).resolve().parent
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
-    parser.add_argument("--programs", type=pathlib.Path, required=True,
-                        help="folder of the lxbench_* programs")
+    parser.add_argument("build", type=pathlib.Path,
+                        help="build folder, configured with -DLXBASE_BUILD_BENCH=ON")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--min-time", type=float, default=0.3, help="seconds per benchmark")
     parser.add_argument("--quick", action="store_true",
@@ -373,9 +373,9 @@ def main():
     for k in range(rounds):
         for step in plan if k % 2 == 0 else reversed(plan):
             print(f"round {k + 1} of {rounds}: {step[0]}, {step[1]}", file=sys.stderr, flush=True)
-            run_step(step, options.programs, min_time, results)
+            run_step(step, options.build / "bench", min_time, results)
 
-    text = report(results, rounds, sys.argv[1:], here)
+    text = report(results, rounds, min_time, here)
     print(text)
     out = options.out or (None if options.quick else here / "results.md")
     if out:
