@@ -260,6 +260,7 @@ private slots:
     void noHandlerIsEnteredAfterUnRegHasReturned()
     {
         const int type = uniqueType();
+        m_center.SubEvent("nobody", 0x30005, 1); // else each event without subscriber is logged
         std::atomic<bool> producing{true};
         std::thread producer([&] {
             while (producing) {
@@ -286,6 +287,7 @@ private slots:
         }
         producing = false;
         producer.join();
+        m_center.SubEvent("nobody", 0x30005, 2);
         QCOMPARE(callsAfterEnd.load(), 0);
     }
 
@@ -623,7 +625,7 @@ private slots:
         QTest::newRow("separator") << QString("#");
         QTest::newRow("with zeros") << QString(3, QChar(0));
         QTest::newRow("lone surrogate") << QString(QChar(0xd800));
-        QTest::newRow("huge") << QString(2000000, 'x');
+        QTest::newRow("huge") << QString(200000, 'x');
     }
     void oddIdsAndTypesDoNoHarm()
     {
