@@ -41,6 +41,7 @@ void CDispatchThread::setStop(bool stop)
 void CDispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessageCommon> msg))
 {
     MessageList batch;
+    int emptyLooks = 0;
     while (!m_stop) {
         if (!m_list) {
             lxplatform::sleepMs(1);
@@ -52,11 +53,12 @@ void CDispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessag
         }
         m_mutex->lock();
         if (m_list->isEmpty()) {
-            idle(*m_mutex, m_parking, m_stop);
+            idle(*m_mutex, m_parking, m_stop, emptyLooks);
             continue;
         }
         m_list->swap(batch);
         m_mutex->unlock();
+        emptyLooks = 0;
 
         int taken = 0;
         while (taken < batch.size() && !m_stop) {

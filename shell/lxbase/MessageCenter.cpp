@@ -312,7 +312,7 @@ void CMessageCenter::FreeResourceForMsg(QString id)
 
 CSubscriptionTable CMessageCenter::msgSubscriptions()
 {
-    return {m_msg_sub_map, m_msg_sub_mutex, m_msg_id_sub_map, m_msg_id_sub_mutex};
+    return {m_msg_sub_map, m_msg_sub_by_int, m_msg_sub_mutex, m_msg_id_sub_map, m_msg_id_sub_mutex};
 }
 
 std::unique_ptr<CParking> CMessageCenter::makeParking()
@@ -369,7 +369,8 @@ void CMessageCenter::stopDispatchThreads()
 // end here: no thread may outlive the code that it runs.
 void CMessageCenter::stopRegisteredPlugins()
 {
-    QStringList ids = m_msg_reg_hash.keys() + QStringList(m_event_reg_map.keys());
+    QStringList ids = m_msg_reg_hash.keys();
+    ids += m_event_reg_map.keys();
     if (ids.isEmpty())
         return;
     ids.sort();

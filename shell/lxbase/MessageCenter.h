@@ -173,6 +173,7 @@ private:
 
     // guarded by m_msg_sub_mutex
     QMap<QVariant, QVector<QString>*> m_msg_sub_map;
+    QHash<int, QVector<QString>*> m_msg_sub_by_int; // ours: see CSubscriptionTable
     QMutex m_msg_sub_mutex;
 
     // guarded by m_msg_id_sub_mutex
@@ -191,6 +192,7 @@ private:
 
     // guarded by m_event_sub_mutex
     QMap<QVariant, QVector<QString>*> m_event_sub_map;
+    QHash<int, QVector<QString>*> m_event_sub_by_int; // ours: see CSubscriptionTable
     QMutex m_event_sub_mutex;
 
     // guarded by m_event_id_sub_mutex

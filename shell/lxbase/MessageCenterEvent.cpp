@@ -164,5 +164,6 @@ void CMessageCenter::FreeResourceForEvent(QString id)
 
 CSubscriptionTable CMessageCenter::eventSubscriptions()
 {
-    return {m_event_sub_map, m_event_sub_mutex, m_event_id_sub_map, m_event_id_sub_mutex};
+    return {m_event_sub_map, m_event_sub_by_int, m_event_sub_mutex, m_event_id_sub_map,
+            m_event_id_sub_mutex};
 }

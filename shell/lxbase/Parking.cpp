@@ -4,18 +4,18 @@
 
 // No wake-up is lost: both the decision to wait and every claim are made under the mutex, and the
 // stop flag is set before the claim that follows it.
-void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop)
+void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop, int& emptyLooks)
 {
     if (!parking) {
         mutex.unlock();
         QThread::usleep(1);
-    } else if (parking->m_looks++ < CParking::LooksBeforeWait) {
+    } else if (emptyLooks++ < CParking::LooksBeforeWait) {
         mutex.unlock();
         QThread::yieldCurrentThread();
     } else {
         const bool waits = !stop;
         parking->m_waits = waits;
-        parking->m_looks = 0;
+        emptyLooks = 0;
         mutex.unlock();
         if (waits)
             parking->m_wakeUps.acquire();

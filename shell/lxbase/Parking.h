@@ -20,7 +20,8 @@ public:
     Q_DISABLE_COPY(CParking)
 
 private:
-    friend void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop);
+    friend void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop,
+                     int& emptyLooks);
     friend void wake(QMutex& mutex, CParking* parking);
     template<class T>
     friend void append(QVector<T>& list, QMutex& mutex, CParking* parking, const T& element);
@@ -35,14 +36,14 @@ private:
 
     bool m_waits = false; // guarded by the mutex of the list
     QSemaphore m_wakeUps; // one for each claim that found the thread waiting
-    int m_looks = 0;      // empty looks since the last wait; touched by the draining thread only
 };
 
 // What a thread does after an empty look at its list, the only place where the two idle policies
 // differ. Called by the draining thread with `mutex` held, returns with it released: after the
 // shortest sleep that the thread offers, or, with a parking, when the list has become non-empty,
-// `stop` has been set, or another look is due.
-void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop);
+// `stop` has been set, or another look is due. `emptyLooks` is the thread's own count of them; it
+// starts at 0 and anew whenever a look has found something.
+void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop, int& emptyLooks);
 
 // Ends the wait of the draining thread; called without `mutex`, after the stop flag has been set.
 void wake(QMutex& mutex, CParking* parking);

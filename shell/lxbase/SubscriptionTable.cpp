@@ -24,9 +24,10 @@ void removeFirst(Map& map, QMutex& mutex, const Key& key, const Value& value)
 
 } // namespace
 
-CSubscriptionTable::CSubscriptionTable(IdsByType& idsByType, QMutex& idsMutex, TypesById& typesById,
-                                       QMutex& typesMutex)
+CSubscriptionTable::CSubscriptionTable(IdsByType& idsByType, IdsByInt& idsByInt, QMutex& idsMutex,
+                                       TypesById& typesById, QMutex& typesMutex)
     : m_ids_by_type(idsByType)
+    , m_ids_by_int(idsByInt)
     , m_ids_mutex(idsMutex)
     , m_types_by_id(typesById)
     , m_types_mutex(typesMutex)
@@ -57,8 +58,22 @@ void CSubscriptionTable::removeAll(const QString& id)
     m_types_by_id.erase(types);
 }
 
+QVector<QString>* CSubscriptionTable::subscribers(const QVariant& type) const
+{
+    if (type.userType() != QMetaType::Int)
+        return m_ids_by_type.value(type);
+    const int number = type.toInt();
+    if (auto* const known = m_ids_by_int.value(number))
+        return known;
+    auto* const ids = m_ids_by_type.value(type);
+    if (ids)
+        m_ids_by_int.insert(number, ids);
+    return ids;
+}
+
 void CSubscriptionTable::clear()
 {
+    m_ids_by_int.clear();
     qDeleteAll(std::exchange(m_ids_by_type, {}));
     qDeleteAll(std::exchange(m_types_by_id, {}));
 }

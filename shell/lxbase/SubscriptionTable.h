@@ -3,6 +3,7 @@
 #ifndef LXBASE_SUBSCRIPTIONTABLE_H
 #define LXBASE_SUBSCRIPTIONTABLE_H
 
+#include <QHash>
 #include <QMap>
 #include <QMutex>
 #include <QString>
@@ -21,9 +22,12 @@ class CSubscriptionTable
 public:
     using IdsByType = QMap<QVariant, QVector<QString>*>;
     using TypesById = QMap<QString, QVector<QVariant>*>;
+    // The entries of IdsByType that were looked up by an int, to spare the ordered map with its
+    // comparisons of variants. An entry is never removed, so a pointer to it stays good.
+    using IdsByInt = QHash<int, QVector<QString>*>;
 
-    CSubscriptionTable(IdsByType& idsByType, QMutex& idsMutex, TypesById& typesById,
-                       QMutex& typesMutex);
+    CSubscriptionTable(IdsByType& idsByType, IdsByInt& idsByInt, QMutex& idsMutex,
+                       TypesById& typesById, QMutex& typesMutex);
 
     // Sub and SubEvent: `oper` 1 records the pair once more, 2 removes its first record, any other
     // does nothing.
@@ -38,10 +42,10 @@ public:
     bool forEachSubscriber(const QVariant& type, Visit visit) const
     {
         const QMutexLocker locker(&m_ids_mutex);
-        const auto ids = m_ids_by_type.constFind(type);
-        if (ids == m_ids_by_type.constEnd())
+        const QVector<QString>* const ids = subscribers(type);
+        if (!ids)
             return false;
-        for (const QString& id : qAsConst(**ids))
+        for (const QString& id : *ids)
             visit(id);
         return true;
     }
@@ -50,7 +54,11 @@ public:
     void clear();
 
 private:
+    // Null: the type has no entry. m_ids_mutex is held.
+    QVector<QString>* subscribers(const QVariant& type) const;
+
     IdsByType& m_ids_by_type;
+    IdsByInt& m_ids_by_int;
     QMutex& m_ids_mutex;
     TypesById& m_types_by_id;
     QMutex& m_types_mutex;
