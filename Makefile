@@ -46,7 +46,7 @@ fuzz: deps ## feed the quote reader with what a fuzzer thinks of
 
 model: ## check the model of the unregister barrier exhaustively
 	@$(INSTALL) gcc spin
-	tests/model/run
+	tests/model/check
 
 bench: deps ## measure, next to what a user would pick instead; writes bench/results.md
 	@$(INSTALL) cppzmq-dev libbenchmark-dev libconcurrentqueue-dev libzmq3-dev

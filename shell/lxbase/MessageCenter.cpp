@@ -57,7 +57,10 @@ bool handIn(const QSharedPointer<CMessageCommon>& msg, CMessageCenter::MessageQu
 
 } // namespace
 
-CMessageCenter::CMessageCenter() = default;
+CMessageCenter::CMessageCenter()
+{
+    lcLxbase(); // made before the center, so that it is there until the center is gone
+}
 
 // The gate closes first: the message being routed is finished, and nothing enters any more.
 CMessageCenter::~CMessageCenter()

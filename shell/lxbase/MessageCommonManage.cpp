@@ -16,7 +16,9 @@ namespace {
 
 CMessageCommonManage::CMessageCommonManage()
     : LxThread(nullptr)
-{ }
+{
+    lcLxbase(); // made before the pool, so that it is there until the pool is gone
+}
 
 CMessageCommonManage::~CMessageCommonManage()
 {

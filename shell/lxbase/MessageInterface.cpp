@@ -1,5 +1,6 @@
 #include <lxbase/MessageInterface.h>
 
+#include <lxbase/CallGate.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageCenter.h>
 
@@ -13,7 +14,9 @@ IMessageInterface::~IMessageInterface() = default;
 
 void IMessageInterface::Reg(QString id, IMessageInterface* pInterface, ThreadType type)
 {
-    qCDebug(lcLxbase) << "---- pthis:" << pInterface << "##" << this << static_cast<int>(type);
+    const CallGate::Pass pass(centerGate);
+    if (pass.mayLog())
+        qCDebug(lcLxbase) << "---- pthis:" << pInterface << "##" << this << static_cast<int>(type);
     CRegManager::Reg(std::move(id), pInterface, type);
 }
 
