@@ -7,6 +7,7 @@
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
+#include <QFile>
 #include <QLoggingCategory>
 #include <QMutex>
 #include <QThread>
@@ -119,6 +120,18 @@ int threadCount()
 std::size_t allocatedBytes()
 {
     return mallinfo2().uordblks;
+}
+
+bool isCodeMapped(const QString& library)
+{
+    QFile maps(QStringLiteral("/proc/self/maps"));
+    if (!maps.open(QIODevice::ReadOnly))
+        refuse(maps.errorString());
+    for (const QByteArray& line : maps.readAll().split('\n')) {
+        if (line.contains(" r-xp ") && line.endsWith(library.toLocal8Bit()))
+            return true;
+    }
+    return false;
 }
 
 std::uint64_t mixed(std::uint64_t seed, std::uint64_t stream, std::uint64_t index)

@@ -44,6 +44,9 @@ void waitFor(const char* what, const std::function<bool()>& condition,
 int threadCount();
 std::size_t allocatedBytes();
 
+// Whether code of this library is in the process.
+bool isCodeMapped(const QString& library);
+
 // A number that depends on nothing but its arguments, evenly distributed.
 std::uint64_t mixed(std::uint64_t seed, std::uint64_t stream, std::uint64_t index);
 

@@ -10,7 +10,6 @@
 #include <lxtest/Wait.h>
 
 #include <QCoreApplication>
-#include <QFile>
 #include <QPluginLoader>
 
 #include <array>
@@ -52,13 +51,6 @@ QString libraryOf(int churner)
         + QStringLiteral("/libchurn_plugin_%1.so").arg(churner);
 }
 
-bool isMapped(const QString& library)
-{
-    QFile maps(QStringLiteral("/proc/self/maps"));
-    maps.open(QIODevice::ReadOnly);
-    return maps.readAll().contains(library.toLocal8Bit());
-}
-
 // Stays while the others come and go.
 class Home final : public IMessageInterface
 {
@@ -98,7 +90,7 @@ void visitOnce(int churner)
     lxtest::runDeferredDeletes();
     if (!loader.unload())
         fail(QStringLiteral("%1 cannot be unloaded: %2").arg(library, loader.errorString()));
-    if (isMapped(library))
+    if (lxstress::isCodeMapped(library))
         fail(QStringLiteral("%1 is still there after its unloading").arg(library));
 }
 

@@ -8,6 +8,7 @@
 #include <QCoreApplication>
 #include <QMutex>
 #include <QObject>
+#include <QPluginLoader>
 #include <QSemaphore>
 #include <QThread>
 #include <QWaitCondition>
@@ -17,6 +18,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
 
 namespace {
 
@@ -50,6 +52,12 @@ void annotateUnlock(QMutex& mutex)
 {
     __tsan_mutex_pre_unlock(&mutex, 0);
     __tsan_mutex_post_unlock(&mutex, 0);
+}
+
+std::recursive_mutex& linkerLock()
+{
+    static std::recursive_mutex mutex;
+    return mutex;
 }
 
 // Whoever posts an event or a call to an object is ordered before that object's handling of it.
@@ -179,6 +187,29 @@ bool QThread::wait(unsigned long time)
     if (ended)
         __tsan_acquire(this);
     return ended;
+}
+
+// The dynamic linker maps and unmaps libraries one at a time, which the sanitizer does not see; it
+// would take one library for racing with another that had its addresses before.
+bool QPluginLoader::load()
+{
+    static const auto own = qtsOwn<bool (*)(QPluginLoader*)>("_ZN13QPluginLoader4loadEv");
+    const std::lock_guard<std::recursive_mutex> lock(linkerLock());
+    return own(this);
+}
+
+QObject* QPluginLoader::instance()
+{
+    static const auto own = qtsOwn<QObject* (*)(QPluginLoader*)>("_ZN13QPluginLoader8instanceEv");
+    load();
+    return own(this);
+}
+
+bool QPluginLoader::unload()
+{
+    static const auto own = qtsOwn<bool (*)(QPluginLoader*)>("_ZN13QPluginLoader6unloadEv");
+    const std::lock_guard<std::recursive_mutex> lock(linkerLock());
+    return own(this);
 }
 
 void QCoreApplication::postEvent(QObject* receiver, QEvent* event, int priority)
