@@ -473,6 +473,32 @@ private slots:
         QCOMPARE(plugin.count(), 1);
     }
 
+    // The framework's comparison of variants decides, whatever kind came first.
+    void typesThatCompareEqualShareTheirSubscribers()
+    {
+        const int type = uniqueType();
+        const int later = uniqueType();
+        Plugin plugin(M | E);
+        for (const QVariant& subscribed : {QVariant(type), QVariant(QString::number(later))}) {
+            plugin.subscribe(subscribed);
+            plugin.subscribeEvent(subscribed);
+        }
+        for (const int number : {type, later, type}) {
+            for (const QVariant& put : {QVariant(number), QVariant(QString::number(number))}) {
+                m_center.Put("tester", message({}, put, number));
+                m_center.PutEvent("tester", new CountedEvent("", "", put, number));
+            }
+        }
+        QVERIFY(plugin.settle());
+        const QVariantList expected{type, type, later, later, type, type};
+        QCOMPARE(plugin.payloads(Handler::Message), expected);
+        QCOMPARE(plugin.payloads(Handler::Event), expected);
+        plugin.subscribe(QString::number(type), 2);
+        m_center.Put("tester", message({}, type, 0));
+        QVERIFY(plugin.settle());
+        QCOMPARE(plugin.payloads(Handler::Message), expected);
+    }
+
     void messageAndEventSubscriptionsAreApart()
     {
         const int type = uniqueType();
