@@ -5,12 +5,14 @@
 #include <lxmsg/MessageCommon.h>
 
 #include <memory>
+#include <new>
 #include <utility>
 
 namespace {
 
-// Keeps the records reachable after the pool, for whoever still holds one.
-[[gnu::used]] QList<CMessageCommon*>* recordsThatOutliveThePool = nullptr;
+// Keeps the records reachable after the pool, for whoever still holds one; never destroyed.
+alignas(QList<CMessageCommon*>)
+    [[gnu::used]] char recordsThatOutliveThePool[sizeof(QList<CMessageCommon*>)];
 
 } // namespace
 
@@ -23,7 +25,7 @@ CMessageCommonManage::CMessageCommonManage()
 CMessageCommonManage::~CMessageCommonManage()
 {
     wait();
-    recordsThatOutliveThePool = new QList<CMessageCommon*>(std::move(m_msg_list));
+    new (recordsThatOutliveThePool) QList<CMessageCommon*>(std::move(m_msg_list));
 }
 
 CMessageCommon* CMessageCommonManage::getMessageCommon()
