@@ -51,10 +51,11 @@ bench: deps ## measure, next to what a user would pick instead; writes bench/res
 	bench/run.py build/bench
 
 package: build ## the Debian packages, in build/release
+	@$(INSTALL) dpkg-dev file
 	cd build/release && cpack -G DEB
 
 package-test: deps ## install, and build against what was installed from outside the tree
-	@$(INSTALL) clang-14
+	@$(INSTALL) clang-14 dpkg-dev file
 	tests/package/run
 
 docs: deps ## the API reference, in build/docs
