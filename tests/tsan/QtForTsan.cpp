@@ -60,7 +60,36 @@ std::recursive_mutex& linkerLock()
     return mutex;
 }
 
-// Whoever posts an event or a call to an object is ordered before that object's handling of it.
+// A call that one thread queues for another. Both hold it, and whoever is last destroys it: it is
+// ordered behind the queueing in the thread that runs it, and its destruction behind both.
+class OrderedCall : public QtPrivate::QSlotObjectBase
+{
+public:
+    explicit OrderedCall(QtPrivate::QSlotObjectBase* call)
+        : QSlotObjectBase(&OrderedCall::operate)
+        , m_call(call)
+    {
+        __tsan_release(this);
+    }
+
+private:
+    static void operate(int which, QSlotObjectBase* base, QObject* receiver, void** args, bool*)
+    {
+        auto* const self = static_cast<OrderedCall*>(base);
+        __tsan_acquire(self);
+        if (which == Call) {
+            self->m_call->call(receiver, args);
+            __tsan_release(self);
+        } else if (which == Destroy) {
+            self->m_call->destroyIfLastRef();
+            delete self;
+        }
+    }
+
+    QtPrivate::QSlotObjectBase* const m_call;
+};
+
+// Whoever posts an event to an object is ordered before that object's handling of it.
 bool acquireWhatWasPosted(void** receiverEventAndResult)
 {
     __tsan_acquire(receiverEventAndResult[0]);
@@ -234,6 +263,5 @@ bool QMetaObject::invokeMethodImpl(QObject* object, QtPrivate::QSlotObjectBase* 
         qtsOwn<bool (*)(QObject*, QtPrivate::QSlotObjectBase*, Qt::ConnectionType, void*)>(
             "_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14"
             "ConnectionTypeEPv");
-    __tsan_release(object);
-    return own(object, slot, type, ret);
+    return own(object, new OrderedCall(slot), type, ret);
 }

@@ -51,7 +51,9 @@ LogCapture::~LogCapture()
 QVector<LogRecord> LogCapture::records() const
 {
     const QMutexLocker locker(&captureMutex);
-    return m_records;
+    QVector<LogRecord> copy = m_records;
+    copy.detach(); // storage that is shared would be read without the lock
+    return copy;
 }
 
 QStringList LogCapture::texts(QtMsgType level) const

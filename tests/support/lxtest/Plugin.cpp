@@ -28,7 +28,9 @@ void Recorder::onCall(Action action)
 QVector<Call> Recorder::calls() const
 {
     const QMutexLocker locker(&m_mutex);
-    return m_calls;
+    QVector<Call> copy = m_calls;
+    copy.detach(); // storage that is shared would be read without the lock
+    return copy;
 }
 
 QVector<Call> Recorder::calls(Handler handler) const
