@@ -60,6 +60,11 @@ Options::Options(const char* purpose, const std::vector<QCommandLineOption>& add
     std::fflush(stdout);
 }
 
+bool Options::isSet(const char* name) const
+{
+    return m_parser.isSet(QLatin1String(name));
+}
+
 QString Options::text(const char* name) const
 {
     return m_parser.value(QLatin1String(name));

@@ -21,6 +21,7 @@ public:
     Options(const char* purpose, const std::vector<QCommandLineOption>& additional = {});
 
     std::uint64_t seed() const { return m_seed; }
+    bool isSet(const char* name) const;
     QString text(const char* name) const;
     std::uint64_t number(const char* name) const;
 

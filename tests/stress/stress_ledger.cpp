@@ -433,9 +433,11 @@ int main(int argc, char** argv)
     const lxstress::Options options(
         "Books every delivery of a mixed load against a computed expectation.",
         {{QStringLiteral("deliveries"), QStringLiteral("How many, in all."),
-          QStringLiteral("number"), QStringLiteral("200000")}});
+          QStringLiteral("number"), QStringLiteral("200000")},
+         {QStringLiteral("long"), QStringLiteral("Ten million deliveries.")}});
     seed = options.seed();
-    const std::uint64_t planned = planSteps(options.number("deliveries"));
+    const std::uint64_t planned =
+        planSteps(options.isSet("long") ? 10000000 : options.number("deliveries"));
 
     CMessageCenter::MessageQueue netQueue;
     CMessageCenter::MessageQueue quotationQueue;
