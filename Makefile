@@ -2,7 +2,7 @@
 # Debian, as root or through sudo), configures, builds and runs.
 
 .DEFAULT_GOAL := help
-.PHONY: help deps build demo test asan tsan soak model bench package package-test docs lint \
+.PHONY: help deps build demo test asan tsan soak fuzz model bench package package-test docs lint \
 	format format-check
 
 PACKAGES := ca-certificates ccache cmake g++ libqt5sql5-sqlite libtbb-dev make ninja-build \
@@ -39,6 +39,10 @@ tsan: deps ## every test under ThreadSanitizer
 
 soak: build ## ten million deliveries, checked one by one
 	build/release/tests/stress/stress_ledger --long
+
+fuzz: deps ## feed the quote reader with what a fuzzer thinks of, for a minute
+	@$(INSTALL) clang-14 libclang-rt-14-dev
+	tests/fuzz/run
 
 model: ## check the model of the unregister barrier exhaustively
 	@$(INSTALL) gcc spin
