@@ -7,6 +7,7 @@
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageCommonManage.h>
 #include <lxbase/MessageWorkerThread.h>
+#include <lxbase/Owned.h>
 #include <lxbase/QuotationWorkerThread.h>
 #include <lxbase/SubscriptionTable.h>
 
@@ -90,7 +91,7 @@ void CMessageCenter::Reg(QString id, IMessageInterface* pInterface,
     if (!pass)
         return;
     qCDebug(lcLxbase) << "reg id:" << id;
-    ProcessReg(std::move(id), pInterface, type);
+    ProcessReg(owned(std::move(id)), pInterface, type);
 }
 
 void CMessageCenter::UnReg(QString id)

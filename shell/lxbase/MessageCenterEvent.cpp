@@ -6,6 +6,7 @@
 #include <lxbase/EventWorkerThread.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageCenter.h>
+#include <lxbase/Owned.h>
 #include <lxbase/SubscriptionTable.h>
 
 #include <lxevent/EventMessageCommon.h>
@@ -106,12 +107,12 @@ void CMessageCenter::setRelation(const QString& from, const QString& to, int typ
     const QVariant eventType(type);
     if (oper == 1) {
         const QMutexLocker locker(&m_relation_mutex);
-        RelationGroups*& groups = m_relation_map[from][eventType];
+        RelationGroups*& groups = m_relation_map[owned(from)][eventType];
         if (!groups)
             groups = new RelationGroups;
         for (QStringList& group : groups->lists)
             group.removeOne(to);
-        groups->lists[color].append(to);
+        groups->lists[color].append(owned(to));
     } else if (oper == 2) {
         const QMutexLocker locker(&m_relation_mutex);
         if (RelationGroups* const groups = m_relation_map.value(from).value(eventType))

@@ -1,5 +1,7 @@
 #include <lxbase/SubscriptionTable.h>
 
+#include <lxbase/Owned.h>
+
 #include <utility>
 
 namespace {
@@ -36,8 +38,10 @@ CSubscriptionTable::CSubscriptionTable(IdsByType& idsByType, IdsByInt& idsByInt,
 void CSubscriptionTable::change(const QString& id, const QVariant& type, int oper)
 {
     if (oper == 1) {
-        add(m_types_by_id, m_types_mutex, id, type);
-        add(m_ids_by_type, m_ids_mutex, type, id);
+        const QString ownedId = owned(id);
+        const QVariant ownedType = owned(type);
+        add(m_types_by_id, m_types_mutex, ownedId, ownedType);
+        add(m_ids_by_type, m_ids_mutex, ownedType, ownedId);
     } else if (oper == 2) {
         removeFirst(m_types_by_id, m_types_mutex, id, type);
         removeFirst(m_ids_by_type, m_ids_mutex, type, id);
