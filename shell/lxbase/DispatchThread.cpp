@@ -41,7 +41,7 @@ void CDispatchThread::setStop(bool stop)
 void CDispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessageCommon> msg))
 {
     MessageList batch;
-    int emptyLooks = 0;
+    ListPace pace;
     while (!m_stop) {
         if (!m_list) {
             lxplatform::sleepMs(1);
@@ -53,12 +53,12 @@ void CDispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessag
         }
         m_mutex->lock();
         if (m_list->isEmpty()) {
-            idle(*m_mutex, m_parking, m_stop, emptyLooks);
+            idle(*m_mutex, m_parking, m_stop, pace);
             continue;
         }
         m_list->swap(batch);
         m_mutex->unlock();
-        emptyLooks = 0;
+        pace.found += batch.size();
 
         int taken = 0;
         while (taken < batch.size() && !m_stop) {

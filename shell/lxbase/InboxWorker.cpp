@@ -74,20 +74,20 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
     if (m_stop)
         return;
     QVector<Item*> batch;
-    int emptyLooks = 0;
+    ListPace pace;
     while (!m_stop) {
         if (!m_mutex)
             continue;
         m_mutex->lock();
         const int n = m_list ? m_list->size() : 0;
         if (n == 0) {
-            idle(*m_mutex, m_parking, m_stop, emptyLooks);
+            idle(*m_mutex, m_parking, m_stop, pace);
             countLook(0);
             continue;
         }
         takeBatch(batch, profile.take);
         m_mutex->unlock();
-        emptyLooks = 0;
+        pace.found += n;
 
         if (m_interface) {
             countLook(n);

@@ -10,6 +10,16 @@
 #include <atomic>
 #include <utility>
 
+// What the thread that drains a list remembers of how busy it is.
+struct ListPace
+{
+    int found = 0; // elements that it has taken since its last empty look; counted by its loop
+
+    // kept by idle()
+    int emptyLooks = 0; // in a row
+    int yields = 1;     // how often it gives way to others before the next look
+};
+
 // One belongs to one list (an inbox, or a list of the network paths), the mutex of that list and
 // the one thread that drains it. It exists only under IdlePolicy::Park; wherever the functions
 // below take a null CParking, the list is polled.
@@ -21,7 +31,7 @@ public:
 
 private:
     friend void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop,
-                     int& emptyLooks);
+                     ListPace& pace);
     friend void wake(QMutex& mutex, CParking* parking);
     template<class T>
     friend void append(QVector<T>& list, QMutex& mutex, CParking* parking, const T& element);
@@ -29,6 +39,10 @@ private:
     // How often the thread looks again, giving way to others in between, before it waits: while
     // messages come in a burst the next one is on its way, and a wait and a wake cost many looks.
     static constexpr int LooksBeforeWait = 20;
+
+    // In a burst it gives way for longer at a time, up to this often. Each look takes the mutex, and
+    // one that the producer waits for costs as much as a hundred messages.
+    static constexpr int MostYields = 64;
 
     // With the list's mutex held: whether the thread waits. Whoever learns so wakes it, once, after
     // the mutex has been released.
@@ -41,9 +55,8 @@ private:
 // What a thread does after an empty look at its list, the only place where the two idle policies
 // differ. Called by the draining thread with `mutex` held, returns with it released: after the
 // shortest sleep that the thread offers, or, with a parking, when the list has become non-empty,
-// `stop` has been set, or another look is due. `emptyLooks` is the thread's own count of them; it
-// starts at 0 and anew whenever a look has found something.
-void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop, int& emptyLooks);
+// `stop` has been set, or another look is due.
+void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop, ListPace& pace);
 
 // Ends the wait of the draining thread; called without `mutex`, after the stop flag has been set.
 void wake(QMutex& mutex, CParking* parking);
