@@ -297,11 +297,12 @@ def report(results, rounds, min_time, here):
     load = ", ".join(f"{value:.1f}" for value in os.getloadavg())
     return f"""# Results
 
-Written by `bench/run.py`. A figure is the median of the rounds, a ratio the median of the ratios within each round. Every transport is given a record that was made
-with `new`, copies type, destination and payload, deletes the record, and hands the values to the
-same virtual handler; an iteration puts one batch and ends with its last delivery. The queues and
-the floor hold pointers to items made with plain `new`, and their consumers look again as often as
-the bus does before they sleep. Map and struct are made afresh for each message.
+Written by `bench/run.py`. A figure is the median of the rounds, a ratio the median of the ratios
+within each round. Every transport is given a record that was made with `new`, copies type,
+destination and payload, deletes the record, and hands the values to the same virtual handler; an
+iteration puts one batch and ends with its last delivery. The queues and the floor hold pointers to
+items made with plain `new`, and their consumers give way and sleep by the rule of the bus. Map and
+struct are made afresh for each message.
 
 - machine: {machine()}
 - date: {datetime.date.today().isoformat()}; load average at the end: {load}

@@ -6,6 +6,9 @@
 #include <QCoreApplication>
 #include <QDataStream>
 
+#include <algorithm>
+#include <utility>
+
 namespace bench {
 
 namespace {
@@ -20,6 +23,20 @@ Item copyOut(const QString& srcId, CMessageCommon& record)
     QString dst = record.GetDstid();
     benchmark::DoNotOptimize(dst);
     return Item{srcId, type, record.traceId(), record.GetMsg()};
+}
+
+bool Pace::sleepsNext()
+{
+    const std::size_t found = std::exchange(m_found, 0);
+    m_yields = found >= m_yields ? std::min<std::size_t>(2 * m_yields, 64) : 1;
+    m_emptyLooks = found > 0 ? 0 : m_emptyLooks + 1;
+    if (m_emptyLooks == 20) {
+        m_emptyLooks = 0;
+        return true;
+    }
+    for (std::size_t k = 0; k < m_yields; ++k)
+        std::this_thread::yield();
+    return false;
 }
 
 Floor::Floor(Receiver& receiver)
@@ -51,20 +68,22 @@ void Floor::append(Item* item)
 void Floor::drain(Receiver& receiver)
 {
     std::vector<Item*> batch;
-    int looks = 0;
+    Pace pace;
     for (;;) {
         std::unique_lock<std::mutex> lock(m_mutex);
-        if (m_items.empty() && looks++ < LooksBeforeSleep) {
+        if (m_items.empty()) {
             lock.unlock();
-            std::this_thread::yield();
-            continue;
+            const bool sleeps = pace.sleepsNext();
+            lock.lock();
+            if (m_items.empty() && !sleeps)
+                continue;
         }
-        looks = 0;
         m_parked = m_items.empty();
         m_filled.wait(lock, [this] { return !m_items.empty(); });
         m_parked = false;
         batch.swap(m_items);
         lock.unlock();
+        pace.count(batch.size());
         for (Item* next : batch) {
             const std::unique_ptr<Item> item(next);
             if (!item)

@@ -74,9 +74,21 @@ private:
     Registration m_registration;
 };
 
-// How often a consumer looks again, giving way to others in between, before it sleeps: the bus does
-// so, and without it the peers would lose by their waiting, not by their queues.
-constexpr int LooksBeforeSleep = 20;
+// How the consumers of the floor and of the queues wait: by the rule of the bus under
+// IdlePolicy::Park, for else they would win or lose by their waiting, not by their queues.
+class Pace
+{
+public:
+    void count(std::size_t found) { m_found += found; }
+
+    // After an empty look, holding no lock: true if it is time to sleep, else gives way first.
+    bool sleepsNext();
+
+private:
+    std::size_t m_found = 0; // since the last empty look
+    std::size_t m_yields = 1;
+    int m_emptyLooks = 0;
+};
 
 // The least that a queue between two threads can do: a bare mutex and a vector that is swapped.
 // The consumer waits on a condition, which is notified only while it waits.
@@ -207,17 +219,11 @@ private:
         Item* items[room];
         std::size_t found = 0;
         const auto look = [&] { return (found = m_queue.pop(items, room)) > 0; };
-        int looks = 0;
+        Pace pace;
         for (;;) {
-            if (!look()) {
-                if (looks++ < LooksBeforeSleep) {
-                    std::this_thread::yield();
-                    continue;
-                }
-                if (!m_doorbell.lookOrSleep(look))
-                    continue;
-            }
-            looks = 0;
+            if (!look() && !(pace.sleepsNext() && m_doorbell.lookOrSleep(look)))
+                continue;
+            pace.count(found);
             for (std::size_t k = 0; k < found; ++k) {
                 const std::unique_ptr<Item> item(items[k]);
                 if (!item)
