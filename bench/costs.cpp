@@ -103,6 +103,7 @@ void measurePuts(benchmark::State& state, BlockedPlugins& plugins, PutTo putTo, 
 void putAmongPlugins(benchmark::State& state, int count)
 {
     const IdlePlugins others(count - 1, IMessageInterface::MessageThread);
+    IdlePlugins::settle();
     BlockedPlugins plugins(1, IMessageInterface::MessageThread);
     const auto put = [&](int number) { putTo(plugins.id(0), messageType, number); };
     measurePuts(state, plugins, put, put);

@@ -71,8 +71,10 @@ template<class Transport>
 void latency(benchmark::State& state, int messagesPerSecond, int messages, int idlePlugins)
 {
     std::optional<IdlePlugins> idle;
-    if (idlePlugins > 0)
+    if (idlePlugins > 0) {
         idle.emplace(idlePlugins);
+        IdlePlugins::settle();
+    }
     StopWatch receiver(messages);
     Countdown done(1);
     receiver.expect(messages, done);
@@ -111,7 +113,7 @@ double cpuSeconds()
 void idleCpu(benchmark::State& state, int plugins)
 {
     const IdlePlugins idle(plugins);
-    std::this_thread::sleep_for(std::chrono::milliseconds(200)); // the threads have settled
+    IdlePlugins::settle();
     for (auto _ : state) {
         const auto start = Clock::now();
         const double before = cpuSeconds();

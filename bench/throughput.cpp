@@ -146,6 +146,7 @@ void manyToOne(benchmark::State& state, const Payload& payload)
 void besideIdlePlugins(benchmark::State& state, const Payload& payload)
 {
     const IdlePlugins idle(50);
+    IdlePlugins::settle();
     oneToOne<Bus>(state, payload);
 }
 

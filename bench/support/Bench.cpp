@@ -14,10 +14,12 @@
 #include <tbb/version.h>
 #include <zmq.h>
 
+#include <chrono>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
+#include <thread>
 
 namespace bench {
 
@@ -124,6 +126,11 @@ IdlePlugins::IdlePlugins(int plugins, IMessageInterface::ThreadType type)
         m_registrations.push_back(std::make_unique<Registration>(QStringLiteral("Idle%1").arg(k),
                                                                  *m_plugins.back(), type));
     }
+}
+
+void IdlePlugins::settle()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
 }
 
 IdlePlugins::~IdlePlugins()

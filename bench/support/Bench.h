@@ -56,6 +56,9 @@ public:
     explicit IdlePlugins(int plugins, IMessageInterface::ThreadType type = AllWorkers);
     ~IdlePlugins();
 
+    // Returns when their threads, which have just started, are idle.
+    static void settle();
+
 private:
     std::vector<std::unique_ptr<IMessageInterface>> m_plugins;
     std::vector<std::unique_ptr<Registration>> m_registrations;

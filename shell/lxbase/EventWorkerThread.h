@@ -8,14 +8,14 @@
 
 // One event for one receiver: made with `new` by PutEvent, deleted by the worker after the handler
 // call.
-struct LXBASE_EXPORT EventQueueItem
+struct LXBASE_EXPORT EventQueueItem final
 {
     QString src_id; // the publisher's ID, as given to the put
     QVariant type;
     QVariant data; // the payload
 
-    // From a scalable allocator, unless that was built without: an item is deleted on another
-    // thread than it was made on.
+    // From memory that is kept for items, unless the bus was built without: an item is deleted on
+    // another thread than it was made on.
     static void* operator new(std::size_t size);
     static void operator delete(void* item) noexcept;
 };

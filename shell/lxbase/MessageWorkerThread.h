@@ -8,15 +8,15 @@
 
 // One message for one receiver: made with `new` by the put paths, queued in a message or quotation
 // inbox, deleted by the worker after the handler call.
-struct LXBASE_EXPORT MsgQueueItem
+struct LXBASE_EXPORT MsgQueueItem final
 {
     QString src_id; // the sender's ID, as given to the put
     QVariant type;
     QString trace_id; // not passed to the handler; empty for quotations
     QVariant data;    // the payload
 
-    // From a scalable allocator, unless that was built without: an item is deleted on another
-    // thread than it was made on.
+    // From memory that is kept for items, unless the bus was built without: an item is deleted on
+    // another thread than it was made on.
     static void* operator new(std::size_t size);
     static void operator delete(void* item) noexcept;
 };

@@ -8,8 +8,8 @@
 // No wake-up is lost: both the decision to wait and every claim are made under the mutex, and the
 // stop flag is set before the claim that follows it.
 //
-// In a burst, while at least one element comes for each time that the thread has given way, it gives
-// way twice as often before the next look; else once.
+// In a burst, while at least one element comes for each time that the thread has given way, it
+// gives way twice as often before the next look; else once.
 void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop, ListPace& pace)
 {
     if (!parking) {

@@ -40,8 +40,8 @@ private:
     // messages come in a burst the next one is on its way, and a wait and a wake cost many looks.
     static constexpr int LooksBeforeWait = 20;
 
-    // In a burst it gives way for longer at a time, up to this often. Each look takes the mutex, and
-    // one that the producer waits for costs as much as a hundred messages.
+    // In a burst it gives way for longer at a time, up to this often. Each look takes the mutex,
+    // and one that the producer waits for costs as much as a hundred messages.
     static constexpr int MostYields = 64;
 
     // With the list's mutex held: whether the thread waits. Whoever learns so wakes it, once, after

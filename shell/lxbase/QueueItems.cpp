@@ -1,44 +1,32 @@
-// How the items of the inboxes are allocated. Each is made on the thread that puts and deleted on
-// the worker that delivers it, the pattern that a per-thread heap serves worst; oneTBB's scalable
-// allocator gives memory back to the thread that it came from.
+// How the items of the inboxes are allocated.
 #include <lxbase/EventWorkerThread.h>
+#include <lxbase/ItemRecycler.h>
 #include <lxbase/MessageWorkerThread.h>
 
 #include <new>
 
-#ifdef LXBASE_SCALABLE_ALLOCATOR
-#include <tbb/scalable_allocator.h>
-#endif
-
 namespace {
 
-#ifdef LXBASE_SCALABLE_ALLOCATOR
+static_assert(sizeof(MsgQueueItem) <= CItemRecycler::BlockSize);
+static_assert(sizeof(EventQueueItem) <= CItemRecycler::BlockSize);
 
-void* allocate(std::size_t size)
+void* allocate([[maybe_unused]] std::size_t size)
 {
-    if (void* const item = scalable_malloc(size))
-        return item;
-    throw std::bad_alloc();
-}
-
-void release(void* item) noexcept
-{
-    scalable_free(item);
-}
-
+#ifdef LXBASE_RECYCLE_ITEMS
+    return CItemRecycler::take();
 #else
-
-void* allocate(std::size_t size)
-{
     return ::operator new(size);
+#endif
 }
 
 void release(void* item) noexcept
 {
+#ifdef LXBASE_RECYCLE_ITEMS
+    CItemRecycler::give(item);
+#else
     ::operator delete(item);
-}
-
 #endif
+}
 
 } // namespace
 

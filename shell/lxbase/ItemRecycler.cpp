@@ -1,0 +1,129 @@
+#include <lxbase/ItemRecycler.h>
+
+#include <atomic>
+#include <mutex>
+#include <new>
+#include <utility>
+
+namespace {
+
+struct Block
+{
+    Block* next;
+};
+
+// The block that heads a chain in the store links it to the next chain.
+struct ChainHead : Block
+{
+    ChainHead* nextChain;
+    int size;
+};
+static_assert(sizeof(ChainHead) <= CItemRecycler::BlockSize);
+
+struct Chain
+{
+    Block* first = nullptr;
+    int size = 0;
+
+    void push(void* memory) { *this = {new (memory) Block{first}, size + 1}; }
+    Block* pop()
+    {
+        Block* const block = first;
+        *this = {block->next, size - 1};
+        return block;
+    }
+};
+
+// Chains that no thread keeps. Never destroyed, and there before anything runs: the destructor is
+// trivial and the initialisation constant.
+class Store
+{
+public:
+    int size() const { return m_size.load(std::memory_order_relaxed); }
+
+    void give(Chain chain) noexcept
+    {
+        if (!chain.first)
+            return;
+        std::unique_lock<std::mutex> lock(m_mutex);
+        if (size() < CItemRecycler::MostStored) {
+            m_first = new (chain.first) ChainHead{{chain.first->next}, m_first, chain.size};
+            m_size.store(size() + 1, std::memory_order_relaxed);
+            return;
+        }
+        lock.unlock();
+        while (chain.first)
+            ::operator delete(chain.pop());
+    }
+
+    // An empty chain if there is none; a thread that has just missed one makes a block instead.
+    Chain take()
+    {
+        if (size() == 0)
+            return {};
+        const std::lock_guard<std::mutex> lock(m_mutex);
+        if (!m_first)
+            return {};
+        ChainHead* const head = std::exchange(m_first, m_first->nextChain);
+        m_size.store(size() - 1, std::memory_order_relaxed);
+        return {head, head->size};
+    }
+
+private:
+    std::mutex m_mutex;
+    ChainHead* m_first = nullptr; // guarded by m_mutex
+    std::atomic<int> m_size{0};   // written under m_mutex
+};
+
+Store store;
+
+// A thread's own blocks. Trivial, so that a put from a destructor at the end of the thread still
+// finds them; the guard gives them to the store then.
+struct Mine
+{
+    Chain current;
+    Chain spare; // full or empty
+    bool ended;
+};
+thread_local Mine mine{{}, {}, false};
+
+struct EndOfThread
+{
+    ~EndOfThread()
+    {
+        mine.ended = true;
+        store.give(std::exchange(mine.current, {}));
+        store.give(std::exchange(mine.spare, {}));
+    }
+    void expect() { } // makes the object, if it is not there yet
+};
+thread_local EndOfThread endOfThread;
+
+} // namespace
+
+void* CItemRecycler::take()
+{
+    if (!mine.current.first && !mine.ended) {
+        endOfThread.expect();
+        mine.current = mine.spare.first ? std::exchange(mine.spare, {}) : store.take();
+    }
+    return mine.current.first ? mine.current.pop() : ::operator new(BlockSize);
+}
+
+void CItemRecycler::give(void* block) noexcept
+{
+    if (mine.ended) {
+        ::operator delete(block);
+        return;
+    }
+    if (!mine.current.first)
+        endOfThread.expect();
+    else if (mine.current.size == ChainLength)
+        store.give(std::exchange(mine.spare, std::exchange(mine.current, {})));
+    mine.current.push(block);
+}
+
+int CItemRecycler::stored()
+{
+    return store.size();
+}
