@@ -5,7 +5,33 @@
 #include <new>
 #include <utility>
 
+#ifdef LXBASE_RECYCLE_ITEMS
+#include <tbb/scalable_allocator.h>
+#endif
+
 namespace {
+
+// The heap behind. oneTBB's keeps what is allocated together together, also when threads free it in
+// another order, which pays when a put goes round many receivers.
+void* heapTake()
+{
+#ifdef LXBASE_RECYCLE_ITEMS
+    if (void* const block = scalable_malloc(CItemRecycler::BlockSize))
+        return block;
+    throw std::bad_alloc();
+#else
+    return ::operator new(CItemRecycler::BlockSize); // seen by a sanitizer
+#endif
+}
+
+void heapGive(void* block) noexcept
+{
+#ifdef LXBASE_RECYCLE_ITEMS
+    scalable_free(block);
+#else
+    ::operator delete(block);
+#endif
+}
 
 struct Block
 {
@@ -53,7 +79,7 @@ public:
         }
         lock.unlock();
         while (chain.first)
-            ::operator delete(chain.pop());
+            heapGive(chain.pop());
     }
 
     // An empty chain if there is none; a thread that has just missed one makes a block instead.
@@ -107,13 +133,13 @@ void* CItemRecycler::take()
         endOfThread.expect();
         mine.current = mine.spare.first ? std::exchange(mine.spare, {}) : store.take();
     }
-    return mine.current.first ? mine.current.pop() : ::operator new(BlockSize);
+    return mine.current.first ? mine.current.pop() : heapTake();
 }
 
 void CItemRecycler::give(void* block) noexcept
 {
     if (mine.ended) {
-        ::operator delete(block);
+        heapGive(block);
         return;
     }
     if (!mine.current.first)
