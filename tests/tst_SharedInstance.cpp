@@ -1,10 +1,8 @@
 // One center and one pool in the process, also for libraries that are loaded with local symbol
 // scope and compiled the inline accessors themselves. Links the shared library.
-#include <lxtest/Counted.h>
 #include <lxtest/Plugin.h>
 #include <lxtest/TestMain.h>
 
-#include <lxbase/MessageCenter.h>
 #include <lxbase/MessageCommonManage.h>
 
 #include <QLibrary>
@@ -33,6 +31,22 @@ private:
     QLibrary m_library{QStringLiteral(SINGLETONS_LIBRARY)};
 };
 
+const ChildScenario askedForByALibraryFirst("askedForByALibraryFirst", [] {
+    {
+        Library library;
+        const Accessor theCenter = library.accessor("theCenter");
+        const Accessor thePool = library.accessor("thePool");
+        if (!theCenter || !theCenter() || !thePool || !thePool())
+            return 1;
+    }
+    if (CMessageCommonManage::GetInstance()->getMessageCommon()
+        || !CMessageCommonManage::GetInstance()->getMessageCommon())
+        return 2;
+    Plugin plugin(M);
+    deliverTo(plugin.id(), M, 1);
+    return plugin.waitForCalls(1) && CountedMessage::alive() == 0 ? 0 : 3;
+});
+
 } // namespace
 
 class SharedInstanceTest : public QObject
@@ -53,30 +67,9 @@ private slots:
     void bothOutliveALibraryThatAskedForThemFirst()
     {
         const ChildResult child = runChild("askedForByALibraryFirst");
-        QVERIFY2(child.exitedNormally, qPrintable(child.log.join('\n')));
-        QCOMPARE(child.exitCode, 0);
+        QVERIFY2(child.succeeded, qPrintable(child.log.join('\n')));
     }
 };
-
-namespace {
-
-const ChildScenario askedForByALibraryFirst("askedForByALibraryFirst", [] {
-    {
-        Library library;
-        const Accessor theCenter = library.accessor("theCenter");
-        const Accessor thePool = library.accessor("thePool");
-        if (!theCenter || !theCenter() || !thePool || !thePool())
-            return 1;
-    }
-    if (CMessageCommonManage::GetInstance()->getMessageCommon()
-        || !CMessageCommonManage::GetInstance()->getMessageCommon())
-        return 2;
-    Plugin plugin(IMessageInterface::MessageThread);
-    CMessageCenter::GetInstance()->Put("sender", new CountedMessage("", plugin.id(), 1, 1));
-    return plugin.waitForCalls(1) && CountedMessage::alive() == 0 ? 0 : 3;
-});
-
-} // namespace
 
 LXTEST_MAIN(SharedInstanceTest)
 #include "tst_SharedInstance.moc"
