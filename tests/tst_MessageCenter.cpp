@@ -93,7 +93,8 @@ private slots:
         m_log->clear();
         center().UnReg(id);
         QCOMPARE(m_log->lines(), QStringList("debug: UnReg id: \"" + id + "\""));
-        QCOMPARE(first.count() + second.count(), qPopulationCount(quint32(earlier | accepted)));
+        QCOMPARE(first.count() + second.count(),
+                 int(qPopulationCount(quint32(earlier | accepted))));
     }
 
     void eachKindIsHandledOnAThreadOfItsOwnNamedAfterThePlugin()

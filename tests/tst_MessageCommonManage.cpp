@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <limits>
-#include <memory>
 #include <new>
 #include <thread>
 #include <vector>
