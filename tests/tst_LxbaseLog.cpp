@@ -49,6 +49,13 @@ class LxbaseLogTest : public BusTest
     Q_OBJECT
 
 private slots:
+    void initTestCase()
+    {
+        qRegisterMetaType<Loud>();
+        QMetaType::registerDebugStreamOperator<Loud>();
+        QMetaType::registerComparators<Loud>();
+    }
+
     // The last record of each operation.
     void everyRecordNamesItsPlaceInTheSource_data()
     {
@@ -127,9 +134,6 @@ private slots:
         QFETCH(QString, rules);
         QFETCH(bool, formats);
         QFETCH(QVector<int>, records);
-        qRegisterMetaType<Loud>();
-        QMetaType::registerDebugStreamOperator<Loud>();
-        QMetaType::registerComparators<Loud>();
         const QVariant loud = QVariant::fromValue(Loud{uniqueType()});
         const QVariant unknown = QVariant::fromValue(Loud{uniqueType()});
         Loud::s_written = 0;
