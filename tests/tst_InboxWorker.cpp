@@ -7,6 +7,7 @@
 #include <lxbase/Parking.h>
 #include <lxbase/QuotationWorkerThread.h>
 
+#include <atomic>
 #include <memory>
 
 using namespace lxtest;
@@ -236,6 +237,26 @@ private slots:
         LX_WAIT_FOR(m_log->records().size() == 2);
         QCOMPARE(recordsWhileIdle, 0);
         LX_WAIT_FOR((rig->queue({1}), m_log->lines().last().contains("::run QMap((0, ")));
+    }
+
+    // A stop that comes between a worker's look at its flag and its wait finds nobody to wake.
+    void aWorkerThatIsToStopDoesNotBeginToWait()
+    {
+        QMutex mutex;
+        CParking parking;
+        const std::atomic<bool> stop{true};
+        const std::unique_ptr<QThread> thread(QThread::create([&] {
+            ListPace pace;
+            for (int look = 0; look < 100; ++look) { // more than it makes before it waits
+                mutex.lock();
+                idle(mutex, &parking, stop, pace);
+            }
+        }));
+        thread->start();
+        const bool ended = thread->wait(deadlineMs);
+        while (!thread->wait(1))
+            wake(mutex, &parking);
+        QVERIFY(ended);
     }
 
     void aStopLetsTheHandlerInProgressEndAndFreesTheRest()

@@ -388,19 +388,6 @@ private slots:
         QCOMPARE(plugin.payloads(E), expected);
     }
 
-    void messageAndEventSubscriptionsAreApart()
-    {
-        const int type = uniqueType();
-        Plugin plugin(M | E);
-        plugin.subscribe(type);
-        center().PutEvent("tester", makeEvent({}, type, "event"));
-        plugin.subscribe(type, 2);
-        plugin.subscribeEvent(type);
-        center().Put("tester", message({}, type, "message"));
-        QVERIFY(plugin.settle());
-        QCOMPARE(plugin.count(), 0);
-    }
-
     void everyReceiverGetsWhatOneSenderPutsInOrder()
     {
         const int type = uniqueType();

@@ -12,33 +12,19 @@ using namespace lxtest;
 
 namespace {
 
-using Accessor = void* (*)();
-
-// Loaded with local scope, unless a hint says otherwise.
-class Library
+// What the library says of the one `name`; null if it cannot say. Loaded with local scope, unless a
+// hint says otherwise.
+void* asked(QLibrary& library, const char* name)
 {
-public:
-    Library() { m_library.setLoadHints({}); }
-    ~Library() { m_library.unload(); }
-
-    Accessor accessor(const char* name)
-    {
-        return reinterpret_cast<Accessor>(m_library.resolve(name));
-    }
-    QString error() const { return m_library.errorString(); }
-
-private:
-    QLibrary m_library{QStringLiteral(SINGLETONS_LIBRARY)};
-};
+    library.setLoadHints({});
+    const auto accessor = reinterpret_cast<void* (*)()>(library.resolve(name));
+    return accessor ? accessor() : nullptr;
+}
 
 const ChildScenario askedForByALibraryFirst("askedForByALibraryFirst", [] {
-    {
-        Library library;
-        const Accessor theCenter = library.accessor("theCenter");
-        const Accessor thePool = library.accessor("thePool");
-        if (!theCenter || !theCenter() || !thePool || !thePool())
-            return 1;
-    }
+    QLibrary library(QStringLiteral(SINGLETONS_LIBRARY));
+    if (!asked(library, "theCenter") || !asked(library, "thePool") || !library.unload())
+        return 1;
     if (CMessageCommonManage::GetInstance()->getMessageCommon()
         || !CMessageCommonManage::GetInstance()->getMessageCommon())
         return 2;
@@ -56,12 +42,12 @@ class SharedInstanceTest : public QObject
 private slots:
     void aPluginLibraryFindsTheOneCenterAndTheOnePool()
     {
-        Library library;
-        const Accessor theCenter = library.accessor("theCenter");
-        const Accessor thePool = library.accessor("thePool");
-        QVERIFY2(theCenter && thePool, qPrintable(library.error()));
-        QCOMPARE(theCenter(), static_cast<void*>(CMessageCenter::GetInstance()));
-        QCOMPARE(thePool(), static_cast<void*>(CMessageCommonManage::GetInstance()));
+        QLibrary library(QStringLiteral(SINGLETONS_LIBRARY));
+        void* const theCenter = asked(library, "theCenter");
+        QVERIFY2(theCenter, qPrintable(library.errorString()));
+        QCOMPARE(theCenter, static_cast<void*>(CMessageCenter::GetInstance()));
+        QCOMPARE(asked(library, "thePool"),
+                 static_cast<void*>(CMessageCommonManage::GetInstance()));
     }
 
     void bothOutliveALibraryThatAskedForThemFirst()
