@@ -3,6 +3,7 @@
 #include <lxtest/BusTest.h>
 
 #include <lxbase/MessageWorkerThread.h>
+#include <lxbase/SubscriptionTable.h>
 #include <lxdefine/PluginID.h>
 
 #include <atomic>
@@ -386,6 +387,24 @@ private slots:
         const QVariantList expected{type, type, later, later, type, type};
         QCOMPARE(plugin.payloads(M), expected);
         QCOMPARE(plugin.payloads(E), expected);
+    }
+
+    // Else a plugin that subscribes and unsubscribes all day would fill the memory.
+    void anEndedSubscriptionIsForgottenOnBothSides()
+    {
+        CSubscriptionTable::IdsByType idsByType;
+        CSubscriptionTable::IdsByInt idsByInt;
+        CSubscriptionTable::TypesById typesById;
+        QMutex idsMutex;
+        QMutex typesMutex;
+        CSubscriptionTable table(idsByType, idsByInt, idsMutex, typesById, typesMutex);
+        table.change("id", 1, 1);
+        table.change("id", 1, 2);
+        QVERIFY(idsByType.value(1)->isEmpty());
+        QVERIFY(typesById.value("id")->isEmpty());
+        table.removeAll("id");
+        QVERIFY(typesById.isEmpty());
+        table.clear();
     }
 
     void everyReceiverGetsWhatOneSenderPutsInOrder()
