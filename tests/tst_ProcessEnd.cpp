@@ -147,6 +147,7 @@ const ChildScenario putUntilTurnedAway("putUntilTurnedAway", [] {
             center().PutNetMsg("", toNet({}, 2));
             QThread::usleep(100);
         }
+        center().Put("", toNet("nobody")); // turned away too: not even reported
         --handlersRunning;
     });
     center().Put("", toNet("stays", 2));
