@@ -1,26 +1,15 @@
 // The log contract: where every record comes from, and what a disabled one costs.
-#include <lxtest/Counted.h>
-#include <lxtest/LogCapture.h>
-#include <lxtest/Plugin.h>
-#include <lxtest/TestMain.h>
-#include <lxtest/Wait.h>
-
-#include <lxbase/MessageCenter.h>
+#include <lxtest/BusTest.h>
 
 #include <QDebug>
 #include <QLoggingCategory>
-#include <QtTest>
+#include <QScopeGuard>
 
-#include <atomic>
 #include <functional>
-#include <optional>
 
 using namespace lxtest;
 
 namespace {
-
-constexpr auto M = IMessageInterface::MessageThread;
-constexpr auto E = IMessageInterface::EventThread;
 
 // Counts how often it is written to a log.
 struct Loud
@@ -29,7 +18,7 @@ struct Loud
     bool operator==(const Loud& other) const { return number == other.number; }
     bool operator<(const Loud& other) const { return number < other.number; }
 
-    inline static std::atomic<int> s_written{0};
+    inline static int s_written = 0;
 };
 
 QDebug operator<<(QDebug debug, const Loud&)
@@ -38,19 +27,14 @@ QDebug operator<<(QDebug debug, const Loud&)
     return debug << "loud";
 }
 
-CMessageCenter& center()
+CountedMessage* messageTo(const QString& dst, const QVariant& type = 7)
 {
-    return *CMessageCenter::GetInstance();
+    return message(dst, type, 1.5);
 }
 
-CountedMessage* message(const QString& dst, const QVariant& type = 7)
+CountedEvent* eventTo(const QString& dst, const QVariant& type = 7)
 {
-    return new CountedMessage(QStringLiteral("src"), dst, type, QVariant(1.5));
-}
-
-CountedEvent* makeEvent(const QString& dst, const QVariant& type = 7)
-{
-    return new CountedEvent(QStringLiteral("src"), dst, type, QVariant(1.5));
+    return makeEvent(dst, type, 1.5, "origin");
 }
 
 using Operation = std::function<void()>;
@@ -60,13 +44,9 @@ using Operation = std::function<void()>;
 Q_DECLARE_METATYPE(Loud)
 Q_DECLARE_METATYPE(Operation)
 
-class LxbaseLogTest : public QObject
+class LxbaseLogTest : public BusTest
 {
     Q_OBJECT
-
-private:
-    std::optional<LogCapture> m_log;
-    std::optional<Plugin> m_plugin; // "registered", for messages and events
 
 private slots:
     void initTestCase()
@@ -75,140 +55,109 @@ private slots:
         QMetaType::registerDebugStreamOperator<Loud>();
         QMetaType::registerComparators<Loud>();
     }
-    void init()
-    {
-        m_log.emplace();
-        m_plugin.emplace("registered", M | E);
-        m_log->clear();
-    }
-    void cleanup()
-    {
-        QLoggingCategory::setFilterRules(QString());
-        m_plugin.reset();
-        m_log.reset();
-        QCOMPARE(CountedMessage::alive() + CountedEvent::alive(), 0);
-    }
 
     // The last record of each operation.
     void everyRecordNamesItsPlaceInTheSource_data()
     {
         QTest::addColumn<Operation>("operation");
-        QTest::addColumn<QString>("record");
-        QTest::addColumn<QString>("unit");
         QTest::addColumn<QString>("function");
-        const auto row = [](const char* name, const QString& record, const char* unit,
-                            const char* function, const Operation& operation) {
-            QTest::newRow(name) << operation << record << unit << function;
+        QTest::addColumn<QString>("record");
+        int number = 0;
+        const auto row = [&](const char* function, const QString& record, const Operation& call) {
+            QTest::addRow("%d: %s", ++number, function) << call << QString(function) << record;
         };
-        const char* const messages = "MessageCenter";
-        const char* const events = "MessageCenterEvent";
-        row("Reg of a plugin", "debug: reg id: \"x\"", messages, "CMessageCenter::Reg",
-            [] { Recorder().Reg("x", nullptr, IMessageInterface::ThreadType(0)); });
-        row("UnReg", "debug: UnReg id: \"x\"", messages, "CMessageCenter::UnReg",
-            [] { center().UnReg("x"); });
-        row("Sub", "debug: sub id \"x\"  type QVariant(int, 7)  oper: 3", messages,
-            "CMessageCenter::Sub", [] { center().Sub("x", 7, 3); });
-        row("SubEvent", "debug: SubEvent id \"x\"  type QVariant(int, 7)  oper: 3", events,
-            "CMessageCenter::SubEvent", [] { center().SubEvent("x", 7, 3); });
-        row("duplicate, messages", "critical: !!!!!!!!  plugin ID duplicate,ID: \"registered\"",
-            messages, "CMessageCenter::InitMsgReg", [] { center().Reg("registered", nullptr, M); });
-        row("duplicate, events", "critical: !!!!!!!!  plugin ID duplicate,ID: \"registered\"",
-            events, "CMessageCenter::InitEventReg", [] { center().Reg("registered", nullptr, E); });
-        row("no ID, messages", "critical: !!!!!!!!  plugin ID is null", messages,
-            "CMessageCenter::InitMsgReg", [] { center().Reg("", nullptr, M); });
-        row("no ID, events", "critical: !!!!!!!!  plugin ID is null", events,
-            "CMessageCenter::InitEventReg", [] { center().Reg("", nullptr, E); });
-        const QString notFound =
-            "warning: \"src\"  Put msg to  \"x\"  failed!! because not find  \"x\"";
-        row("Put", notFound, messages, "CMessageCenter::Put",
-            [] { center().Put("", message("x")); });
-        row("PutEvent", notFound, events, "CMessageCenter::PutEvent",
-            [] { center().PutEvent("", makeEvent("x")); });
-        row("PutEvent, the trace",
-            "debug: \"src\"  PutEvent type: QVariant(int, 7)  to: \"registered\"  data: "
+        const QString duplicate = "critical: !!!!!!!!  plugin ID duplicate,ID: \"registered\"";
+        const QString noId = "critical: !!!!!!!!  plugin ID is null";
+        const QString lost = "warning: \"origin\"  Put msg to  \"x\"  failed!! because not find";
+        row("Reg", "debug: reg id: \"x\"", [] { center().Reg("x", nullptr, Kind(0)); });
+        row("UnReg", "debug: UnReg id: \"x\"", [] { center().UnReg("x"); });
+        row("Sub", "debug: sub id \"x\"  type QVariant(int, 7)  oper: 3",
+            [] { center().Sub("x", 7, 3); });
+        row("SubEvent", "debug: SubEvent id \"x\"  type QVariant(int, 7)  oper: 3",
+            [] { center().SubEvent("x", 7, 3); });
+        row("InitMsgReg", duplicate, [] { center().Reg("registered", nullptr, M); });
+        row("InitEventReg", duplicate, [] { center().Reg("registered", nullptr, E); });
+        row("InitMsgReg", noId, [] { center().Reg("", nullptr, M); });
+        row("InitEventReg", noId, [] { center().Reg("", nullptr, E); });
+        row("Put", lost + "  \"x\"", [] { center().Put("", messageTo("x")); });
+        row("PutEvent", lost + "  \"x\"", [] { center().PutEvent("", eventTo("x")); });
+        row("PutEvent",
+            "debug: \"origin\"  PutEvent type: QVariant(int, 7)  to: \"registered\"  data: "
             "QVariant(double, 1.5)",
-            events, "CMessageCenter::PutEvent",
-            [] { center().PutEvent("", makeEvent("registered")); });
-        row("PutEvent, no subscriber", "debug: MsgType: QVariant(int, 7)  has not sub", events,
-            "CMessageCenter::PutEvent", [] { center().PutEvent("", makeEvent("")); });
-        row("PutNetMsg", "warning: net recv list is NULL,maybe no init netmodule", messages,
-            "CMessageCenter::PutNetMsg", [] { center().PutNetMsg("", message("x")); });
+            [] { center().PutEvent("", eventTo("registered")); });
+        row("PutEvent", "debug: MsgType: QVariant(int, 7)  has not sub",
+            [] { center().PutEvent("", eventTo("")); });
+        row("PutNetMsg", "warning: net recv list is NULL,maybe no init netmodule",
+            [] { center().PutNetMsg("", messageTo("x")); });
         row("PutQuotationMsg", "warning: m_quotation_list is NULL,maybe no init netmodule",
-            messages, "CMessageCenter::PutQuotationMsg",
-            [] { center().PutQuotationMsg("", message("x")); });
-        const auto reference = [](const char* dst) {
-            return QSharedPointer<CMessageCommon>(message(dst));
-        };
-        row("ProcessMsgByNetPut", notFound, messages, "CMessageCenter::ProcessMsgByNetPut",
-            [=] { center().ProcessMsgByNetPut(reference("x")); });
-        row("ProcessMsgByNetPut, no subscriber",
+            [] { center().PutQuotationMsg("", messageTo("x")); });
+        row("ProcessMsgByNetPut", lost + "  \"x\"",
+            [] { center().ProcessMsgByNetPut(Reference(messageTo("x"))); });
+        row("ProcessMsgByNetPut",
             "debug: CMessageCenter::ProcessMsgByNetPut MsgType:  QVariant(int, 7)  has not sub",
-            messages, "CMessageCenter::ProcessMsgByNetPut",
-            [=] { center().ProcessMsgByNetPut(reference("")); });
-        row("ProcessQuotationMsg",
-            "warning: \"src\"  Put msg to  \"x\"  failed!! because not find,maybe dstId not "
-            "register \"x\"",
-            messages, "CMessageCenter::ProcessQuotationMsg",
-            [=] { center().ProcessQuotationMsg(reference("x")); });
+            [] { center().ProcessMsgByNetPut(Reference(messageTo(""))); });
+        row("ProcessQuotationMsg", lost + ",maybe dstId not register \"x\"",
+            [] { center().ProcessQuotationMsg(Reference(messageTo("x"))); });
     }
     void everyRecordNamesItsPlaceInTheSource()
     {
         QFETCH(Operation, operation);
-        QFETCH(QString, record);
-        QFETCH(QString, unit);
         QFETCH(QString, function);
+        QFETCH(QString, record);
+        const Plugin plugin("registered", M | E);
         operation();
-        QVERIFY(!m_log->records().isEmpty());
         const LogRecord last = m_log->records().last();
-        QCOMPARE(m_log->lines().last(), record);
-        QCOMPARE(last.category, QString("lxbase"));
+        const QString unit = function.contains("Event") ? "MessageCenterEvent" : "MessageCenter";
+        QCOMPARE(last.text, record);
         QCOMPARE(last.file, "shell/lxbase/" + unit + ".cpp");
         QVERIFY(last.line > 0);
-        QVERIFY2(last.function.contains(function + '('), qPrintable(last.function));
+        QVERIFY2(last.function.contains("CMessageCenter::" + function + '('),
+                 qPrintable(last.function));
     }
 
     void aDisabledRecordIsNotFormatted_data()
     {
         QTest::addColumn<QString>("rules");
         QTest::addColumn<bool>("formats");
-        QTest::addColumn<int>("debug"); // how many records of each level
-        QTest::addColumn<int>("warning");
-        QTest::addColumn<int>("critical");
-        QTest::newRow("as it comes") << QString() << true << 11 << 5 << 2;
-        QTest::newRow("without debug") << QString("lxbase.debug=false") << false << 0 << 5 << 2;
-        QTest::newRow("critical only")
-            << QString("lxbase.debug=false\nlxbase.warning=false") << false << 0 << 0 << 2;
-        QTest::newRow("silent") << QString("lxbase*=false") << false << 0 << 0 << 0;
+        QTest::addColumn<QVector<int>>("records"); // how many debug, warning and critical ones
+        const auto row = [](const char* name, const char* rules, bool formats,
+                            const QVector<int>& records) {
+            QTest::newRow(name) << rules << formats << records;
+        };
+        row("as it comes", "", true, {11, 5, 2});
+        row("without debug", "lxbase.debug=false", false, {0, 5, 2});
+        row("critical only", "lxbase.debug=false\nlxbase.warning=false", false, {0, 0, 2});
+        row("silent", "lxbase*=false", false, {0, 0, 0});
     }
     void aDisabledRecordIsNotFormatted()
     {
         QFETCH(QString, rules);
         QFETCH(bool, formats);
-        QFETCH(int, debug);
-        QFETCH(int, warning);
-        QFETCH(int, critical);
+        QFETCH(QVector<int>, records);
         const QVariant loud = QVariant::fromValue(Loud{uniqueType()});
+        const QVariant unknown = QVariant::fromValue(Loud{uniqueType()});
         Loud::s_written = 0;
+        const Plugin registered(E);
+        m_log->clear();
         QLoggingCategory::setFilterRules(rules);
-        Recorder plugin;
-        plugin.Reg("", &plugin, M | E); // 2 debug, 2 critical
-        center().Sub("x", loud, 1);     // debug, here and twice below
+        const auto reset = qScopeGuard([] { QLoggingCategory::setFilterRules({}); });
+        Recorder().Reg("", nullptr, M | E); // 2 debug, 2 critical
+        center().Sub("x", loud, 1);         // debug, here and in the next three
         center().Sub("x", loud, 2);
         center().SubEvent("x", loud, 3);
-        center().PutEvent("", makeEvent("", loud));  // the trace, no subscriber
-        center().PutEvent("", makeEvent("x", loud)); // the trace, and a warning
         center().UnReg("x");
-        center().ProcessMsgByNetPut(QSharedPointer<CMessageCommon>(message("x", loud))); // warning
-        center().Put("", message("x", loud));                                            // warning
-        center().PutNetMsg("", message("x", loud));                                      // warning
-        center().PutQuotationMsg("", message("x", loud));                                // warning
-        const QVariant unknown = QVariant::fromValue(Loud{uniqueType()});
-        center().ProcessMsgByNetPut(QSharedPointer<CMessageCommon>(message({}, unknown))); // debug
-        center().PutEvent("", makeEvent("registered", loud));                              // trace
+        center().PutEvent("", eventTo("", loud));                       // the trace, no subscriber
+        center().PutEvent("", eventTo("x", loud));                      // the trace, and a warning
+        center().PutEvent("", eventTo(registered.id(), loud));          // the trace
+        center().ProcessMsgByNetPut(Reference(messageTo("", unknown))); // debug
+        center().ProcessMsgByNetPut(
+            Reference(messageTo("x", loud))); // warning, and in the next three
+        center().Put("", messageTo("x", loud));
+        center().PutNetMsg("", messageTo("x", loud));
+        center().PutQuotationMsg("", messageTo("x", loud));
         QCOMPARE(Loud::s_written > 0, formats);
-        QCOMPARE(m_log->texts(QtDebugMsg).size(), debug);
-        QCOMPARE(m_log->texts(QtWarningMsg).size(), warning);
-        QCOMPARE(m_log->texts(QtCriticalMsg).size(), critical);
+        for (const char* level : {"debug", "warning", "critical"})
+            QCOMPARE(m_log->lines(level).size(), records.takeFirst());
     }
 };
 

@@ -75,8 +75,8 @@ private slots:
         center.PutEvent("Board#1", new CEventMessageCommon("", "", "a type", 2));
         center.PutEvent("Board#1", new CEventMessageCommon("", "", event, 3));
         QVERIFY(subscriber.settle());
-        QCOMPARE(subscriber.payloads(Handler::Message), QVariantList({1}));
-        QCOMPARE(subscriber.payloads(Handler::Event), QVariantList({2, 3}));
+        QCOMPARE(subscriber.payloads(M), QVariantList({1}));
+        QCOMPARE(subscriber.payloads(E), QVariantList({2, 3}));
     }
 };
 

@@ -17,19 +17,8 @@ namespace lxtest {
 
 const char* nameOf(QtMsgType level)
 {
-    switch (level) {
-    case QtDebugMsg:
-        return "debug";
-    case QtInfoMsg:
-        return "info";
-    case QtWarningMsg:
-        return "warning";
-    case QtCriticalMsg:
-        return "critical";
-    case QtFatalMsg:
-        break;
-    }
-    return "fatal";
+    static const char* const names[] = {"debug", "warning", "critical", "fatal", "info"};
+    return names[level];
 }
 
 LogCapture::LogCapture()
@@ -56,21 +45,13 @@ QVector<LogRecord> LogCapture::records() const
     return copy;
 }
 
-QStringList LogCapture::texts(QtMsgType level) const
+QStringList LogCapture::lines(const char* level) const
 {
     QStringList result;
     for (const LogRecord& record : records()) {
-        if (record.level == level)
+        if (record.text.startsWith(QLatin1String(level)))
             result << record.text;
     }
-    return result;
-}
-
-QStringList LogCapture::lines() const
-{
-    QStringList result;
-    for (const LogRecord& record : records())
-        result << QLatin1String(nameOf(record.level)) + QLatin1String(": ") + record.text;
     return result;
 }
 
@@ -84,9 +65,9 @@ void LogCapture::take(QtMsgType level, const QMessageLogContext& context, const 
 {
     QMutexLocker locker(&captureMutex);
     if (current && context.category && std::strcmp(context.category, "lxbase") == 0) {
-        current->m_records.append({level, QString::fromLatin1(context.category),
+        current->m_records.append({QLatin1String(nameOf(level)) + QLatin1String(": ") + text,
                                    QString::fromLocal8Bit(context.file), context.line,
-                                   QString::fromLatin1(context.function), text});
+                                   QString::fromLatin1(context.function)});
         return;
     }
     const QtMessageHandler next = nextHandler;

@@ -13,12 +13,10 @@ const char* nameOf(QtMsgType level);
 
 struct LogRecord
 {
-    QtMsgType level;
-    QString category;
+    QString text; // behind its level: "warning: ..."
     QString file;
     int line;
     QString function;
-    QString text;
 };
 
 // Takes the records of the category "lxbase" for as long as it lives, from every thread; the others
@@ -32,11 +30,8 @@ public:
 
     QVector<LogRecord> records() const;
 
-    // Of one level, in order.
-    QStringList texts(QtMsgType level) const;
-
-    // Of every level, in order, each behind its level: "warning: ...".
-    QStringList lines() const;
+    // The texts of the records of one level, or of all, in order.
+    QStringList lines(const char* level = "") const;
 
     void clear();
 

@@ -1,25 +1,54 @@
-// Recorder and Plugin: receivers that remember what the bus called them with.
+// Recorder and Plugin: receivers that remember what the bus called them with; and how tests put.
 #ifndef LXTEST_PLUGIN_H
 #define LXTEST_PLUGIN_H
 
-#include <lxbase/MessageInterface.h>
+#include <lxtest/Counted.h>
+#include <lxtest/Wait.h>
+
+#include <lxbase/MessageCenter.h>
 
 #include <QMutex>
+#include <QSharedPointer>
 #include <QString>
-#include <QStringList>
 #include <QVariant>
 #include <QVector>
 
+#include <atomic>
 #include <functional>
+#include <utility>
 
 namespace lxtest {
 
-enum class Handler { Message, Event, Quotation };
+// One kind of traffic, or several.
+using Kind = IMessageInterface::ThreadType;
+constexpr Kind M = IMessageInterface::MessageThread;
+constexpr Kind Q = IMessageInterface::QuotationThread;
+constexpr Kind E = IMessageInterface::EventThread;
+constexpr Kind All = M | Q | E;
+
+using Reference = QSharedPointer<CMessageCommon>;
+
+inline CMessageCenter& center()
+{
+    return *CMessageCenter::GetInstance();
+}
+
+// With a source field that is nobody's ID.
+CountedMessage* message(const QString& dst, const QVariant& type, const QVariant& data = {});
+CountedEvent* makeEvent(const QString& dst, const QVariant& type, const QVariant& data = {},
+                        const QString& src = {});
+
+// Delivers one item to one plugin. An event is of a type that leaves no trace in the log.
+void deliverTo(const QString& id, Kind kind, const QVariant& data);
+
+// IDs and types that no other test of the program uses.
+QString uniqueId();
+int uniqueType();
 
 // One call of a handler.
 struct Call
 {
-    Handler handler;
+    Kind kind;
     QString srcId;
     QVariant type;
     QVariant data;
@@ -33,67 +62,76 @@ public:
     using Action = std::function<void(const Call&)>;
 
     // What the handlers do besides; set while no handler can run.
-    void onCall(Action action);
+    void onCall(Action action) { m_action = std::move(action); }
 
     // What has been received so far, in order.
-    QVector<Call> calls() const;
-    QVector<Call> calls(Handler handler) const;
-    QVariantList payloads() const;
-    QVariantList payloads(Handler handler) const;
+    QVector<Call> calls(Kind kinds = All) const;
+    QVariantList payloads(Kind kinds = All) const;
     int count() const;
 
     // Waits until `count` calls have been made. False: not in time.
-    [[nodiscard]] bool waitForCalls(int count) const;
+    [[nodiscard]] bool waitForCalls(int count) const
+    {
+        return waitUntil([&] { return this->count() >= count; });
+    }
 
-    void RecvMsg(QString srcId, QVariant type, QVariant data) override;
-    void RecvEvent(QString srcId, QVariant type, QVariant data) override;
-    void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) override;
+    void RecvMsg(QString src, QVariant type, QVariant data) override { record(M, src, type, data); }
+    void RecvEvent(QString src, QVariant type, QVariant data) override
+    {
+        record(E, src, type, data);
+    }
+    void RecvQuotationMsg(QString src, QVariant type, QVariant data) override
+    {
+        record(Q, src, type, data);
+    }
 
 protected:
-    // How many settle markers have come.
-    int settled() const;
+    std::atomic<int> m_settled{0}; // how many settle markers have come
 
 private:
-    void record(Handler handler, const QString& srcId, const QVariant& type, const QVariant& data);
+    void record(Kind kind, const QString& src, const QVariant& type, const QVariant& data);
 
     Action m_action;
     mutable QMutex m_mutex;
     QVector<Call> m_calls; // guarded by m_mutex
-    int m_settled = 0;     // guarded by m_mutex
 };
 
 // A recorder that is registered from its construction until leave() or its destruction.
 class Plugin final : public Recorder
 {
 public:
-    // With an ID of its own; with the given ID.
-    explicit Plugin(ThreadType type);
-    Plugin(const QString& id, ThreadType type);
-    ~Plugin() override;
+    explicit Plugin(Kind kinds)
+        : Plugin(uniqueId(), kinds)
+    { }
+    Plugin(const QString& id, Kind kinds)
+        : m_id(id)
+        , m_kinds(kinds)
+    {
+        Reg(m_id, this, m_kinds);
+    }
+    ~Plugin() override { leave(); }
 
     const QString& id() const { return m_id; }
 
     // Subscribe this plugin; `oper` 2 ends one subscription.
-    void subscribe(const QVariant& type, int oper = 1);
-    void subscribeEvent(const QVariant& type, int oper = 1);
+    void subscribe(const QVariant& type, int oper = 1) { Sub(m_id, type, oper); }
+    void subscribeEvent(const QVariant& type, int oper = 1) { SubEvent(m_id, type, oper); }
 
-    // Returns when everything that this thread has put to this plugin before has been handled: a
-    // marker is put to it behind that and waited for (it is not recorded). False: not in time.
-    //
-    // What comes through a dispatch thread is not covered.
+    // Returns when all that this thread has put to this plugin has been handled: a marker is put
+    // behind it, and not recorded. It does not cover the dispatch threads. False: not in time.
     [[nodiscard]] bool settle();
 
-    void leave();
+    void leave()
+    {
+        if (std::exchange(m_registered, false))
+            UnReg(m_id);
+    }
 
 private:
     const QString m_id;
-    const ThreadType m_type;
-    bool m_registered = false;
+    const Kind m_kinds;
+    bool m_registered = true;
 };
-
-// IDs and types that no other test of the program uses.
-QString uniqueId(const QString& prefix = QStringLiteral("plugin"));
-int uniqueType();
 
 } // namespace lxtest
 

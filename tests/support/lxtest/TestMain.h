@@ -4,7 +4,6 @@
 
 #include <lxbase/MessageCenter.h>
 
-#include <QByteArray>
 #include <QStringList>
 
 #include <functional>
@@ -17,8 +16,8 @@ namespace lxtest {
 // else Poll. The same program is run once with each.
 CMessageCenter::IdlePolicy idlePolicy();
 
-// Something that has to happen in a process of its own, because it is about the end of one. Made at
-// namespace scope; `body` gets a core application, its result is the exit code.
+// What has to happen in a process of its own, because it is about the end of one. Made at namespace
+// scope; `body` gets a core application, its result is the exit code.
 class ChildScenario
 {
 public:
@@ -27,16 +26,14 @@ public:
 
 struct ChildResult
 {
-    bool exitedNormally; // false: crashed, or had to be killed at the deadline
-    int exitCode;
+    bool succeeded;  // it ended by itself, in time, with exit code 0
     QStringList log; // its log records on stderr, in order: "warning lxbase: ..."
 };
 
 // Runs a scenario of this program, under the same idle policy.
 ChildResult runChild(const char* scenario);
 
-// Runs the scenario that the command line names, else the slots of the test that `makeTest` makes;
-// the idle policy is set before.
+// Runs the scenario that the command line names, else the slots of the test that `makeTest` makes.
 int testMain(int argc, char** argv, const std::function<QObject*()>& makeTest);
 
 } // namespace lxtest
