@@ -49,12 +49,12 @@ void exitUnderFire(bool park)
     }
 }
 
-// The bus is destroyed on a plugin's own thread, under a main thread that runs its event loop.
+// The bus is destroyed on a plugin's own thread, while the main thread waits in vain.
 void exitInAHandler(bool park)
 {
     exitWithPlugins(park);
     exitInHandler = true;
-    QCoreApplication::exec();
+    lxtest::Latch().wait();
 }
 
 void unloadLibrary(bool park)
