@@ -25,9 +25,9 @@ public:
     bool initialise(const QString& id, const QVariantMap& settings, QString& reason) override
     {
         m_id = id;
-        m_faulty = settings.value(QStringLiteral("fault")) == id;
-        if (settings.value(QStringLiteral("refuse")) == id) {
-            reason = QStringLiteral("told to refuse");
+        m_faulty = settings.value("fault") == id;
+        if (settings.value("refuse") == id) {
+            reason = "told to refuse";
             return false;
         }
         const QStringList symbols = settings.value(lxclient::setting::Symbols).toStringList();
@@ -50,9 +50,9 @@ public:
         lxclient::Report report;
         const QMutexLocker locker(&m_mutex);
         m_audit.post(report);
-        report.remarks.append(QStringLiteral("a stranger's remark"));
+        report.remarks.append("a stranger's remark");
         if (m_faulty)
-            report.faults.append(QStringLiteral("told to be faulty"));
+            report.faults.append("told to be faulty");
         return report;
     }
 

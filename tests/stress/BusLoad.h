@@ -1,77 +1,71 @@
 // A bus with much to do: what the shutdown program, or the library that it unloads, ends in the
-// middle of. Inline, because the two run with different copies of the bus.
+// middle of.
 #ifndef LXSTRESS_BUSLOAD_H
 #define LXSTRESS_BUSLOAD_H
 
-#include <lxbase/MessageCenter.h>
+#include "Traffic.h"
 
-#include <lxevent/EventMessageCommon.h>
-#include <lxmsg/MessageCommon.h>
+#include <lxbase/MessageCenter.h>
 
 #include <QThread>
 
 #include <atomic>
+#include <cstdlib>
 #include <memory>
 #include <thread>
 #include <vector>
 
 namespace lxstress {
 
-class SlowPlugin final : public IMessageInterface
+// Whether the next handler ends the process.
+inline std::atomic<bool> exitInHandler{false};
+
+class SlowPlugin final : public Receiver
 {
 public:
     explicit SlowPlugin(const QString& id)
         : m_id(id)
     {
-        Reg(m_id, this, MessageThread | QuotationThread | EventThread);
-        Sub(m_id, 1, 1);
-        SubEvent(m_id, 1, 1);
+        join(m_id, 1);
     }
 
-    const QString& id() const { return m_id; }
-    bool hasReceived() const { return m_received > 0; }
-
-    void RecvMsg(QString, QVariant, QVariant data) override
-    {
-        receive();
-        Put(m_id, new CMessageCommon(m_id, QString(), 1, data)); // never ends by itself
-    }
-    void RecvEvent(QString, QVariant, QVariant) override { receive(); }
-    void RecvQuotationMsg(QString, QVariant, QVariant) override { receive(); }
+    void leave() { UnReg(m_id); }
+    bool hasReceived() const { return m_has_received; }
 
 private:
-    void receive()
+    void receive(Path path, const QString&, const QVariant&, const QVariant& data) override
     {
+        if (exitInHandler.exchange(false))
+            std::exit(0);
         QThread::msleep(2); // slow against the putting
-        ++m_received;
+        m_has_received = true;
+        if (path == Direct)
+            put(Direct, m_id, QString(), 1, data); // never ends by itself
     }
 
     const QString m_id;
-    std::atomic<int> m_received{0};
+    std::atomic<bool> m_has_received{false};
 };
 
 using SlowPlugins = std::vector<std::unique_ptr<SlowPlugin>>;
 
 inline void putOnEveryPath(int count)
 {
-    const QString srcId = QStringLiteral("load.producer");
-    for (int i = 0; i < count; ++i) {
-        CRegManager::Put(srcId, new CMessageCommon(srcId, QString(), 1, i));
-        CRegManager::PutNetMsg(srcId, new CMessageCommon(srcId, QString(), 1, i));
-        CRegManager::PutQuotationMsg(srcId, new CMessageCommon(srcId, QString(), 1, i));
-        CRegManager::PutEvent(srcId, new CEventMessageCommon(srcId, QString(), 1, i));
-    }
+    for (int i = 0; i < count * PathCount; ++i)
+        put(Path(i % PathCount), "load.producer", QString(), 1, i);
 }
 
 // Returns when the producers have just stopped: plugins registered and in the middle of receiving,
 // inboxes and lists full.
-inline SlowPlugins loadBus(CMessageCenter::IdlePolicy policy)
+inline SlowPlugins loadBus(bool park)
 {
-    CMessageCenter::GetInstance()->setIdlePolicy(policy);
-    CMessageCenter::GetInstance()->Start();
+    CMessageCenter* const center = CMessageCenter::GetInstance();
+    center->setIdlePolicy(park ? CMessageCenter::IdlePolicy::Park
+                               : CMessageCenter::IdlePolicy::Poll);
+    center->Start();
     SlowPlugins plugins;
     for (int i = 0; i < 5; ++i)
-        plugins.push_back(std::make_unique<SlowPlugin>(QStringLiteral("load.slow%1").arg(i)));
+        plugins.push_back(std::make_unique<SlowPlugin>(QString("load.slow%1").arg(i)));
     std::vector<std::thread> producers;
     for (int i = 0; i < 3; ++i)
         producers.emplace_back([] { putOnEveryPath(5000); });
@@ -83,6 +77,10 @@ inline SlowPlugins loadBus(CMessageCenter::IdlePolicy policy)
     }
     return plugins;
 }
+
+// What the library offers: loads the bus in it. The plugins remain the caller's, as an opaque
+// pointer: that bus uses them until it has been unloaded.
+using LoadTheBus = void* (*)(bool park);
 
 } // namespace lxstress
 

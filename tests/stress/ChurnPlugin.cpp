@@ -1,60 +1,52 @@
-// The plugin of the churn program, a library that is loaded and unloaded again and again.
+// The plugin of the churn program, a library that is loaded and unloaded again and again. What it
+// gives the bus to keep is data of the library, which dangles unless the bus makes copies; what it
+// puts is not, since that may wait in an inbox longer than the library stays.
 #include "ChurnPlugin.h"
+#include "Traffic.h"
 
-#include <lxbase/MessageInterface.h>
-
-#include <lxmsg/MessageCommon.h>
-
-#include <atomic>
-
-class ChurnPlugin final : public IMessageInterface, public ChurnVisitor
+class ChurnPlugin final : public lxstress::Receiver, public ChurnVisitor
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID ChurnVisitor_iid)
     Q_INTERFACES(ChurnVisitor)
 public:
-    void enter(const QString& id, const QString& home, int type) override
+    void enter() override
     {
-        m_id = id;
-        m_home = home;
-        Reg(m_id, this, MessageThread | QuotationThread | EventThread);
-        Sub(m_id, type, 1);
-        SubEvent(m_id, type, 1);
+        join(QStringLiteral("churn#" CHURNER), QStringLiteral(CHURN_TYPE));
+        for (const QString& member : {QStringLiteral("churn#" CHURNER), QStringLiteral(CHURN_HOME)})
+            setRelation(QStringLiteral(CHURN_BASE), member, churnRelatedType, RELATION_GREEN, 1);
+        for (const int oper : {2, 1}) // instead of the one that an earlier visitor made
+            Sub(QStringLiteral(CHURN_HOME), QStringLiteral(CHURN_TYPE), oper);
     }
 
     void leave() override
     {
-        UnReg(m_id);
+        UnReg(QStringLiteral("churn#" CHURNER));
         m_left = true;
-        m_id = QStringLiteral("left");
     }
-
-    int messages() const override { return m_messages; }
-    int events() const override { return m_events; }
-    int quotations() const override { return m_quotations; }
-
-    void RecvMsg(QString, QVariant type, QVariant data) override
-    {
-        count(m_messages);
-        Put(m_id, new CMessageCommon(m_id, m_home, type, data));
-    }
-    void RecvEvent(QString, QVariant, QVariant) override { count(m_events); }
-    void RecvQuotationMsg(QString, QVariant, QVariant) override { count(m_quotations); }
 
 private:
-    void count(std::atomic<int>& calls)
+    void receive(lxstress::Path path, const QString&, const QVariant& type,
+                 const QVariant& data) override
     {
         if (m_left)
             qFatal("a handler was entered after UnReg had returned");
-        ++calls;
+        switch (path) {
+        case lxstress::Event:
+            ++(type == churnRelatedType ? relatedEvents : events);
+            break;
+        case lxstress::Quotation:
+            ++quotations;
+            break;
+        default:
+            ++messages;
+            put(path, m_source, m_home, type, data);
+        }
     }
 
-    QString m_id;
-    QString m_home;
-    std::atomic<bool> m_left{false};
-    std::atomic<int> m_messages{0};
-    std::atomic<int> m_events{0};
-    std::atomic<int> m_quotations{0};
+    const QString m_source = QString::fromLatin1("churn#" CHURNER);
+    const QString m_home = QString::fromLatin1(CHURN_HOME);
+    bool m_left = false; // a plain one: UnReg orders it behind all handlers
 };
 
 #include "ChurnPlugin.moc"

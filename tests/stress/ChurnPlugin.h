@@ -5,22 +5,33 @@
 #include <QString>
 #include <QtPlugin>
 
+#include <atomic>
+
+// Visitor N has the ID "churn#N" and wants this type of messages, quotations and events.
+#define CHURN_TYPE "churn.visit"
+
+// The plugin that stays, and the type of the events that it puts to its relation group.
+#define CHURN_BASE "churn"
+#define CHURN_HOME CHURN_BASE "#home"
+constexpr int churnRelatedType = 7;
+
 class ChurnVisitor
 {
 public:
     virtual ~ChurnVisitor() = default;
 
-    // Registers under `id` and subscribes to messages, quotations and events of `type`. What
-    // arrives is answered with a message to `home`.
-    virtual void enter(const QString& id, const QString& home, int type) = 0;
+    // Registers, subscribes, and forms a relation group with the plugin that stays. Every message
+    // is answered with one to that plugin.
+    virtual void enter() = 0;
 
     // Unregisters. A handler that is entered after that ends the program.
     virtual void leave() = 0;
 
-    // How often its message, event and quotation handlers have run.
-    virtual int messages() const = 0;
-    virtual int events() const = 0;
-    virtual int quotations() const = 0;
+    // Handler calls so far.
+    std::atomic<int> messages{0};
+    std::atomic<int> quotations{0};
+    std::atomic<int> events{0};
+    std::atomic<int> relatedEvents{0};
 };
 
 #define ChurnVisitor_iid "lxstress.ChurnVisitor"

@@ -2,21 +2,20 @@
 
 #include <lxbase/MessageCenter.h>
 
+#include <lxtest/Counted.h>
 #include <lxtest/Wait.h>
 
 #include <QCoreApplication>
 #include <QDeadlineTimer>
 #include <QDir>
-#include <QFile>
 #include <QLoggingCategory>
-#include <QMutex>
 #include <QThread>
 
 #include <atomic>
-#include <cstdio>
-#include <cstdlib>
+#include <cstdarg>
 #include <random>
 
+#include <dlfcn.h>
 #include <malloc.h>
 
 namespace lxstress {
@@ -26,100 +25,82 @@ namespace {
 std::atomic<int> failures{0};
 constexpr int printedFailures = 10;
 
-[[noreturn]] void refuse(const QString& message)
-{
-    std::fprintf(stderr, "%s\n", qPrintable(message));
-    std::exit(2);
-}
-
 } // namespace
 
-Options::Options(const char* purpose, const std::vector<QCommandLineOption>& additional)
+Options::Options(const char* purpose, const QList<QCommandLineOption>& additional)
 {
-    m_parser.setApplicationDescription(QString::fromUtf8(purpose));
-    m_parser.addHelpOption();
-    m_parser.addOption({QStringLiteral("seed"), QStringLiteral("Makes a run repeatable."),
-                        QStringLiteral("number"), QString::number(std::random_device()())});
-    m_parser.addOption({QStringLiteral("idle"), QStringLiteral("Idle policy: poll or park."),
-                        QStringLiteral("policy"), QStringLiteral("poll")});
-    for (const QCommandLineOption& option : additional)
-        m_parser.addOption(option);
-    m_parser.process(*QCoreApplication::instance());
+    setApplicationDescription(purpose);
+    addHelpOption();
+    addOptions(
+        {{"seed", "Makes a run repeatable.", "number", QString::number(std::random_device()())},
+         {"idle", "Idle policy: poll or park.", "policy", "poll"}});
+    addOptions(additional);
+    process(*QCoreApplication::instance());
 
-    const QString idle = text("idle");
-    if (idle != QLatin1String("poll") && idle != QLatin1String("park"))
-        refuse(QStringLiteral("--idle %1: neither poll nor park").arg(idle));
-    CMessageCenter::GetInstance()->setIdlePolicy(idle == QLatin1String("park")
-                                                     ? CMessageCenter::IdlePolicy::Park
-                                                     : CMessageCenter::IdlePolicy::Poll);
-    QLoggingCategory::setFilterRules(QStringLiteral("lxbase.debug=false\nlxbase.warning=false"));
-
-    m_seed = number("seed");
-    std::printf("--seed %llu --idle %s\n", static_cast<unsigned long long>(m_seed),
-                qPrintable(idle));
+    const QString idle = value("idle");
+    if (!parks() && idle != "poll")
+        showHelp(2);
+    CMessageCenter::GetInstance()->setIdlePolicy(parks() ? CMessageCenter::IdlePolicy::Park
+                                                         : CMessageCenter::IdlePolicy::Poll);
+    QLoggingCategory::setFilterRules("lxbase.debug=false\nlxbase.warning=false");
+    std::printf("--seed %llu --idle %s\n", number("seed"), qPrintable(idle));
     std::fflush(stdout);
 }
 
-bool Options::isSet(const char* name) const
-{
-    return m_parser.isSet(QLatin1String(name));
-}
-
-QString Options::text(const char* name) const
-{
-    return m_parser.value(QLatin1String(name));
-}
-
-std::uint64_t Options::number(const char* name) const
+quint64 Options::number(const QString& name) const
 {
     bool ok = false;
-    const std::uint64_t value = text(name).toULongLong(&ok);
+    const quint64 number = value(name).toULongLong(&ok);
     if (!ok)
-        refuse(QStringLiteral("--%1 %2: not a number").arg(QLatin1String(name), text(name)));
-    return value;
+        qFatal("--%s takes a number", qPrintable(name));
+    return number;
 }
 
-void fail(const QString& what)
+void fail(const char* format, ...)
 {
+    va_list values;
+    va_start(values, format);
     if (++failures <= printedFailures)
-        std::fprintf(stderr, "FAILED: %s\n", qPrintable(what));
+        std::fprintf(stderr, "FAILED: %s\n", qPrintable(QString::vasprintf(format, values)));
+    va_end(values);
 }
 
 int verdict(const QString& summary)
 {
-    if (failures > 0) {
+    if (failures > 0)
         std::fprintf(stderr, "%d failures\n", failures.load());
-        return 1;
-    }
-    std::printf("%s\n", qPrintable(summary));
-    return 0;
+    else
+        std::printf("%s\n", qPrintable(summary));
+    return failures > 0;
 }
 
-void waitFor(const char* what, const std::function<bool()>& condition,
-             const std::function<std::uint64_t()>& progress)
+void waitFor(const char* what, const std::function<bool()>& condition, const Progress& progress)
 {
     QDeadlineTimer deadline(lxtest::deadlineMs);
-    std::uint64_t last = progress();
+    quint64 last = progress();
     while (!condition()) {
-        const std::uint64_t now = progress();
-        if (now != last) {
-            last = now;
+        const quint64 now = progress();
+        if (now != last)
             deadline.setRemainingTime(lxtest::deadlineMs);
-        }
-        if (deadline.hasExpired()) {
-            std::fprintf(stderr, "FAILED: no progress any more while waiting for %s, at %llu\n",
-                         what, static_cast<unsigned long long>(last));
-            std::abort();
-        }
+        last = now;
+        if (deadline.hasExpired())
+            qFatal("FAILED: no progress any more while waiting for %s, at %llu", what, last);
         QThread::msleep(1);
     }
 }
 
+void waitForRecords(const Progress& progress)
+{
+    const auto nothingIsAlive = [] {
+        return lxtest::CountedMessage::alive() == 0 && lxtest::CountedEvent::alive() == 0
+            && lxtest::CountedPayload::alive() == 0;
+    };
+    waitFor("every record and payload to be handled or freed", nothingIsAlive, progress);
+}
+
 int threadCount()
 {
-    return QDir(QStringLiteral("/proc/self/task"))
-        .entryList(QDir::Dirs | QDir::NoDotAndDotDot)
-        .size();
+    return QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
 }
 
 std::size_t allocatedBytes()
@@ -127,22 +108,15 @@ std::size_t allocatedBytes()
     return mallinfo2().uordblks;
 }
 
-bool isCodeMapped(const QString& library)
+bool isMapped(const QString& library)
 {
-    QFile maps(QStringLiteral("/proc/self/maps"));
-    if (!maps.open(QIODevice::ReadOnly))
-        refuse(maps.errorString());
-    for (const QByteArray& line : maps.readAll().split('\n')) {
-        if (line.contains(" r-xp ") && line.endsWith(library.toLocal8Bit()))
-            return true;
-    }
-    return false;
+    return dlopen(library.toLocal8Bit(), RTLD_LAZY | RTLD_NOLOAD) != nullptr;
 }
 
-std::uint64_t mixed(std::uint64_t seed, std::uint64_t stream, std::uint64_t index)
+quint64 mixed(quint64 seed, quint64 stream, quint64 index)
 {
     // the finaliser of SplitMix64
-    std::uint64_t z = seed + 0x9e3779b97f4a7c15u * (index + 1) + 0xd1342543de82ef95u * stream;
+    quint64 z = seed + 0x9e3779b97f4a7c15u * (index + 1) + 0xd1342543de82ef95u * stream;
     z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9u;
     z = (z ^ (z >> 27)) * 0x94d049bb133111ebu;
     return z ^ (z >> 31);

@@ -5,68 +5,60 @@
 #include <QCommandLineParser>
 #include <QString>
 
-#include <cstdint>
 #include <functional>
 #include <thread>
-#include <vector>
 
 namespace lxstress {
 
 // The command line of a stress program: --seed and --idle, and what the program adds. Prints the
-// seed and sets the idle policy; the bus's debug records are switched off, and its warnings too
-// unless the program keeps them. A wrong command line ends the program with a message.
-class Options
+// seed, sets the idle policy, and switches the debug records and warnings of the bus off. A wrong
+// command line ends the program with a message.
+class Options : public QCommandLineParser
 {
 public:
-    Options(const char* purpose, const std::vector<QCommandLineOption>& additional = {});
+    Options(const char* purpose, const QList<QCommandLineOption>& additional = {});
 
-    std::uint64_t seed() const { return m_seed; }
-    bool isSet(const char* name) const;
-    QString text(const char* name) const;
-    std::uint64_t number(const char* name) const;
-
-private:
-    QCommandLineParser m_parser;
-    std::uint64_t m_seed;
+    bool parks() const { return value("idle") == "park"; }
+    quint64 number(const QString& name) const;
 };
 
 // Says what is wrong and counts it; only the first few are printed. Any thread.
-void fail(const QString& what);
+void fail(const char* format, ...) Q_ATTRIBUTE_FORMAT_PRINTF(1, 2);
 
-// The exit code: 0 and `summary` printed if nothing failed.
+// The exit code: 0 and the summary printed if nothing failed.
 int verdict(const QString& summary);
 
-// Returns when `condition` holds. Ends the program with a message if `progress` stands still for
-// the time of a test's deadline before.
-void waitFor(const char* what, const std::function<bool()>& condition,
-             const std::function<std::uint64_t()>& progress);
+// Returns when `condition` holds. Ends the program with a message if `progress` (none: nothing) has
+// stood still for the time of a test's deadline before.
+using Progress = std::function<quint64()>;
+void waitFor(
+    const char* what, const std::function<bool()>& condition,
+    const Progress& progress = [] { return 0; });
+
+// Returns when every counted record and payload has been handled or freed.
+void waitForRecords(const Progress& progress);
 
 // Threads of this process; bytes that it has allocated (0: not known, a sanitizer's allocator).
 int threadCount();
 std::size_t allocatedBytes();
 
-// Whether code of this library is in the process.
-bool isCodeMapped(const QString& library);
+// Whether this library is still in the process.
+bool isMapped(const QString& library);
 
 // A number that depends on nothing but its arguments, evenly distributed.
-std::uint64_t mixed(std::uint64_t seed, std::uint64_t stream, std::uint64_t index);
+quint64 mixed(quint64 seed, quint64 stream, quint64 index);
 
 // A thread that the end of the scope waits for.
-class Joined
+class Joined : public std::thread
 {
 public:
-    explicit Joined(std::function<void()> body)
-        : m_thread(std::move(body))
-    { }
+    using std::thread::thread;
     Joined(Joined&&) = default;
     ~Joined()
     {
-        if (m_thread.joinable())
-            m_thread.join();
+        if (joinable())
+            join();
     }
-
-private:
-    std::thread m_thread;
 };
 
 } // namespace lxstress

@@ -3,59 +3,52 @@
 // booked against a computed expectation: at each receiver each producer's records arrive in order,
 // none is missing, none comes twice, and every record and payload that was made is destroyed.
 #include "Stress.h"
+#include "Traffic.h"
 
 #include <lxbase/MessageCenter.h>
 
 #include <lxdefine/PluginID.h>
-#include <lxtest/Counted.h>
+#include <lxmsg/MessageCommon.h>
 #include <lxtest/Wait.h>
 
 #include <QCoreApplication>
 
-#include <array>
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <vector>
 
 namespace {
 
-using lxstress::fail;
-using lxstress::mixed;
-using lxtest::CountedEvent;
-using lxtest::CountedMessage;
+using namespace lxstress;
 
-constexpr int producerCount = 4;
-constexpr int receiverCount = 6;          // the last is the net plugin
+constexpr int producerCount = 4; // each puts in the name of the receiver of its number
+constexpr int receiverCount = 6;
+constexpr int netPlugin = receiverCount - 1;
 constexpr int queueIndex = receiverCount; // the outside queues book like a receiver
 constexpr int nobody = -1;
-constexpr std::uint64_t inFlightLimit = 50000;
-
-enum Path { Direct, Net, Quotation, Event, PathCount };
+constexpr quint64 inFlightLimit = 50000;
 
 // Entries are put by a producer or, as an echo of one, by the handler of one of these receivers.
 constexpr int echoers[] = {nobody, 0, 3};
-constexpr int echoerCount = 3;
 
 const int flags[receiverCount] = {2 | 4 | 8, 2 | 4 | 8, 2 | 8, 4 | 8, 2, 2 | 8};
 const int flagOfPath[PathCount] = {2, 2, 4, 8};
 
 // Who subscribed to what, in order; twice is twice.
-const std::array<std::vector<int>, 3> messageSubscribers{{{0, 1, 4}, {1, 1, 5, 2}, {3, 0}}};
-const std::array<std::vector<int>, 3> eventSubscribers{{{0, 3}, {2, 2, 1}, {}}};
+const std::vector<int> messageSubscribers[] = {{0, 1, 4}, {1, 1, 5, 2}, {3, 0}};
+const std::vector<int> eventSubscribers[] = {{0, 3}, {2, 2, 1}, {}};
 constexpr int typeCount = 3;
+
 // Relation groups of the common base ID: the colour of each member, for one type of events.
 constexpr int relatedType = 1;
 const int colorOf[receiverCount] = {0, 6, 0, 6, 0, nobody};
 
 QString idOf(int receiver)
 {
-    return receiver == receiverCount - 1 ? PluginID::PLUGINNET_GLOBALID
-                                         : QStringLiteral("ledger#%1").arg(receiver);
-}
-// A producer puts in the name of a receiver, so that the rules about the sender count.
-int senderOf(int producer)
-{
-    return producer;
+    if (receiver == netPlugin)
+        return PluginID::PLUGINNET_GLOBALID;
+    return receiver == nobody ? QString() : QString("ledger#%1").arg(receiver);
 }
 
 // One put of a producer; a function of the seed, the producer and the index alone.
@@ -69,21 +62,17 @@ struct Step
     int echoTarget;
 };
 
-std::uint64_t seed = 0;
+quint64 seed = 0;
 
-Step stepOf(int producer, std::uint64_t index)
+Step stepOf(int producer, quint64 index)
 {
     static constexpr Path paths[8] = {Direct,    Direct,    Direct, Net,
                                       Quotation, Quotation, Event,  Event};
-    const std::uint64_t bits = mixed(seed, std::uint64_t(producer), index);
-    Step step;
-    step.path = paths[bits & 7];
-    step.destination = (bits >> 8 & 1) ? int((bits >> 16 & 0xff) % receiverCount) : nobody;
-    step.type = int((bits >> 24 & 0xff) % typeCount);
-    step.toNet = bits >> 32 & 1;
-    step.echo = (bits >> 40 & 7) == 0;
-    step.echoTarget = int((bits >> 48 & 0xff) % receiverCount);
-    return step;
+    const quint64 bits = mixed(seed, quint64(producer), index);
+    const auto below = [&](int shift, int limit) { return int(bits >> shift & 0xff) % limit; };
+    return {paths[bits & 7],      below(8, 2) ? below(16, receiverCount) : nobody,
+            below(24, typeCount), below(32, 2) == 1,
+            below(40, 8) == 0,    below(48, receiverCount)};
 }
 
 // The expectation: how often `receiver` gets what a producer put in a step.
@@ -95,125 +84,81 @@ int copiesOf(const Step& step, int producer, int receiver)
         return 0;
     if (step.destination != nobody)
         return step.destination == receiver;
-    const bool skipsSender = step.path == Direct || step.path == Event;
-    const int sender = senderOf(producer);
+    const bool fromNet = step.path == Net || step.path == Quotation;
     int copies = 0;
-    if (!skipsSender || receiver != sender) {
-        const auto& subscribers = step.path == Event ? eventSubscribers : messageSubscribers;
-        for (const int subscriber : subscribers[std::size_t(step.type)])
-            copies += subscriber == receiver;
-        if (step.path == Event && step.type == relatedType && colorOf[sender] != nobody
-            && receiver != sender)
-            copies += colorOf[receiver] == colorOf[sender];
+    if (fromNet || receiver != producer) {
+        const auto& subscribers =
+            (step.path == Event ? eventSubscribers : messageSubscribers)[step.type];
+        copies += int(std::count(subscribers.begin(), subscribers.end(), receiver));
+        if (step.path == Event && step.type == relatedType)
+            copies += colorOf[receiver] == colorOf[producer];
     }
-    if (step.path == Direct && step.toNet && receiver == receiverCount - 1)
+    if (step.path == Direct && step.toNet && receiver == netPlugin)
         ++copies;
     return copies;
 }
 
 // How often `receiver` gets what `echoer` puts when it handles a step. It puts on the path on which
 // it received; what came through the net path it sends on directly.
-int echoesOf(const Step& step, int producer, int echoer, int receiver)
-{
-    if (!step.echo)
-        return 0;
-    const int puts = copiesOf(step, producer, echoer);
-    if (receiver == queueIndex)
-        return step.path == Quotation ? puts : 0;
-    return receiver == step.echoTarget && (flags[receiver] & flagOfPath[step.path]) ? puts : 0;
-}
-
 int copiesOf(const Step& step, int producer, int echoer, int receiver)
 {
-    return echoer == nobody ? copiesOf(step, producer, receiver)
-                            : echoesOf(step, producer, echoer, receiver);
+    if (echoer == nobody)
+        return copiesOf(step, producer, receiver);
+    const bool reaches = receiver == queueIndex
+        ? step.path == Quotation
+        : receiver == step.echoTarget && (flags[receiver] & flagOfPath[step.path]);
+    return step.echo && reaches ? copiesOf(step, producer, echoer) : 0;
 }
 
-int allCopiesOf(const Step& step, int producer)
+quint64 allCopiesOf(const Step& step, int producer)
 {
     int copies = 0;
     for (int receiver = 0; receiver <= queueIndex; ++receiver) {
         for (const int echoer : echoers)
             copies += copiesOf(step, producer, echoer, receiver);
     }
-    return copies;
+    return quint64(copies);
 }
 
-std::array<std::uint64_t, producerCount> stepCounts;
-std::atomic<std::uint64_t> due{0};
-std::atomic<std::uint64_t> booked{0};
+quint64 stepCounts[producerCount];
+std::atomic<quint64> due{0};
+std::atomic<quint64> booked{0};
 
 // The payload of every record.
 struct Entry : lxtest::CountedPayload
 {
     int producer = 0;
-    int echoer = 0; // index into echoers
-    std::uint64_t index = 0;
+    int echoer = nobody;
+    quint64 index = 0;
 };
 
-// What one receiver still expects of one producer (or echo of it) on one path. The pages of a path
-// are touched by the one thread that handles it, and read when that has ended.
-class Page
+// What one receiver still expects of one producer (or echo of it) on one path. Touched by the one
+// thread that handles the path there, and read when that has ended.
+struct Page
 {
-public:
-    void open(int receiver, Path path, int producer, int echoer)
-    {
-        m_receiver = receiver;
-        m_path = path;
-        m_producer = producer;
-        m_echoer = echoer;
-    }
+    int receiver, path, producer, echoer;
 
-    void book(std::uint64_t index)
-    {
-        advance();
-        if (index != m_next || m_copies == 0) {
-            fail(QStringLiteral("%1: got %2, expected %3")
-                     .arg(name())
-                     .arg(index)
-                     .arg(m_copies ? QString::number(m_next) : QStringLiteral("nothing")));
-            return;
-        }
-        --m_copies;
-    }
+    quint64 scanned = 0; // steps
+    quint64 next = 0;    // the step of which ...
+    int copies = 0;      // ... so many are still due
 
-    void close()
-    {
-        advance();
-        if (m_copies != 0)
-            fail(QStringLiteral("%1: %2 never came").arg(name()).arg(m_next));
-    }
-
-private:
     // To the next step of which copies are due.
     void advance()
     {
-        while (m_copies == 0 && m_scanned < stepCounts[std::size_t(m_producer)]) {
-            const Step step = stepOf(m_producer, m_scanned);
-            if (step.path == m_path) {
-                m_copies = copiesOf(step, m_producer, m_echoer, m_receiver);
-                m_next = m_scanned;
+        for (; copies == 0 && scanned < stepCounts[producer]; ++scanned) {
+            const Step step = stepOf(producer, scanned);
+            if (step.path == path) {
+                copies = copiesOf(step, producer, echoer, receiver);
+                next = scanned;
             }
-            ++m_scanned;
         }
     }
 
-    QString name() const
+    void report(const char* what, quint64 index) const
     {
-        return QStringLiteral("receiver %1, path %2, producer %3, echoed by %4")
-            .arg(m_receiver)
-            .arg(m_path)
-            .arg(m_producer)
-            .arg(m_echoer);
+        fail("receiver %d, path %d, producer %d, echoed by %d: %s %llu (%llu is due %d times)",
+             receiver, path, producer, echoer, what, index, next, copies);
     }
-
-    int m_receiver = 0;
-    Path m_path = Direct;
-    int m_producer = 0;
-    int m_echoer = nobody;
-    std::uint64_t m_scanned = 0;
-    std::uint64_t m_next = 0;
-    int m_copies = 0;
 };
 
 class Book
@@ -223,9 +168,8 @@ public:
     {
         for (int path = 0; path < PathCount; ++path) {
             for (int producer = 0; producer < producerCount; ++producer) {
-                for (int echoer = 0; echoer < echoerCount; ++echoer)
-                    page(Path(path), producer, echoer)
-                        .open(receiver, Path(path), producer, echoers[echoer]);
+                for (const int echoer : echoers)
+                    m_pages.push_back({receiver, path, producer, echoer});
             }
         }
     }
@@ -235,156 +179,123 @@ public:
     {
         const Step step = stepOf(entry.producer, entry.index);
         if (type.toInt() != step.type)
-            fail(QStringLiteral("a record of type %1 came as %2").arg(step.type).arg(type.toInt()));
-        page(step.path, entry.producer, entry.echoer).book(entry.index);
+            fail("a record of type %d came as %d", step.type, type.toInt());
+        Page& page = *std::find_if(m_pages.begin(), m_pages.end(), [&](const Page& candidate) {
+            return candidate.path == step.path && candidate.producer == entry.producer
+                && candidate.echoer == entry.echoer;
+        });
+        page.advance();
+        if (page.copies > 0 && page.next == entry.index)
+            --page.copies;
+        else
+            page.report("got", entry.index);
         ++booked;
         return step;
     }
 
     void close()
     {
-        for (Page& page : m_pages)
-            page.close();
+        for (Page& page : m_pages) {
+            page.advance();
+            if (page.copies > 0)
+                page.report("never got", page.next);
+        }
     }
 
 private:
-    Page& page(Path path, int producer, int echoer)
-    {
-        return m_pages[std::size_t((path * producerCount + producer) * echoerCount + echoer)];
-    }
-
-    std::array<Page, PathCount * producerCount * echoerCount> m_pages;
+    std::vector<Page> m_pages;
 };
 
-void put(Path path, const QString& srcId, const QString& dstId, int type, bool toNet,
-         const Entry& entry)
-{
-    const QVariant payload = QVariant::fromValue(entry);
-    if (path == Event) {
-        CRegManager::PutEvent(srcId, new CountedEvent(srcId, dstId, type, payload));
-        return;
-    }
-    auto* const message = new CountedMessage(srcId, dstId, type, payload);
-    message->SetSendToNetFlag(toNet);
-    switch (path) {
-    case Net:
-        CRegManager::PutNetMsg(srcId, message);
-        break;
-    case Quotation:
-        CRegManager::PutQuotationMsg(srcId, message);
-        break;
-    default:
-        CRegManager::Put(srcId, message);
-    }
-}
-
-class Receiver final : public IMessageInterface
+class BookingReceiver final : public Receiver
 {
 public:
-    explicit Receiver(int index)
+    explicit BookingReceiver(int index)
         : m_index(index)
-        , m_id(idOf(index))
         , m_book(index)
     {
-        for (int echoer = 1; echoer < echoerCount; ++echoer) {
-            if (echoers[echoer] == index)
-                m_echoer = echoer;
-        }
-        Reg(m_id, this, ThreadType(flags[index]));
+        Reg(idOf(index), this, ThreadType(flags[index]));
     }
 
-    void leave() { UnReg(m_id); }
-    void close() { m_book.close(); }
-
-    void RecvMsg(QString srcId, QVariant type, QVariant data) override { take(srcId, type, data); }
-    void RecvEvent(QString srcId, QVariant type, QVariant data) override
+    void leave()
     {
-        take(srcId, type, data);
-    }
-    void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) override
-    {
-        take(srcId, type, data);
+        UnReg(idOf(m_index));
+        m_book.close();
     }
 
 private:
-    void take(const QString& srcId, const QVariant& type, const QVariant& data)
+    void receive(Path path, const QString& srcId, const QVariant& type,
+                 const QVariant& data) override
     {
-        const auto entry = data.value<Entry>();
+        auto entry = data.value<Entry>();
         const Step step = m_book.book(entry, type);
-        const bool isEcho = echoers[entry.echoer] != nobody;
-        const int sender = isEcho ? echoers[entry.echoer] : senderOf(entry.producer);
+        const bool isEcho = entry.echoer != nobody;
+        const Path echoPath = step.path == Net ? Direct : step.path;
         const bool fromNet = step.path == Quotation || (step.path == Net && !isEcho);
-        if (srcId != (fromNet ? PluginID::PLUGINNET_GLOBALID : idOf(sender)))
-            fail(QStringLiteral("a record of %1 came as from %2").arg(idOf(sender), srcId));
-        if (!m_echoer || isEcho || !step.echo)
+        const QString sender = idOf(fromNet ? netPlugin : isEcho ? entry.echoer : entry.producer);
+        if (path != echoPath || srcId != sender) {
+            fail("a record of path %d of %s came by path %d as from %s", step.path,
+                 qPrintable(sender), path, qPrintable(srcId));
+        }
+        const bool echoes =
+            std::find(std::begin(echoers), std::end(echoers), m_index) != std::end(echoers);
+        if (isEcho || !step.echo || !echoes)
             return;
-        Entry echo = entry;
-        echo.echoer = m_echoer;
-        put(step.path == Net ? Direct : step.path, m_id, idOf(step.echoTarget), step.type, false,
-            echo);
+        entry.echoer = m_index;
+        put(echoPath, idOf(m_index), idOf(step.echoTarget), step.type, QVariant::fromValue(entry));
     }
 
     const int m_index;
-    const QString m_id;
     Book m_book;
-    int m_echoer = 0; // 0: none
 };
 
 void produce(int producer)
 {
-    const QString srcId = idOf(senderOf(producer));
-    for (std::uint64_t index = 0; index < stepCounts[std::size_t(producer)]; ++index) {
-        const Step step = stepOf(producer, index);
+    Entry entry;
+    entry.producer = producer;
+    for (; entry.index < stepCounts[producer]; ++entry.index) {
+        const Step step = stepOf(producer, entry.index);
         while (due - booked > inFlightLimit)
             std::this_thread::yield();
-        due += std::uint64_t(allCopiesOf(step, producer));
-        Entry entry;
-        entry.producer = producer;
-        entry.index = index;
-        put(step.path, srcId, step.destination == nobody ? QString() : idOf(step.destination),
-            step.type, step.toNet, entry);
+        due += allCopiesOf(step, producer);
+        put(step.path, idOf(producer), idOf(step.destination), step.type,
+            QVariant::fromValue(entry), step.toNet);
     }
 }
 
 // A plugin that comes and goes among the others; what it gets is nobody's expectation.
-class PasserBy final : public IMessageInterface
+class PasserBy final : public Receiver
 {
 public:
     void visit()
     {
-        const QString id = QStringLiteral("ledger#passer");
+        const QString id = "ledger#passer";
         const int before = m_received;
-        Reg(id, this, ThreadType(2 | 4 | 8));
-        for (int type = 0; type < typeCount; ++type) {
+        join(id, 0);
+        for (int type = 1; type < typeCount; ++type) {
             Sub(id, type, 1);
             SubEvent(id, type, 1);
         }
-        setRelation(QStringLiteral("ledger"), id, relatedType, RELATION_VIOLET, 1);
+        setRelation("ledger", id, relatedType, RELATION_VIOLET, 1);
         for (int patience = 0; m_received < before + 10 && patience < 1000; ++patience)
             std::this_thread::yield();
-        setRelation(QStringLiteral("ledger"), id, relatedType, RELATION_VIOLET, 2);
+        setRelation("ledger", id, relatedType, RELATION_VIOLET, 2);
         UnReg(id);
         lxtest::runDeferredDeletes();
     }
 
-    void RecvMsg(QString, QVariant, QVariant) override { ++m_received; }
-    void RecvEvent(QString, QVariant, QVariant) override { ++m_received; }
-    void RecvQuotationMsg(QString, QVariant, QVariant) override { ++m_received; }
-
 private:
+    void receive(Path, const QString&, const QVariant&, const QVariant&) override { ++m_received; }
+
     std::atomic<int> m_received{0};
 };
 
-std::uint64_t planSteps(std::uint64_t deliveries)
+quint64 planSteps(quint64 deliveries)
 {
-    std::uint64_t total = 0;
+    quint64 total = 0;
     for (int producer = 0; producer < producerCount; ++producer) {
-        std::uint64_t& steps = stepCounts[std::size_t(producer)];
-        for (std::uint64_t own = 0; own < deliveries / producerCount; ++steps) {
-            const auto copies = std::uint64_t(allCopiesOf(stepOf(producer, steps), producer));
-            own += copies;
-            total += copies;
-        }
+        for (quint64& steps = stepCounts[producer];
+             total * producerCount < deliveries * quint64(producer + 1); ++steps)
+            total += allCopiesOf(stepOf(producer, steps), producer);
     }
     return total;
 }
@@ -392,34 +303,25 @@ std::uint64_t planSteps(std::uint64_t deliveries)
 void subscribeAndRelate()
 {
     for (int type = 0; type < typeCount; ++type) {
-        for (const int receiver : messageSubscribers[std::size_t(type)])
+        for (const int receiver : messageSubscribers[type])
             CRegManager::Sub(idOf(receiver), type, 1);
-        for (const int receiver : eventSubscribers[std::size_t(type)])
+        for (const int receiver : eventSubscribers[type])
             CRegManager::SubEvent(idOf(receiver), type, 1);
     }
     for (int receiver = 0; receiver < receiverCount; ++receiver) {
         if (colorOf[receiver] != nobody) {
-            CRegManager::setRelation(QStringLiteral("ledger"), idOf(receiver), relatedType,
+            CRegManager::setRelation("ledger", idOf(receiver), relatedType,
                                      RelationColor_t(colorOf[receiver]), 1);
         }
     }
 }
 
-void drainQueues(CMessageCenter::MessageQueue& net, CMessageCenter::MessageQueue& quotations,
-                 Book& book, const std::atomic<bool>& stop)
+void drain(CMessageCenter::MessageQueue& queue, Book& book)
 {
     QSharedPointer<CMessageCommon> message;
-    while (!stop) {
-        bool idle = true;
-        for (auto* const queue : {&net, &quotations}) {
-            while (queue->try_pop(message)) {
-                book.book(message->GetMsg().value<Entry>(), message->GetType());
-                message.reset();
-                idle = false;
-            }
-        }
-        if (idle)
-            std::this_thread::yield();
+    while (queue.try_pop(message)) {
+        book.book(message->GetMsg().value<Entry>(), message->GetType());
+        message.reset();
     }
 }
 
@@ -430,13 +332,11 @@ Q_DECLARE_METATYPE(Entry)
 int main(int argc, char** argv)
 {
     const QCoreApplication application(argc, argv);
-    const lxstress::Options options(
-        "Books every delivery of a mixed load against a computed expectation.",
-        {{QStringLiteral("deliveries"), QStringLiteral("How many, in all."),
-          QStringLiteral("number"), QStringLiteral("200000")},
-         {QStringLiteral("long"), QStringLiteral("Ten million deliveries.")}});
-    seed = options.seed();
-    const std::uint64_t planned =
+    const Options options("Books every delivery of a mixed load against a computed expectation.",
+                          {{"deliveries", "How many, in all.", "number", "200000"},
+                           {"long", "Ten million deliveries."}});
+    seed = options.number("seed");
+    const quint64 planned =
         planSteps(options.isSet("long") ? 10000000 : options.number("deliveries"));
 
     CMessageCenter::MessageQueue netQueue;
@@ -447,53 +347,45 @@ int main(int argc, char** argv)
     center->regQuotationQueue(&quotationQueue);
     center->Start();
 
-    std::vector<std::unique_ptr<Receiver>> receivers;
+    std::vector<std::unique_ptr<BookingReceiver>> receivers;
     for (int receiver = 0; receiver < receiverCount; ++receiver)
-        receivers.push_back(std::make_unique<Receiver>(receiver));
+        receivers.push_back(std::make_unique<BookingReceiver>(receiver));
     subscribeAndRelate();
 
     std::atomic<bool> producersDone{false};
     std::atomic<bool> allBooked{false};
     int visits = 0;
     {
-        const lxstress::Joined drainer(
-            [&] { drainQueues(netQueue, quotationQueue, queueBook, allBooked); });
-        const lxstress::Joined passer([&] {
+        const Joined drainer([&] {
+            for (; !allBooked; std::this_thread::yield()) {
+                drain(netQueue, queueBook);
+                drain(quotationQueue, queueBook);
+            }
+        });
+        const Joined passer([&] {
             for (PasserBy plugin; !producersDone; ++visits)
                 plugin.visit();
         });
         {
-            std::vector<lxstress::Joined> producers;
+            std::vector<Joined> producers;
             for (int producer = 0; producer < producerCount; ++producer)
-                producers.emplace_back([producer] { produce(producer); });
+                producers.emplace_back(produce, producer);
         }
         producersDone = true;
-        lxstress::waitFor(
-            "every record and payload to be handled and destroyed",
-            [] {
-                return CountedMessage::alive() == 0 && CountedEvent::alive() == 0
-                    && lxtest::CountedPayload::alive() == 0;
-            },
-            [] { return booked.load(); });
+        waitForRecords([] { return booked.load(); });
         allBooked = true;
     }
-    for (const auto& receiver : receivers)
-        receiver->leave();
     center->regNetMsgQueue(nullptr);
     center->regQuotationQueue(nullptr);
-
     for (const auto& receiver : receivers)
-        receiver->close();
+        receiver->leave();
     queueBook.close();
-    if (due != planned || booked != planned)
-        fail(QStringLiteral("%1 deliveries planned, %2 due, %3 booked")
-                 .arg(planned)
-                 .arg(due.load())
-                 .arg(booked.load()));
-    return lxstress::verdict(QStringLiteral("%1 deliveries of %2 messages and %3 events, as "
-                                            "expected; a further plugin came and went %4 times")
-                                 .arg(booked.load())
-                                 .arg(CountedMessage::made())
-                                 .arg(CountedEvent::made())
-                                 .arg(visits));
+    if (booked != planned)
+        fail("%llu deliveries planned, %llu booked", planned, booked.load());
+    return verdict(QString("%1 deliveries of %2 messages and %3 events, as expected; a further "
+                           "plugin came and went %4 times")
+                       .arg(booked.load())
+                       .arg(lxtest::CountedMessage::made())
+                       .arg(lxtest::CountedEvent::made())
+                       .arg(visits));
 }

@@ -4,7 +4,6 @@
 #include <QMutex>
 #include <QSemaphore>
 #include <QThread>
-#include <QTimer>
 
 #include <cstdio>
 #include <cstring>
@@ -17,21 +16,18 @@ int counter = 0;
 QMutex mutex;
 QMutex otherMutex;
 
-using ThreadPtr = std::unique_ptr<QThread>;
-
-ThreadPtr startThread(std::function<void()> body)
+std::unique_ptr<QThread> startThread(std::function<void()> body)
 {
-    ThreadPtr thread(QThread::create(std::move(body)));
+    std::unique_ptr<QThread> thread(QThread::create(std::move(body)));
     thread->start();
     return thread;
 }
 
 void bothAtOnce(void (*body)())
 {
-    const ThreadPtr a = startThread(body);
-    const ThreadPtr b = startThread(body);
-    a->wait();
-    b->wait();
+    const auto other = startThread(body);
+    startThread(body)->wait();
+    other->wait();
 }
 
 void race()
@@ -39,16 +35,16 @@ void race()
     bothAtOnce([] { ++counter; });
 }
 
+void lockBoth(QMutex& first, QMutex& second)
+{
+    const QMutexLocker firstLocker(&first);
+    const QMutexLocker secondLocker(&second);
+}
+
 void inversion()
 {
-    startThread([] {
-        const QMutexLocker first(&mutex);
-        const QMutexLocker second(&otherMutex);
-    })->wait();
-    startThread([] {
-        const QMutexLocker first(&otherMutex);
-        const QMutexLocker second(&mutex);
-    })->wait();
+    startThread([] { lockBoth(mutex, otherMutex); })->wait();
+    startThread([] { lockBoth(otherMutex, mutex); })->wait();
 }
 
 void lock()
@@ -78,7 +74,7 @@ void waitForThread()
 void semaphore()
 {
     QSemaphore done;
-    const ThreadPtr thread = startThread([&] {
+    const auto thread = startThread([&] {
         ++counter;
         done.release();
     });
@@ -89,7 +85,7 @@ void semaphore()
 
 void queuedCall()
 {
-    const ThreadPtr thread = startThread([] {
+    const auto thread = startThread([] {
         ++counter;
         QMetaObject::invokeMethod(qApp, [] {
             ++counter;
@@ -126,9 +122,6 @@ int main(int argc, char** argv)
             return 0;
         }
     }
-    std::fputs("usage: tsan_probe MANNER, one of:", stderr);
-    for (const auto& manner : manners)
-        std::fprintf(stderr, " %s", manner.name);
-    std::fputs("\n", stderr);
+    std::fputs("usage: tsan_probe MANNER\n", stderr);
     return 2;
 }
