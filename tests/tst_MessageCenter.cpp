@@ -27,6 +27,26 @@ void addKinds()
     QTest::newRow("event") << E;
 }
 
+// A table with maps of its own.
+struct Subscriptions
+{
+    ~Subscriptions() { table.clear(); }
+
+    QStringList to(const QVariant& type) const
+    {
+        QStringList ids;
+        table.forEachSubscriber(type, [&](const QString& id) { ids << id; });
+        return ids;
+    }
+
+    CSubscriptionTable::IdsByType idsByType;
+    CSubscriptionTable::IdsByInt idsByInt;
+    CSubscriptionTable::TypesById typesById;
+    QMutex idsMutex;
+    QMutex typesMutex;
+    CSubscriptionTable table{idsByType, idsByInt, idsMutex, typesById, typesMutex};
+};
+
 // A look into the center's registry, past its access control (which explicit instantiation does
 // not apply): the trace ID of an item is shown to nobody else.
 template<auto Member>
@@ -389,22 +409,27 @@ private slots:
         QCOMPARE(plugin.payloads(E), expected);
     }
 
+    void wordsThatDifferAreTypesThatDiffer()
+    {
+        Subscriptions subscriptions;
+        subscriptions.table.change("a", "login", 1);
+        subscriptions.table.change("b", "logout", 1);
+        for (int i = 0; i < 2; ++i) {
+            QCOMPARE(subscriptions.to("login"), QStringList("a"));
+            QCOMPARE(subscriptions.to("logout"), QStringList("b"));
+        }
+    }
+
     // Else a plugin that subscribes and unsubscribes all day would fill the memory.
     void anEndedSubscriptionIsForgottenOnBothSides()
     {
-        CSubscriptionTable::IdsByType idsByType;
-        CSubscriptionTable::IdsByInt idsByInt;
-        CSubscriptionTable::TypesById typesById;
-        QMutex idsMutex;
-        QMutex typesMutex;
-        CSubscriptionTable table(idsByType, idsByInt, idsMutex, typesById, typesMutex);
-        table.change("id", 1, 1);
-        table.change("id", 1, 2);
-        QVERIFY(idsByType.value(1)->isEmpty());
-        QVERIFY(typesById.value("id")->isEmpty());
-        table.removeAll("id");
-        QVERIFY(typesById.isEmpty());
-        table.clear();
+        Subscriptions subscriptions;
+        subscriptions.table.change("id", 1, 1);
+        subscriptions.table.change("id", 1, 2);
+        QCOMPARE(subscriptions.to(1), QStringList());
+        QVERIFY(subscriptions.typesById.value("id")->isEmpty());
+        subscriptions.table.removeAll("id");
+        QVERIFY(subscriptions.typesById.isEmpty());
     }
 
     void everyReceiverGetsWhatOneSenderPutsInOrder()

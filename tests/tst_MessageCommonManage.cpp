@@ -223,7 +223,7 @@ private slots:
         QCOMPARE(m_log->lines(), QStringList());
     }
 
-    void noRecordIsHeldByTwoAtOnce()
+    void noRecordIsHeldByTwoAtOnceOrLost()
     {
         constexpr int Threads = 8;
         constexpr int Rounds = 200000 / Threads;
@@ -251,6 +251,10 @@ private slots:
         for (std::thread& thread : threads)
             thread.join();
         QCOMPARE(collisions.load(), 0);
+        int free = 0;
+        while (pool().getMessageCommon())
+            ++free;
+        QCOMPARE(free, BatchSize);
     }
 };
 
