@@ -7,6 +7,7 @@
 #include <QDataStream>
 
 #include <algorithm>
+#include <chrono>
 #include <utility>
 
 namespace bench {
@@ -34,7 +35,8 @@ bool Pace::sleepsNext()
         m_emptyLooks = 0;
         return true;
     }
-    for (std::size_t k = 0; k < m_yields; ++k)
+    const auto end = std::chrono::steady_clock::now() + std::chrono::microseconds(500);
+    for (std::size_t k = 0; k < m_yields && std::chrono::steady_clock::now() < end; ++k)
         std::this_thread::yield();
     return false;
 }

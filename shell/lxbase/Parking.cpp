@@ -5,6 +5,8 @@
 #include <algorithm>
 #include <utility>
 
+using Clock = std::chrono::steady_clock;
+
 // No wake-up is lost: both the decision to wait and every claim are made under the mutex, and the
 // stop flag is set before the claim that follows it.
 //
@@ -22,7 +24,8 @@ void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop, ListP
     pace.yields = found >= pace.yields ? std::min(2 * pace.yields, CParking::MostYields) : 1;
     if (pace.emptyLooks < CParking::LooksBeforeWait) {
         mutex.unlock();
-        for (int k = 0; k < pace.yields; ++k)
+        const auto end = Clock::now() + CParking::LongestWay;
+        for (int k = 0; k < pace.yields && Clock::now() < end; ++k)
             QThread::yieldCurrentThread();
     } else {
         const bool waits = !stop;

@@ -8,6 +8,7 @@
 #include <QVector>
 
 #include <atomic>
+#include <chrono>
 #include <utility>
 
 // What the thread that drains a list remembers of how busy it is.
@@ -43,6 +44,10 @@ private:
     // In a burst it gives way for longer at a time, up to this often. Each look takes the mutex,
     // and one that the producer waits for costs as much as a hundred messages.
     static constexpr int MostYields = 64;
+
+    // But not beyond this time: where other threads want the processor, giving way once can take a
+    // slice of it, some milliseconds.
+    static constexpr std::chrono::microseconds LongestWay{500};
 
     // With the list's mutex held: whether the thread waits. Whoever learns so wakes it, once, after
     // the mutex has been released.
