@@ -227,9 +227,9 @@ private slots:
 
     void noRecordIsHeldByTwoAtOnceOrLost()
     {
-        constexpr int Threads = 8;
-        constexpr int Rounds = 5000;
-        constexpr int Held = 8; // records that each thread holds at a time
+        constexpr int Threads = 4;
+        constexpr int Rounds = 20000; // enough for the threads to meet
+        constexpr int Held = 8;       // records that each thread holds at a time
         std::vector<std::atomic<bool>> taken(2 * BatchSize);
         std::atomic<int> collisions{0};
         const auto draw = [&] {
