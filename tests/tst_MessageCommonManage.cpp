@@ -4,8 +4,10 @@
 
 #include <lxbase/MessageCommonManage.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdlib>
+#include <iterator>
 #include <limits>
 #include <new>
 #include <thread>
@@ -225,36 +227,37 @@ private slots:
 
     void noRecordIsHeldByTwoAtOnceOrLost()
     {
-        constexpr int Threads = 8;
-        constexpr int Rounds = 200000 / Threads;
-        constexpr int Held = 3; // records that each thread holds at a time
+        constexpr int Threads = 4;
+        constexpr int Rounds = 20000; // enough for the threads to meet
+        constexpr int Held = 8;       // records that each thread holds at a time
         std::vector<std::atomic<bool>> taken(2 * BatchSize);
         std::atomic<int> collisions{0};
+        const auto draw = [&] {
+            CMessageCommon* const record = pool().getMessageCommon();
+            if (record)
+                collisions += taken[record->GetIndex()].exchange(true);
+            return record;
+        };
         std::vector<std::thread> threads;
         for (int t = 0; t < Threads; ++t) {
             threads.emplace_back([&] {
-                std::vector<CMessageCommon*> held;
-                for (int i = 0; i < Rounds + Held; ++i) {
-                    CMessageCommon* const record = i < Rounds ? pool().getMessageCommon() : nullptr;
-                    if (record) {
-                        collisions += taken[record->GetIndex()].exchange(true);
-                        held.push_back(record);
-                    }
-                    if (!held.empty() && (held.size() > Held || !record)) {
-                        taken[held.front()->GetIndex()] = false;
-                        pool().freeMessageCommon(held.front());
-                        held.erase(held.begin());
+                for (int round = 0; round < Rounds; ++round) {
+                    CMessageCommon* held[Held];
+                    std::generate(std::begin(held), std::end(held), draw);
+                    for (CMessageCommon* record : held) {
+                        taken[record->GetIndex()] = false;
+                        pool().freeMessageCommon(record);
                     }
                 }
             });
         }
         for (std::thread& thread : threads)
             thread.join();
-        QCOMPARE(collisions.load(), 0);
         int free = 0;
-        while (pool().getMessageCommon())
+        while (draw())
             ++free;
         QCOMPARE(free, BatchSize);
+        QCOMPARE(collisions.load(), 0);
     }
 };
 
