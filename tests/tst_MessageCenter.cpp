@@ -8,6 +8,7 @@
 
 #include <atomic>
 #include <thread>
+#include <tuple>
 
 using namespace lxtest;
 
@@ -47,15 +48,15 @@ struct Subscriptions
     CSubscriptionTable table{idsByType, idsByInt, idsMutex, typesById, typesMutex};
 };
 
-// A look into the center's registry, past its access control (which explicit instantiation does
-// not apply): the trace ID of an item is shown to nobody else.
-template<auto Member>
-struct RegistryOf
+// A look at members of the center, past its access control (which explicit instantiation does not
+// apply): the lock of the registry, and an item's trace ID, are shown to nobody else.
+template<auto... Members>
+struct LookAt
 {
-    friend auto& registryOf(CMessageCenter& center) { return center.*Member; }
+    friend auto registry(CMessageCenter& center) { return std::tie(center.*Members...); }
 };
-auto& registryOf(CMessageCenter& center);
-template struct RegistryOf<&CMessageCenter::m_msg_reg_hash>;
+auto registry(CMessageCenter& center);
+template struct LookAt<&CMessageCenter::m_msg_reg_hash, &CMessageCenter::m_msg_reg_mutex>;
 
 } // namespace
 
@@ -211,6 +212,26 @@ private slots:
         QVERIFY(!unregisteredTooEarly);
         QCOMPARE(plugin.count(), 1);          // the handler has ended
         QCOMPARE(CountedPayload::alive(), 1); // the recorded one
+    }
+
+    // Else UnReg could release the inbox between the look-up and the append.
+    void aPutHoldsTheRegistryUntilItsItemIsInTheInbox()
+    {
+        Plugin plugin(M);
+        const auto [records, registryMutex] = registry(center());
+        QMutex* const inboxMutex = records.value(plugin.id())->msg_mutex;
+        inboxMutex->lock();
+        std::thread producer([&] { deliverTo(plugin.id(), M, 1); });
+        const bool held = waitUntil([mutex = &registryMutex] {
+            const bool isFree = mutex->tryLock();
+            if (isFree)
+                mutex->unlock();
+            return !isFree;
+        });
+        inboxMutex->unlock();
+        producer.join();
+        QVERIFY(held);
+        QVERIFY(plugin.waitForCalls(1));
     }
 
     void noHandlerIsEnteredAfterUnRegHasReturned()
@@ -506,7 +527,7 @@ private slots:
                 traces << item->src_id + ':' + item->trace_id;
             return traces;
         };
-        const MsgRegInfo* const record = registryOf(center()).value(plugin.id());
+        const MsgRegInfo* const record = std::get<0>(registry(center())).value(plugin.id());
         const QStringList messages = tracesIn(*record->msg_list);
         const QStringList quotations = tracesIn(*record->quotation_list);
         goOn.signal();
