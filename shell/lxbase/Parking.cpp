@@ -19,7 +19,7 @@ void idle(QMutex& mutex, CParking* parking, const std::atomic<bool>& stop, ListP
         QThread::usleep(1);
         return;
     }
-    const int found = std::exchange(pace.found, 0);
+    const qint64 found = std::exchange(pace.found, 0);
     pace.emptyLooks = found > 0 ? 0 : pace.emptyLooks + 1;
     pace.yields = found >= pace.yields ? std::min(2 * pace.yields, CParking::MostYields) : 1;
     if (pace.emptyLooks < CParking::LooksBeforeWait) {

@@ -14,7 +14,7 @@
 // What the thread that drains a list remembers of how busy it is.
 struct ListPace
 {
-    int found = 0; // elements that it has taken since its last empty look; counted by its loop
+    qint64 found = 0; // elements that it has taken since its last empty look; counted by its loop
 
     // kept by idle()
     int emptyLooks = 0; // in a row
