@@ -37,8 +37,9 @@ tsan: deps ## every test under ThreadSanitizer
 	cmake --build --preset tsan
 	ctest --preset tsan
 
-soak: build ## ten million deliveries, checked one by one
-	build/release/tests/stress/stress_ledger --long
+soak: build ## ten million deliveries under each idle policy, checked one by one
+	build/release/tests/stress/stress_ledger --long --idle poll
+	build/release/tests/stress/stress_ledger --long --idle park
 
 fuzz: deps ## feed the quote reader with what a fuzzer thinks of, for a minute
 	@$(INSTALL) clang-14 libclang-rt-14-dev
