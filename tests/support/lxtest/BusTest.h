@@ -14,6 +14,8 @@
 
 #include <optional>
 
+Q_DECLARE_METATYPE(lxtest::Kind)
+
 namespace lxtest {
 
 // Captures the log during each test, and demands after it that every record and every payload has
@@ -37,8 +39,15 @@ private slots:
     }
 };
 
-} // namespace lxtest
+// For the data of a test: its column "kind", with a row for each.
+inline void addKinds()
+{
+    QTest::addColumn<Kind>("kind");
+    QTest::newRow("message") << M;
+    QTest::newRow("quotation") << Q;
+    QTest::newRow("event") << E;
+}
 
-Q_DECLARE_METATYPE(lxtest::Kind)
+} // namespace lxtest
 
 #endif

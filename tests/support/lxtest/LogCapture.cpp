@@ -1,6 +1,7 @@
 #include <lxtest/LogCapture.h>
 
 #include <QMutex>
+#include <QThread>
 
 #include <cstring>
 
@@ -67,7 +68,8 @@ void LogCapture::take(QtMsgType level, const QMessageLogContext& context, const 
     if (current && context.category && std::strcmp(context.category, "lxbase") == 0) {
         current->m_records.append({QLatin1String(nameOf(level)) + QLatin1String(": ") + text,
                                    QString::fromLocal8Bit(context.file), context.line,
-                                   QString::fromLatin1(context.function)});
+                                   QString::fromLatin1(context.function),
+                                   QThread::currentThread()->objectName()});
         return;
     }
     const QtMessageHandler next = nextHandler;

@@ -17,6 +17,7 @@ struct LogRecord
     QString file;
     int line;
     QString function;
+    QString thread; // object name of the thread that wrote it
 };
 
 // Takes the records of the category "lxbase" for as long as it lives, from every thread; the others
