@@ -210,15 +210,17 @@ private slots:
     // The plugins are "a", "b" and the net plugin "n"; "u" subscribes without being registered, "q"
     // is registered for quotations only, "x" is nobody. Messages and events alike, save that the
     // flag is a matter of messages.
-    void aBroadcastReachesTheSubscribersButNotItsSender_data()
+    void aPutReachesItsDestinationOrTheSubscribersButNotItsSender_data()
     {
         QTest::addColumn<QString>("subscribers"); // in order; "-x" ends one, "?x" and "!x" nothing
         QTest::addColumn<QString>("sender");
         QTest::addColumn<bool>("sendToNet");
         QTest::addColumn<QVector<int>>("received"); // by a, b, n
+        QTest::addColumn<QString>("destination");
         const auto row = [](const char* name, const char* subscribers, const char* sender,
-                            bool sendToNet, const QVector<int>& received) {
-            QTest::newRow(name) << subscribers << sender << sendToNet << received;
+                            bool sendToNet, const QVector<int>& received,
+                            const char* destination = "") {
+            QTest::newRow(name) << subscribers << sender << sendToNet << received << destination;
         };
         row("the sender too", "a b", "a", false, {0, 1, 0});
         row("a stranger sends", "a b", "x", false, {1, 1, 0});
@@ -230,13 +232,16 @@ private slots:
         row("net beside", "b", "a", true, {0, 1, 1});
         row("net subscribed too", "n", "a", true, {0, 0, 2});
         row("net sends", "a n", "n", true, {1, 0, 1});
+        row("directed", "a b n", "a", true, {0, 1, 0}, "b");
+        row("directed to oneself", "a b", "a", false, {1, 0, 0}, "a");
     }
-    void aBroadcastReachesTheSubscribersButNotItsSender()
+    void aPutReachesItsDestinationOrTheSubscribersButNotItsSender()
     {
         QFETCH(QString, subscribers);
         QFETCH(QString, sender);
         QFETCH(bool, sendToNet);
         QFETCH(QVector<int>, received);
+        QFETCH(QString, destination);
         const int type = uniqueType();
         Plugin a(M | E);
         Plugin b(M | E);
@@ -250,16 +255,18 @@ private slots:
             center().Sub(ids.value(who.right(1)), type, opers.value(who[0], 1));
             center().SubEvent(ids.value(who.right(1)), type, opers.value(who[0], 1));
         }
-        CountedMessage* const msg = message({}, type, "payload");
+        const QString dst = ids.value(destination);
+        CountedMessage* const msg = message(dst, type, "payload");
         if (sendToNet)
             msg->SetSendToNetFlag(true);
         center().Put(ids.value(sender), msg);
-        center().PutEvent(ids.value(sender), makeEvent({}, type, "payload", b.id()));
+        center().PutEvent(ids.value(sender), makeEvent(dst, type, "payload", b.id()));
         for (Plugin* plugin : {&a, &b, &net, &quotationsOnly}) {
             QVERIFY(plugin->settle());
             const int expected = plugin == &quotationsOnly ? 0 : received.takeFirst();
             QCOMPARE(plugin->payloads(M), QVector<QVariant>(expected, "payload").toList());
-            QCOMPARE(plugin->calls(E).size(), expected - (plugin == &net && sendToNet));
+            const bool byFlag = plugin == &net && sendToNet && dst.isEmpty();
+            QCOMPARE(plugin->calls(E).size(), expected - byFlag);
             QCOMPARE(plugin->calls(Q).size(), 0);
             for (const Call& call : plugin->calls())
                 QCOMPARE(call.srcId, ids.value(sender)); // not what the record names

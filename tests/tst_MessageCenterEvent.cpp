@@ -69,6 +69,7 @@ private slots:
         for (const QString& id : subscribers.split(' ', Qt::SkipEmptyParts))
             center().SubEvent(id, type, 1);
         center().PutEvent(sender, makeEvent({}, uniqueType(), "of another type"));
+        center().PutEvent(sender, makeEvent("U", type, "directed"));
         center().PutEvent(sender, makeEvent({}, type, "payload", "B")); // puts it, not "B"
 
         QStringList received;

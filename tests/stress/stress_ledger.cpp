@@ -254,7 +254,7 @@ void produce(int producer)
     entry.producer = producer;
     for (; entry.index < stepCounts[producer]; ++entry.index) {
         const Step step = stepOf(producer, entry.index);
-        while (due - booked > inFlightLimit)
+        while (due > booked + inFlightLimit) // more may be booked than is due, if the bus is wrong
             std::this_thread::yield();
         due += allCopiesOf(step, producer);
         put(step.path, idOf(producer), idOf(step.destination), step.type,
