@@ -144,12 +144,13 @@ private slots:
         const auto deliver = [&](int count) {
             while (count--)
                 deliverTo(plugin.id(), kind, QVariant::fromValue(CountedPayload()));
-            entered.wait();
         };
         deliver(1);
+        entered.wait();
+        deliver(3);
         goOn.signal();
-        deliver(3); // a batch, the first of which is being handled
-        deliverTo(plugin.id(), kind, QVariant::fromValue(CountedPayload()));
+        entered.wait(); // for the first of the three: the others are in its batch
+        deliver(1);
         std::thread unregisterer([&] {
             plugin.leave();
             unregistered = true;

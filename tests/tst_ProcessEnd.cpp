@@ -5,6 +5,7 @@
 
 #include <atomic>
 #include <cstdio>
+#include <thread>
 
 using namespace lxtest;
 
@@ -131,6 +132,21 @@ const ChildScenario putUntilTurnedAway("putUntilTurnedAway", [] {
     return 0;
 });
 
+// A call is inside the center when its end comes: the end waits for it.
+const ChildScenario callInProgress("callInProgress", [] {
+    isChild = true;
+    static Latch entered;
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {
+        ++handlersRunning;
+        entered.signal();
+        QThread::msleep(50); // room for an end that does not wait
+        --handlersRunning;
+    });
+    std::thread([] { center().UnReg("nobody"); }).detach();
+    entered.wait();
+    return 0;
+});
+
 } // namespace
 
 class ProcessEndTest : public QObject
@@ -146,6 +162,8 @@ private slots:
         QTest::newRow("lists full, plugins registered")
             << QByteArray("endWithTraffic")
             << QStringList{stopped + "(\"stays1\", \"stays2\")", balanced};
+        QTest::newRow("a call in progress")
+            << QByteArray("callInProgress") << QStringList{balanced};
         QTest::newRow("a put that comes too late")
             << QByteArray("putUntilTurnedAway")
             << QStringList{"warning lxbase: net recv list is NULL,maybe no init netmodule",
