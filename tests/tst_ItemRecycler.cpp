@@ -58,7 +58,7 @@ private slots:
         std::vector<std::thread> threads;
         for (int id = 0; id < 4; ++id) {
             threads.emplace_back([&, id] {
-                for (int round = 0; round < 50000; ++round) {
+                for (int round = 0; round < 10000; ++round) {
                     // more than a thread keeps to itself
                     const std::vector<void*> blocks = takeBlocks(4 * CItemRecycler::ChainLength);
                     for (void* block : blocks)
