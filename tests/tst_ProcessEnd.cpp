@@ -124,6 +124,20 @@ const ChildScenario callAfterTheEnd("callAfterTheEnd", [] {
     return 0;
 });
 
+// The workers of `second` belong to a worker of the first, which the center deletes before them.
+const ChildScenario registeredByAHandler("registeredByAHandler", [] {
+    ledger.armed = true;
+    plugins[0] = makePluginThatStays("first");
+    static Latch registered;
+    plugins[0]->onCall([](const Call&) {
+        plugins[1] = makePluginThatStays("second");
+        registered.signal();
+    });
+    center().Put("", toNet("first"));
+    registered.wait();
+    return 0;
+});
+
 // A handler goes on putting until it is told that the path is gone: the center waits for it.
 std::atomic<bool> turnedAway{false};
 QtMessageHandler nextHandler = nullptr;
@@ -200,6 +214,8 @@ private slots:
         row("lists full, plugins registered", "endWithTraffic",
             {stopped + "(\"staysA\", \"staysB\")", balanced});
         row("everybody has left", "endQuietly", {balanced});
+        row("a plugin registered by a handler", "registeredByAHandler",
+            {stopped + "(\"first\", \"second\")", balanced});
         row("calls after the end", "callAfterTheEnd", {balanced});
         row("a put that comes too late", "putUntilTurnedAway",
             {"warning lxbase: net recv list is NULL,maybe no init netmodule",

@@ -344,12 +344,16 @@ void CMessageCenter::retire(std::initializer_list<CInboxWorkerBase*> workers)
     }
 }
 
-// A worker whose registering thread may still run an event loop is left to that loop.
+// A worker whose registering thread may still run an event loop is left to that loop. The thread is
+// null if its QThread object has been deleted, such as that of a worker whose handler registered
+// this one.
 void CMessageCenter::deleteRetired()
 {
     for (const QPointer<QObject>& worker : qAsConst(m_retired)) {
-        if (worker
-            && (worker->thread() == QThread::currentThread() || worker->thread()->isFinished()))
+        if (!worker)
+            continue;
+        const QThread* const thread = worker->thread();
+        if (!thread || thread == QThread::currentThread() || thread->isFinished())
             delete worker;
     }
 }
