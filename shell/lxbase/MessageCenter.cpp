@@ -337,6 +337,7 @@ void CMessageCenter::retire(std::initializer_list<CInboxWorkerBase*> workers)
             continue;
         worker->quit();
         worker->wait(QDeadlineTimer(QDeadlineTimer::Forever));
+        worker->freeInbox();
         const QMutexLocker locker(&m_retired_mutex);
         m_retired.erase(std::remove(m_retired.begin(), m_retired.end(), nullptr), m_retired.end());
         m_retired.append(worker);
