@@ -79,7 +79,7 @@ public:
     // What a thread of the bus does while it has nothing to do. Ours.
     enum class IdlePolicy {
         Poll, // look again after the shortest sleep that the thread offers
-        Park, // wait until a put or a stop wakes it
+        Park, // after some looks in a row that found nothing, wait until a put or a stop wakes it
     };
 
     // The one center. Inline, and exported for itself, so that a plugin that compiled it finds the
