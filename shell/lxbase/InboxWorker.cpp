@@ -52,7 +52,7 @@ void CInboxWorkerBase::setStop(bool stop)
 template<class Item>
 CInboxWorker<Item>::~CInboxWorker()
 {
-    freeInbox();
+    CInboxWorker::freeInbox();
     delete m_list;
 }
 
