@@ -40,7 +40,7 @@ public:
     void setInterface(IMessageInterface* pInterface);
 
     // The mutex of the inbox; owned by the worker from here on. Null changes nothing; without a
-    // mutex the loop never looks at the inbox and only waits for the stop flag. Called before
+    // mutex the loop never looks at the inbox and spins until the stop flag is set. Called before
     // start.
     void setMutex(QMutex* mutex);
 
