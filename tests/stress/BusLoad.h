@@ -7,6 +7,7 @@
 
 #include <lxbase/MessageCenter.h>
 
+#include <QLoggingCategory>
 #include <QThread>
 
 #include <atomic>
@@ -47,25 +48,30 @@ private:
     std::atomic<bool> m_has_received{false};
 };
 
+constexpr int slowPluginCount = 5;
 using SlowPlugins = std::vector<std::unique_ptr<SlowPlugin>>;
+
+inline QString slowId(int number)
+{
+    return QString("slow%1").arg(number);
+}
 
 inline void putOnEveryPath(int count)
 {
     for (int i = 0; i < count * PathCount; ++i)
-        put(Path(i % PathCount), "load.producer", QString(), 1, i);
+        put(Path(i % PathCount), "producer", QString(), 1, i);
 }
 
 // Returns when the producers have just stopped: plugins registered and in the middle of receiving,
 // inboxes and lists full.
-inline SlowPlugins loadBus(bool park)
+inline SlowPlugins loadBus(CMessageCenter::IdlePolicy policy)
 {
-    CMessageCenter* const center = CMessageCenter::GetInstance();
-    center->setIdlePolicy(park ? CMessageCenter::IdlePolicy::Park
-                               : CMessageCenter::IdlePolicy::Poll);
-    center->Start();
+    QLoggingCategory::setFilterRules("lxbase.debug=false");
+    CMessageCenter::GetInstance()->setIdlePolicy(policy);
+    CMessageCenter::GetInstance()->Start();
     SlowPlugins plugins;
-    for (int i = 0; i < 5; ++i)
-        plugins.push_back(std::make_unique<SlowPlugin>(QString("load.slow%1").arg(i)));
+    for (int i = 0; i < slowPluginCount; ++i)
+        plugins.push_back(std::make_unique<SlowPlugin>(slowId(i)));
     std::vector<std::thread> producers;
     for (int i = 0; i < 3; ++i)
         producers.emplace_back([] { putOnEveryPath(5000); });
@@ -80,7 +86,7 @@ inline SlowPlugins loadBus(bool park)
 
 // What the library offers: loads the bus in it. The plugins remain the caller's, as an opaque
 // pointer: that bus uses them until it has been unloaded.
-using LoadTheBus = void* (*)(bool park);
+using LoadTheBus = void* (*)(CMessageCenter::IdlePolicy policy);
 
 } // namespace lxstress
 

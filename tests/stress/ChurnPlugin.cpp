@@ -31,15 +31,12 @@ private:
     {
         if (m_left)
             qFatal("a handler was entered after UnReg had returned");
-        switch (path) {
-        case lxstress::Event:
-            ++(type == churnRelatedType ? relatedEvents : events);
-            break;
-        case lxstress::Quotation:
-            ++quotations;
-            break;
-        default:
-            ++messages;
+        if (path == lxstress::Quotation) {
+            received |= Quotations;
+        } else if (path == lxstress::Event) {
+            received |= type == churnRelatedType ? RelatedEvents : Events;
+        } else {
+            received |= Messages;
             put(path, m_source, m_home, type, data);
         }
     }

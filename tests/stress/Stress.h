@@ -1,65 +1,60 @@
-// What the stress programs share: their options, their verdict, and looks at the own process.
+// What the stress programs share: waiting while there is progress, and looks at the own process.
 #ifndef LXSTRESS_STRESS_H
 #define LXSTRESS_STRESS_H
 
-#include <QCommandLineParser>
-#include <QString>
+#include <lxtest/Counted.h>
+#include <lxtest/Wait.h>
+
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QThread>
 
 #include <functional>
-#include <thread>
+
+#include <dlfcn.h>
 
 namespace lxstress {
 
-// The command line of a stress program: --seed and --idle, and what the program adds. Prints the
-// seed, sets the idle policy, and switches the debug records and warnings of the bus off. A wrong
-// command line ends the program with a message.
-class Options : public QCommandLineParser
-{
-public:
-    Options(const char* purpose, const QList<QCommandLineOption>& additional = {});
-
-    bool parks() const { return value("idle") == "park"; }
-    quint64 number(const QString& name) const;
-};
-
-// Says what is wrong and counts it; only the first few are printed. Any thread.
-void fail(const char* format, ...) Q_ATTRIBUTE_FORMAT_PRINTF(1, 2);
-
-// The exit code: 0 and the summary printed if nothing failed.
-int verdict(const QString& summary);
-
 // Returns when `condition` holds. Ends the program with a message if `progress` (none: nothing) has
 // stood still for the time of a test's deadline before.
-using Progress = std::function<quint64()>;
-void waitFor(
+inline void waitFor(
     const char* what, const std::function<bool()>& condition,
-    const Progress& progress = [] { return 0; });
+    const std::function<qint64()>& progress = [] { return 0; })
+{
+    QDeadlineTimer deadline(lxtest::deadlineMs);
+    qint64 last = progress();
+    while (!condition()) {
+        const qint64 now = progress();
+        if (now != last)
+            deadline.setRemainingTime(lxtest::deadlineMs);
+        last = now;
+        if (deadline.hasExpired())
+            qFatal("no progress any more while waiting for %s, at %lld", what, last);
+        QThread::msleep(1);
+    }
+}
 
 // Returns when every counted record and payload has been handled or freed.
-void waitForRecords(const Progress& progress);
+inline void waitForRecords()
+{
+    const auto alive = [] {
+        return lxtest::CountedMessage::alive() + lxtest::CountedEvent::alive()
+            + lxtest::CountedPayload::alive();
+    };
+    waitFor(
+        "every record and payload to be handled or freed", [&] { return alive() == 0; }, alive);
+}
 
-// Threads of this process; bytes that it has allocated (0: not known, a sanitizer's allocator).
-int threadCount();
-std::size_t allocatedBytes();
+inline int threadCount()
+{
+    return QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
+}
 
 // Whether this library is still in the process.
-bool isMapped(const QString& library);
-
-// A number that depends on nothing but its arguments, evenly distributed.
-quint64 mixed(quint64 seed, quint64 stream, quint64 index);
-
-// A thread that the end of the scope waits for.
-class Joined : public std::thread
+inline bool isMapped(const QString& library)
 {
-public:
-    using std::thread::thread;
-    Joined(Joined&&) = default;
-    ~Joined()
-    {
-        if (joinable())
-            join();
-    }
-};
+    return dlopen(library.toLocal8Bit(), RTLD_LAZY | RTLD_NOLOAD) != nullptr;
+}
 
 } // namespace lxstress
 

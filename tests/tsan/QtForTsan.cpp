@@ -4,10 +4,10 @@
 //
 // The functions below have the names of Qt's own and stand before them in the symbol search order
 // (every target of the build links this library first). Each forwards to Qt's and tells the
-// sanitizer which order the call establishes, no more than Qt really gives. What the bus, the
-// client and the tests do not use is not here: recursive mutexes, wait conditions, read-write
-// locks.
+// sanitizer which order the call establishes, no more than Qt really gives. What nobody here uses
+// is not here: recursive mutexes, wait conditions, read-write locks.
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QMutex>
 #include <QObject>
 #include <QPluginLoader>
@@ -17,6 +17,7 @@
 #include <dlfcn.h>
 #include <sanitizer/tsan_interface.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <mutex>
@@ -37,11 +38,7 @@ Function qtsOwn(const char* mangledName)
     return reinterpret_cast<Function>(symbol);
 }
 
-std::recursive_mutex& linkerLock()
-{
-    static std::recursive_mutex mutex;
-    return mutex;
-}
+std::mutex linkerLock;
 
 // A call that one thread queues for another. Both hold it, and whoever is last destroys it: it is
 // ordered behind the queueing in the thread that runs it, and its destruction behind both.
@@ -127,9 +124,7 @@ void QSemaphore::release(int n)
 
 void QSemaphore::acquire(int n)
 {
-    static const auto own = qtsOwn<void (*)(QSemaphore*, int)>("_ZN10QSemaphore7acquireEi");
-    own(this, n);
-    __tsan_acquire(this);
+    tryAcquire(n, -1);
 }
 
 bool QSemaphore::tryAcquire(int n, int timeout)
@@ -165,11 +160,8 @@ bool QThread::wait(QDeadlineTimer deadline)
 
 bool QThread::wait(unsigned long time)
 {
-    static const auto own = qtsOwn<bool (*)(QThread*, unsigned long)>("_ZN7QThread4waitEm");
-    const bool ended = own(this, time);
-    if (ended)
-        __tsan_acquire(this);
-    return ended;
+    return wait(time == ULONG_MAX ? QDeadlineTimer(QDeadlineTimer::Forever)
+                                  : QDeadlineTimer(qint64(time)));
 }
 
 // The dynamic linker maps and unmaps libraries one at a time, which the sanitizer does not see; it
@@ -177,7 +169,7 @@ bool QThread::wait(unsigned long time)
 bool QPluginLoader::load()
 {
     static const auto own = qtsOwn<bool (*)(QPluginLoader*)>("_ZN13QPluginLoader4loadEv");
-    const std::lock_guard<std::recursive_mutex> lock(linkerLock());
+    const std::lock_guard<std::mutex> lock(linkerLock);
     return own(this);
 }
 
@@ -191,7 +183,7 @@ QObject* QPluginLoader::instance()
 bool QPluginLoader::unload()
 {
     static const auto own = qtsOwn<bool (*)(QPluginLoader*)>("_ZN13QPluginLoader6unloadEv");
-    const std::lock_guard<std::recursive_mutex> lock(linkerLock());
+    const std::lock_guard<std::mutex> lock(linkerLock);
     return own(this);
 }
 
