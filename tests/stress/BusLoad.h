@@ -5,10 +5,7 @@
 
 #include "Traffic.h"
 
-#include <lxbase/MessageCenter.h>
-
 #include <QLoggingCategory>
-#include <QThread>
 
 #include <atomic>
 #include <cstdlib>
@@ -21,35 +18,8 @@ namespace lxstress {
 // Whether the next handler ends the process.
 inline std::atomic<bool> exitInHandler{false};
 
-class SlowPlugin final : public Receiver
-{
-public:
-    explicit SlowPlugin(const QString& id)
-        : m_id(id)
-    {
-        join(m_id, 1);
-    }
-
-    void leave() { UnReg(m_id); }
-    bool hasReceived() const { return m_has_received; }
-
-private:
-    void receive(Path path, const QString&, const QVariant&, const QVariant& data) override
-    {
-        if (exitInHandler.exchange(false))
-            std::exit(0);
-        QThread::msleep(2); // slow against the putting
-        m_has_received = true;
-        if (path == Direct)
-            put(Direct, m_id, QString(), 1, data); // never ends by itself
-    }
-
-    const QString m_id;
-    std::atomic<bool> m_has_received{false};
-};
-
 constexpr int slowPluginCount = 5;
-using SlowPlugins = std::vector<std::unique_ptr<SlowPlugin>>;
+using SlowPlugins = std::vector<std::unique_ptr<lxtest::Plugin>>;
 
 inline QString slowId(int number)
 {
@@ -70,15 +40,25 @@ inline SlowPlugins loadBus(CMessageCenter::IdlePolicy policy)
     CMessageCenter::GetInstance()->setIdlePolicy(policy);
     CMessageCenter::GetInstance()->Start();
     SlowPlugins plugins;
-    for (int i = 0; i < slowPluginCount; ++i)
-        plugins.push_back(std::make_unique<SlowPlugin>(slowId(i)));
+    for (int i = 0; i < slowPluginCount; ++i) {
+        plugins.push_back(std::make_unique<lxtest::Plugin>(slowId(i), lxtest::All));
+        plugins.back()->onCall([id = slowId(i)](const lxtest::Call& call) {
+            if (exitInHandler.exchange(false))
+                std::exit(0);
+            QThread::msleep(2); // slow against the putting
+            if (call.kind == lxtest::M)
+                put(Direct, id, QString(), 1, call.data); // never ends by itself
+        });
+        plugins.back()->subscribe(1);
+        plugins.back()->subscribeEvent(1);
+    }
     std::vector<std::thread> producers;
     for (int i = 0; i < 3; ++i)
         producers.emplace_back([] { putOnEveryPath(5000); });
     for (std::thread& producer : producers)
         producer.join();
     for (const auto& plugin : plugins) {
-        while (!plugin->hasReceived())
+        while (plugin->count() == 0)
             std::this_thread::yield();
     }
     return plugins;

@@ -26,8 +26,8 @@ public:
     // Unregisters. A handler that is entered after that ends the program.
     virtual void leave() = 0;
 
-    // What has come so far: a bit each.
-    enum Kind { Messages = 1, Quotations = 2, Events = 4, RelatedEvents = 8, Everything = 15 };
+    // What has come so far: the kinds of traffic, and this for an event of its relation group.
+    static constexpr int RelatedEvents = 1;
     std::atomic<int> received{0};
 };
 

@@ -1,12 +1,9 @@
-// Traffic: the four ways to put and the three ways to receive, told apart by a value. Inline,
-// because the shutdown program and the library that it unloads run with different copies of the
-// bus.
+// The four ways to put, told apart by a value. Inline, because the shutdown program and the library
+// that it unloads run with different copies of the bus.
 #ifndef LXSTRESS_TRAFFIC_H
 #define LXSTRESS_TRAFFIC_H
 
-#include <lxbase/MessageInterface.h>
-
-#include <lxtest/Counted.h>
+#include <lxtest/Plugin.h>
 
 namespace lxstress {
 
@@ -26,35 +23,13 @@ inline void put(Path path, const QString& srcId, const QString& dstId, const QVa
     puts[path](srcId, message);
 }
 
-class Receiver : public IMessageInterface
+// Registers for everything, and subscribes to messages, quotations and events of `type`.
+inline void join(const QString& id, IMessageInterface* plugin, const QVariant& type)
 {
-public:
-    // Registers for everything, and subscribes to messages, quotations and events of `type`.
-    void join(const QString& id, const QVariant& type)
-    {
-        Reg(id, this, MessageThread | QuotationThread | EventThread);
-        Sub(id, type, 1);
-        SubEvent(id, type, 1);
-    }
-
-    void RecvMsg(QString srcId, QVariant type, QVariant data) final
-    {
-        receive(Direct, srcId, type, data);
-    }
-    void RecvEvent(QString srcId, QVariant type, QVariant data) final
-    {
-        receive(Event, srcId, type, data);
-    }
-    void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) final
-    {
-        receive(Quotation, srcId, type, data);
-    }
-
-protected:
-    // Every handler; the path is Direct for what came as a message, over the net path too.
-    virtual void receive(Path path, const QString& srcId, const QVariant& type,
-                         const QVariant& data) = 0;
-};
+    CRegManager::Reg(id, plugin, lxtest::All);
+    CRegManager::Sub(id, type, 1);
+    CRegManager::SubEvent(id, type, 1);
+}
 
 } // namespace lxstress
 

@@ -18,14 +18,14 @@ constexpr int type = 1;
 constexpr Path paths[] = {Direct, Event, Quotation};
 constexpr int pathCount = 3;
 
-// Expects the items of each path in order.
-class OrderedReceiver final : public Receiver
+// Expects the items of each kind in order.
+class OrderedReceiver final : public lxtest::Handler
 {
 public:
     explicit OrderedReceiver(const QString& id)
         : m_id(id)
     {
-        join(m_id, type);
+        join(m_id, this, type);
     }
     ~OrderedReceiver() override { UnReg(m_id); }
 
@@ -35,17 +35,17 @@ public:
     std::atomic<int> outOfOrder{0};
 
 private:
-    void receive(Path path, const QString&, const QVariant&, const QVariant& data) override
+    void handle(const lxtest::Call& call) override
     {
         ++entered;
         const std::lock_guard<std::mutex> pass(gate);
-        if (data.toInt() != m_next[path]++)
+        if (call.data.toInt() != m_next[call.kind]++)
             ++outOfOrder;
         ++received;
     }
 
     const QString m_id;
-    int m_next[PathCount] = {}; // each by the thread of its path
+    int m_next[lxtest::All] = {}; // each by the thread of its kind
 };
 
 } // namespace

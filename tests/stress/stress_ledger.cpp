@@ -24,6 +24,7 @@
 namespace {
 
 using namespace lxstress;
+using namespace lxtest;
 
 constexpr int producerCount = 4; // each puts in the name of the receiver of its number
 constexpr int receiverCount = 6;
@@ -33,25 +34,22 @@ constexpr int bookCount = receiverCount + 1;
 constexpr int nobody = -1;
 constexpr quint64 inFlightLimit = 50000;
 
-const int flagOfPath[PathCount] = {2, 2, 4, 8};
+constexpr Kind kindOf[PathCount] = {M, M, Q, E};
 constexpr int typeCount = 3;
 
 // Each may be in a relation group of the common base ID, for one type of events.
 constexpr int relatedType = 1;
 const struct
 {
-    int flags;
+    Kind kinds;
     bool putsAgain;            // from its handlers
     std::vector<int> messages; // the types to which it subscribes; twice is twice
     std::vector<int> events;
     int color;
 } traits[receiverCount] = {
-    {2 | 4 | 8, true, {0, 2}, {0}, RELATION_RED},
-    {2 | 4 | 8, false, {0, 1, 1}, {1}, RELATION_VIOLET},
-    {2 | 8, false, {1}, {1, 1}, RELATION_RED},
-    {4 | 8, true, {2}, {0}, RELATION_VIOLET},
-    {2, false, {0}, {}, RELATION_RED},
-    {2 | 8, false, {1}, {}, nobody},
+    {All, true, {0, 2}, {0}, RELATION_RED},    {All, false, {0, 1, 1}, {1}, RELATION_VIOLET},
+    {M | E, false, {1}, {1, 1}, RELATION_RED}, {Q | E, true, {2}, {0}, RELATION_VIOLET},
+    {M, false, {0}, {}, RELATION_RED},         {M | E, false, {1}, {}, nobody},
 };
 
 QString idOf(int receiver)
@@ -62,7 +60,7 @@ QString idOf(int receiver)
 }
 
 // The payload of every record.
-struct Entry : lxtest::CountedPayload
+struct Entry : CountedPayload
 {
     int putter = 0;      // the receiver in whose name it is put ...
     bool isEcho = false; // ... by a handler of his, because of another entry
@@ -102,7 +100,7 @@ quint64 copiesFor(int receiver, const Entry& entry, int destination, bool toNet)
     const bool fromNet = entry.path == Net || entry.path == Quotation;
     if (receiver == outside)
         return fromNet;
-    if (!(traits[receiver].flags & flagOfPath[entry.path]))
+    if (!(traits[receiver].kinds & kindOf[entry.path]))
         return 0;
     if (destination != nobody)
         return destination == receiver;
@@ -148,14 +146,14 @@ void book(int receiver, const Entry& entry, const QVariant& type)
     ++booked;
 }
 
-class BookingReceiver final : public Receiver
+class BookingReceiver final : public Handler
 {
 public:
     explicit BookingReceiver(int index)
         : m_index(index)
     {
         const QString id = idOf(index);
-        Reg(id, this, ThreadType(traits[index].flags));
+        Reg(id, this, traits[index].kinds);
         for (const int type : traits[index].messages)
             Sub(id, type, 1);
         for (const int type : traits[index].events)
@@ -166,23 +164,22 @@ public:
     ~BookingReceiver() override { UnReg(idOf(m_index)); }
 
 private:
-    void receive(Path path, const QString& srcId, const QVariant& type,
-                 const QVariant& data) override
+    void handle(const Call& call) override
     {
-        auto entry = data.value<Entry>();
+        auto entry = call.data.value<Entry>();
         const bool fromNet = entry.path == Net || entry.path == Quotation;
         const QString sender = idOf(fromNet ? netPlugin : entry.putter);
-        const Path handledAs = entry.path == Net ? Direct : entry.path;
-        if (path != handledAs || srcId != sender) {
-            fail(QString::asprintf("path %d of %s came by path %d as from %s", entry.path,
-                                   qPrintable(sender), path, qPrintable(srcId)));
+        if (call.kind != kindOf[entry.path] || call.srcId != sender) {
+            fail(QString::asprintf("path %d of %s came as of kind %d from %s", entry.path,
+                                   qPrintable(sender), call.kind, qPrintable(call.srcId)));
         }
-        book(m_index, entry, type);
+        book(m_index, entry, call.type);
         if (entry.isEcho || entry.echoTarget == nobody || !traits[m_index].putsAgain)
             return;
         entry.putter = m_index;
         entry.isEcho = true;
-        entry.path = path;
+        if (entry.path == Net)
+            entry.path = Direct;
         putEntry(entry, entry.echoTarget, false);
     }
 
@@ -209,29 +206,19 @@ void produce(int producer, quint64 seed, quint64 deliveries)
     }
 }
 
-// A plugin that comes and goes among the others; what it gets is nobody's expectation.
-class PasserBy final : public Receiver
+// A plugin comes and goes among the others; what it gets is nobody's expectation.
+void passBy()
 {
-public:
-    void visit()
-    {
-        const QString id = "ledger#passer";
-        const int before = m_received;
-        join(id, 0);
-        join(id, relatedType);
-        setRelation("ledger", id, relatedType, RELATION_VIOLET, 1);
-        for (int patience = 0; m_received < before + 10 && patience < 1000; ++patience)
-            std::this_thread::yield();
-        setRelation("ledger", id, relatedType, RELATION_VIOLET, 2);
-        UnReg(id);
-        lxtest::runDeferredDeletes();
-    }
-
-private:
-    void receive(Path, const QString&, const QVariant&, const QVariant&) override { ++m_received; }
-
-    std::atomic<int> m_received{0};
-};
+    Plugin plugin("ledger#passer", All);
+    plugin.subscribe(0);
+    plugin.subscribeEvent(0);
+    CRegManager::setRelation("ledger", plugin.id(), relatedType, RELATION_VIOLET, 1);
+    for (int patience = 1000; plugin.count() < 10 && patience > 0; --patience)
+        std::this_thread::yield();
+    CRegManager::setRelation("ledger", plugin.id(), relatedType, RELATION_VIOLET, 2);
+    plugin.leave();
+    runDeferredDeletes();
+}
 
 void drain(CMessageCenter::MessageQueue& queue)
 {
@@ -259,8 +246,8 @@ int run(quint64 seed, quint64 deliveries, CMessageCenter::MessageQueue (&queues)
     });
     auto visits = std::async(std::launch::async, [&] {
         int count = 0;
-        for (PasserBy plugin; !producersDone; ++count)
-            plugin.visit();
+        for (; !producersDone; ++count)
+            passBy();
         return count;
     });
     {
@@ -295,7 +282,7 @@ int main(int argc, char** argv)
 
     CMessageCenter::MessageQueue queues[2];
     auto* const center = CMessageCenter::GetInstance();
-    center->setIdlePolicy(lxtest::idlePolicy());
+    center->setIdlePolicy(idlePolicy());
     center->regNetMsgQueue(&queues[0]);
     center->regQuotationQueue(&queues[1]);
     center->Start();
@@ -313,7 +300,7 @@ int main(int argc, char** argv)
     }
     std::printf("%llu deliveries of %d messages and %d events, %d failures; a further plugin came "
                 "and went %d times\n",
-                booked.load(), lxtest::CountedMessage::made(), lxtest::CountedEvent::made(),
-                failures.load(), visits);
+                booked.load(), CountedMessage::made(), CountedEvent::made(), failures.load(),
+                visits);
     return failures > 0;
 }

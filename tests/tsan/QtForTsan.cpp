@@ -10,7 +10,6 @@
 #include <QDeadlineTimer>
 #include <QMutex>
 #include <QObject>
-#include <QPluginLoader>
 #include <QSemaphore>
 #include <QThread>
 
@@ -20,7 +19,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
 namespace {
 
@@ -37,37 +35,6 @@ Function qtsOwn(const char* mangledName)
     }
     return reinterpret_cast<Function>(symbol);
 }
-
-std::mutex linkerLock;
-
-// A call that one thread queues for another. Both hold it, and whoever is last destroys it: it is
-// ordered behind the queueing in the thread that runs it, and its destruction behind both.
-class OrderedCall : public QtPrivate::QSlotObjectBase
-{
-public:
-    explicit OrderedCall(QtPrivate::QSlotObjectBase* call)
-        : QSlotObjectBase(&OrderedCall::operate)
-        , m_call(call)
-    {
-        __tsan_release(this);
-    }
-
-private:
-    static void operate(int which, QSlotObjectBase* base, QObject* receiver, void** args, bool*)
-    {
-        auto* const self = static_cast<OrderedCall*>(base);
-        __tsan_acquire(self);
-        if (which == Call) {
-            self->m_call->call(receiver, args);
-            __tsan_release(self);
-        } else if (which == Destroy) {
-            self->m_call->destroyIfLastRef();
-            delete self;
-        }
-    }
-
-    QtPrivate::QSlotObjectBase* const m_call;
-};
 
 // Whoever posts an event to an object is ordered before that object's handling of it.
 bool acquireWhatWasPosted(void** receiverEventAndResult)
@@ -164,37 +131,6 @@ bool QThread::wait(unsigned long time)
                                   : QDeadlineTimer(qint64(time)));
 }
 
-// The dynamic linker maps and unmaps libraries one at a time, which the sanitizer does not see; it
-// would take one library for racing with another that had its addresses before.
-bool QPluginLoader::load()
-{
-    static const auto own = qtsOwn<bool (*)(QPluginLoader*)>("_ZN13QPluginLoader4loadEv");
-    const std::lock_guard<std::mutex> lock(linkerLock);
-    return own(this);
-}
-
-QObject* QPluginLoader::instance()
-{
-    static const auto own = qtsOwn<QObject* (*)(QPluginLoader*)>("_ZN13QPluginLoader8instanceEv");
-    load();
-    return own(this);
-}
-
-bool QPluginLoader::unload()
-{
-    static const auto own = qtsOwn<bool (*)(QPluginLoader*)>("_ZN13QPluginLoader6unloadEv");
-    const std::lock_guard<std::mutex> lock(linkerLock);
-    return own(this);
-}
-
-void QCoreApplication::postEvent(QObject* receiver, QEvent* event, int priority)
-{
-    static const auto own = qtsOwn<void (*)(QObject*, QEvent*, int)>(
-        "_ZN16QCoreApplication9postEventEP7QObjectP6QEventi");
-    __tsan_release(receiver);
-    own(receiver, event, priority);
-}
-
 void QObject::deleteLater()
 {
     static const auto own = qtsOwn<void (*)(QObject*)>("_ZN7QObject11deleteLaterEv");
@@ -202,6 +138,8 @@ void QObject::deleteLater()
     own(this);
 }
 
+// The call is never destroyed: who would do that last is ordered by a count that the sanitizer does
+// not see.
 bool QMetaObject::invokeMethodImpl(QObject* object, QtPrivate::QSlotObjectBase* slot,
                                    Qt::ConnectionType type, void* ret)
 {
@@ -209,5 +147,7 @@ bool QMetaObject::invokeMethodImpl(QObject* object, QtPrivate::QSlotObjectBase* 
         qtsOwn<bool (*)(QObject*, QtPrivate::QSlotObjectBase*, Qt::ConnectionType, void*)>(
             "_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14"
             "ConnectionTypeEPv");
-    return own(object, new OrderedCall(slot), type, ret);
+    slot->ref();
+    __tsan_release(object);
+    return own(object, slot, type, ret);
 }

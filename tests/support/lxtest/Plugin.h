@@ -77,11 +77,29 @@ struct Call
     QString srcId;
     QVariant type;
     QVariant data;
-    QString thread; // object name of the thread on which the handler ran
+    QString thread = QThread::currentThread()->objectName();
+};
+
+// A plugin with one function for its three handlers.
+class Handler : public IMessageInterface
+{
+public:
+    void RecvMsg(QString src, QVariant type, QVariant data) final { handle({M, src, type, data}); }
+    void RecvEvent(QString src, QVariant type, QVariant data) final
+    {
+        handle({E, src, type, data});
+    }
+    void RecvQuotationMsg(QString src, QVariant type, QVariant data) final
+    {
+        handle({Q, src, type, data});
+    }
+
+private:
+    virtual void handle(const Call& call) = 0;
 };
 
 // Remembers every handler call; the call is visible to the others once its action has returned.
-class Recorder : public IMessageInterface
+class Recorder : public Handler
 {
 public:
     using Action = std::function<void(const Call&)>;
@@ -115,28 +133,17 @@ public:
         return waitUntil([&] { return this->count() >= count; });
     }
 
-    void RecvMsg(QString src, QVariant type, QVariant data) override { record(M, src, type, data); }
-    void RecvEvent(QString src, QVariant type, QVariant data) override
-    {
-        record(E, src, type, data);
-    }
-    void RecvQuotationMsg(QString src, QVariant type, QVariant data) override
-    {
-        record(Q, src, type, data);
-    }
-
 protected:
     static QString settleMarker() { return QStringLiteral("lxtest.settle"); }
     std::atomic<int> m_settled{0}; // how many settle markers have come
 
 private:
-    void record(Kind kind, const QString& src, const QVariant& type, const QVariant& data)
+    void handle(const Call& call) override
     {
-        if (data == settleMarker()) {
+        if (call.data == settleMarker()) {
             ++m_settled;
             return;
         }
-        const Call call{kind, src, type, data, QThread::currentThread()->objectName()};
         if (m_action)
             m_action(call);
         const QMutexLocker locker(&m_mutex);

@@ -49,7 +49,7 @@ ChildResult runChild(const char* scenario)
     QProcess child;
     child.start(QCoreApplication::applicationFilePath(),
                 {QLatin1String(childOption), QLatin1String(scenario)});
-    if (!child.waitForFinished(deadlineMs)) {
+    if (!child.waitForFinished(2 * deadlineMs)) {
         child.kill();
         child.waitForFinished();
     }
