@@ -3,7 +3,7 @@
 #ifndef LXSTRESS_BUSLOAD_H
 #define LXSTRESS_BUSLOAD_H
 
-#include "Traffic.h"
+#include "Stress.h"
 
 #include <QLoggingCategory>
 

@@ -2,7 +2,7 @@
 // gives the bus to keep is data of the library, which dangles unless the bus makes copies; what it
 // puts is not, since that may wait in an inbox longer than the library stays.
 #include "ChurnPlugin.h"
-#include "Traffic.h"
+#include "Stress.h"
 
 class ChurnPlugin final : public lxtest::Handler, public ChurnVisitor
 {

@@ -1,13 +1,12 @@
-// What the stress programs share: waiting while there is progress, and looks at the own process.
+// What the stress programs share: putting, waiting, and looks at the own process. Inline, because
+// the shutdown program and the library that it unloads run with different copies of the bus.
 #ifndef LXSTRESS_STRESS_H
 #define LXSTRESS_STRESS_H
 
-#include <lxtest/Counted.h>
+#include <lxtest/Plugin.h>
 #include <lxtest/Wait.h>
 
-#include <QDeadlineTimer>
 #include <QDir>
-#include <QThread>
 
 #include <functional>
 
@@ -15,23 +14,36 @@
 
 namespace lxstress {
 
-// Returns when `condition` holds. Ends the program with a message if `progress` (none: nothing) has
-// stood still for the time of a test's deadline before.
-inline void waitFor(
-    const char* what, const std::function<bool()>& condition,
-    const std::function<qint64()>& progress = [] { return 0; })
+enum Path { Direct, Net, Quotation, Event, PathCount };
+
+inline void put(Path path, const QString& srcId, const QString& dstId, const QVariant& type,
+                const QVariant& payload, bool toNet = false)
 {
-    QDeadlineTimer deadline(lxtest::deadlineMs);
-    qint64 last = progress();
-    while (!condition()) {
-        const qint64 now = progress();
-        if (now != last)
-            deadline.setRemainingTime(lxtest::deadlineMs);
-        last = now;
-        if (deadline.hasExpired())
-            qFatal("no progress any more while waiting for %s, at %lld", what, last);
-        QThread::msleep(1);
+    if (path == Event) {
+        CRegManager::PutEvent(srcId, new lxtest::CountedEvent(srcId, dstId, type, payload));
+        return;
     }
+    auto* const message = new lxtest::CountedMessage(srcId, dstId, type, payload);
+    message->SetSendToNetFlag(toNet);
+    static constexpr decltype(&CRegManager::Put) puts[] = {CRegManager::Put, CRegManager::PutNetMsg,
+                                                           CRegManager::PutQuotationMsg};
+    puts[path](srcId, message);
+}
+
+// Registers for everything, and subscribes to messages, quotations and events of `type`.
+inline void join(const QString& id, IMessageInterface* plugin, const QVariant& type)
+{
+    CRegManager::Reg(id, plugin, lxtest::All);
+    CRegManager::Sub(id, type, 1);
+    CRegManager::SubEvent(id, type, 1);
+}
+
+// Returns when `condition` holds, and ends the program with a message if it does not.
+template<class... Progress>
+void waitFor(const char* what, const std::function<bool()>& condition, const Progress&... progress)
+{
+    if (!lxtest::waitUntil(condition, progress...))
+        qFatal("no progress any more while waiting for %s", what);
 }
 
 // Returns when every counted record and payload has been handled or freed.

@@ -4,7 +4,6 @@
 // afterwards what they were before.
 #include "ChurnPlugin.h"
 #include "Stress.h"
-#include "Traffic.h"
 
 #include <lxtest/TestMain.h>
 

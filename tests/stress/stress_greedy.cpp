@@ -1,7 +1,6 @@
 // Slow and greedy: a receiver that stays in its handlers holds nobody up, and gets the million
 // items by which it falls behind meanwhile all, in order.
 #include "Stress.h"
-#include "Traffic.h"
 
 #include <lxtest/TestMain.h>
 

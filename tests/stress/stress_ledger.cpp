@@ -4,7 +4,6 @@
 // arrives in order, nothing is missing, nothing comes twice, and every record and payload that was
 // made is destroyed.
 #include "Stress.h"
-#include "Traffic.h"
 
 #include <lxdefine/PluginID.h>
 #include <lxmsg/MessageCommon.h>

@@ -3,7 +3,6 @@
 // not. Each has to end in time, normally and without a word but the warning that names the plugins
 // which were still registered.
 #include "BusLoad.h"
-#include "Stress.h"
 
 #include <lxtest/TestMain.h>
 

@@ -14,11 +14,19 @@ namespace lxtest {
 
 constexpr int deadlineMs = 30000;
 
-// Returns when `condition` holds (it is asked again every millisecond). False: not in time.
-[[nodiscard]] inline bool waitUntil(const std::function<bool()>& condition)
+// Returns when `condition` holds (it is asked again every millisecond). False: not in time, which
+// starts anew whenever `progress` (none: nothing) has changed.
+[[nodiscard]] inline bool waitUntil(
+    const std::function<bool()>& condition,
+    const std::function<qint64()>& progress = [] { return 0; })
 {
-    const QDeadlineTimer deadline(deadlineMs);
+    QDeadlineTimer deadline(deadlineMs);
+    qint64 last = progress();
     while (!condition()) {
+        const qint64 now = progress();
+        if (now != last)
+            deadline.setRemainingTime(deadlineMs);
+        last = now;
         if (deadline.hasExpired())
             return false;
         QThread::msleep(1);
