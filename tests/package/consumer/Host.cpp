@@ -51,12 +51,12 @@ int main(int argc, char* argv[])
     for (const QString& library : libraries) {
         QPluginLoader loader(library); // local symbol scope is its default
         const bool loaded = qobject_cast<IMessageInterface*>(loader.instance());
+        const QString reason = loader.errorString();
         const bool answered = loaded && asker.ask(expected.first()).toList() == expected;
         const bool unloaded = loader.unload();
         if (!answered || !unloaded) {
             std::fprintf(stderr, "%s: loaded %d, answered rightly %d, unloaded %d; %s\n",
-                         qPrintable(library), loaded, answered, unloaded,
-                         qPrintable(loader.errorString()));
+                         qPrintable(library), loaded, answered, unloaded, qPrintable(reason));
             return 1;
         }
     }
