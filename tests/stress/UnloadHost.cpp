@@ -6,6 +6,6 @@
 extern "C" Q_DECL_EXPORT void* loadTheBus(CMessageCenter::IdlePolicy policy)
 {
     auto plugins = lxstress::loadBus(policy);
-    plugins.back()->leave(); // its workers wait for an event loop that does not come any more
+    plugins.back()->leave(); // its workers wait for the event loop, which comes too late
     return new lxstress::SlowPlugins(std::move(plugins));
 }

@@ -68,6 +68,7 @@ const ChildScenario unloadLibrary("unloadLibrary", [] {
     if (!library.unload() || isMapped(library.fileName()))
         qFatal("the library is still there after its unloading");
     QLoggingCategory::setFilterRules(QString()); // looks at every category there is
+    lxtest::runDeferredDeletes();                // finds no object of the library left to delete
     // A thread that has been waited for may still be on its way out of the framework.
     waitFor("the threads of the library to end", [&] { return threadCount() == threadsBefore; });
     return 0;
