@@ -127,9 +127,9 @@ private slots:
         for (int phase = 0; phase < phaseCount; ++phase)
             allocated.push_back(churn(threadsAtRest));
         // The first phase fills what is kept: statistics, vectors, caches of the allocator.
-        const QByteArray growth = QByteArray::number(quint64(allocated[1])) + " bytes became "
-            + QByteArray::number(quint64(allocated.back()));
-        QVERIFY2(allocated.back() <= allocated[1] + allowedGrowthBytes, growth);
+        const auto growth =
+            QString::asprintf("%zu bytes became %zu", allocated[1], allocated.back());
+        QVERIFY2(allocated.back() <= allocated[1] + allowedGrowthBytes, qPrintable(growth));
     }
 };
 
