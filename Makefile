@@ -38,8 +38,8 @@ tsan: deps ## every test under ThreadSanitizer
 	ctest --preset tsan
 
 soak: build ## ten million deliveries under each idle policy, checked one by one
-	build/release/tests/stress/stress_ledger --long --idle poll
-	build/release/tests/stress/stress_ledger --long --idle park
+	LXTEST_IDLE=poll build/release/tests/stress/stress_ledger --long
+	LXTEST_IDLE=park build/release/tests/stress/stress_ledger --long
 
 fuzz: deps ## feed the quote reader with what a fuzzer thinks of, for a minute
 	@$(INSTALL) clang-14 libclang-rt-14-dev
