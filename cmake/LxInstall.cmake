@@ -30,6 +30,14 @@ install(FILES ${PROJECT_BINARY_DIR}/lxbase.pc DESTINATION ${pc_dir} COMPONENT de
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/plugin-template
     DESTINATION ${CMAKE_INSTALL_DATADIR}/lxbase COMPONENT development)
 
+# The guide with what it refers to, in folders as in the tree, so that its links lead somewhere.
+set(docs ${CMAKE_INSTALL_DATADIR}/doc/liblxbase-dev)
+install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
+    DESTINATION ${docs} COMPONENT development
+    FILES_MATCHING PATTERN "*.md" PATTERN "main.cpp" PATTERN plugin-template EXCLUDE)
+install(FILES ${PROJECT_SOURCE_DIR}/bench/results.md DESTINATION ${docs}/bench COMPONENT development)
+install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${docs} COMPONENT development)
+
 # Debian packages, one per component, with dependencies worked out from the binaries. Best made from
 # a build that was configured for /usr.
 set(CPACK_GENERATOR DEB)
@@ -66,6 +74,7 @@ if(LXBASE_BUILD_CLIENT)
     list(APPEND CPACK_COMPONENTS_ALL client)
     set(CPACK_DEBIAN_CLIENT_PACKAGE_NAME lxclient)
     set(CPACK_DEBIAN_CLIENT_PACKAGE_SECTION misc)
+    set(CPACK_DEBIAN_CLIENT_PACKAGE_DEPENDS libqt5sql5-sqlite) # loaded at run time, for the journal
     set(CPACK_COMPONENT_CLIENT_DEPENDS runtime)
     set(CPACK_COMPONENT_CLIENT_DESCRIPTION
         "${PROJECT_DESCRIPTION}: the reference client and its plugins")

@@ -101,6 +101,21 @@ const ChildScenario endWithTraffic("endWithTraffic", [] {
     return 0;
 });
 
+// The workers of `second` belong to a worker of the first, which the center deletes before them.
+const ChildScenario registeredByAHandler("registeredByAHandler", [] {
+    isChild = true;
+    QLoggingCategory::setFilterRules("lxbase.debug=false");
+    plugins[0] = new Plugin("first", All);
+    static Latch registered;
+    plugins[0]->onCall([](const Call&) {
+        plugins[1] = new Plugin("second", All);
+        registered.signal();
+    });
+    deliverTo("first", M, 1);
+    registered.wait();
+    return 0;
+});
+
 // A handler goes on putting until it is told that the path is gone: the center waits for it.
 std::atomic<bool> turnedAway{false};
 QtMessageHandler nextHandler = nullptr;
@@ -162,6 +177,9 @@ private slots:
         QTest::newRow("lists full, plugins registered")
             << QByteArray("endWithTraffic")
             << QStringList{stopped + "(\"stays1\", \"stays2\")", balanced};
+        QTest::newRow("a plugin registered by a handler")
+            << QByteArray("registeredByAHandler")
+            << QStringList{stopped + "(\"first\", \"second\")", balanced};
         QTest::newRow("a call in progress")
             << QByteArray("callInProgress") << QStringList{balanced};
         QTest::newRow("a put that comes too late")

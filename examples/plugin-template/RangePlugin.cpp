@@ -5,8 +5,9 @@
 bool RangePlugin::initialise(const QString& id, const QVariantMap& settings, QString&)
 {
     m_id = id;
-    Reg(m_id, this, QuotationThread);
     const QStringList symbols = settings.value(lxclient::setting::Symbols).toStringList();
+    m_audit.expect(symbols);
+    Reg(m_id, this, QuotationThread); // the handler may run from here on
     for (const QString& symbol : symbols)
         Sub(m_id, lxclient::quoteType(settings, symbol), 1);
     return true;

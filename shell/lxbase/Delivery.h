@@ -81,9 +81,8 @@ Delivery(const Registry&, QMutex&, InboxOf) -> Delivery<Registry, InboxOf>;
 enum class Routed { Done, UnknownDestination, UnknownType };
 
 // Where a record goes, on every path: to its destination if it names one, else to the subscribers
-// of its type save `skippedId` (null: all of them). Subscribers that are not registered are
-// passed over. A directed
-// record gives its values away, a broadcast copies them for each receiver.
+// of its type save `skippedId` (null: all of them). Subscribers that are not registered are passed
+// over. A directed record gives its values away, a broadcast copies them for each receiver.
 template<class Item, class DeliverTo>
 Routed route(const QString& dstId, Item& values, const QString* skippedId,
              const CSubscriptionTable& subscriptions, const DeliverTo& deliverTo)

@@ -44,7 +44,7 @@ public:
     void setParking(CParking* parking);
 
     // Asks the loop to end: after the message being routed, or within one pass. What has not been
-    // routed is then in the list, in order. Any thread.
+    // routed is then in the list, in order. Any thread, but not with the mutex held.
     void setStop(bool stop);
 
 protected:

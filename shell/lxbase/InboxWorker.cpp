@@ -52,8 +52,7 @@ void CInboxWorkerBase::setStop(bool stop)
 template<class Item>
 CInboxWorker<Item>::~CInboxWorker()
 {
-    if (m_list)
-        qDeleteAll(*m_list);
+    CInboxWorker::freeInbox();
     delete m_list;
 }
 
@@ -91,9 +90,8 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
 
         if (m_interface) {
             countLook(n);
-            deliver(batch, profile);
-            if (m_stop)
-                break;
+            if (!deliver(batch, profile))
+                return;
         } else {
             qDeleteAll(batch);
         }
@@ -105,21 +103,13 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
             writeRecord(profile, place);
         }
     }
-    freeInbox();
 }
 
-// At a stop, and at once: a payload may be of a type whose library is unloaded before this object
-// is deleted.
 template<class Item>
 void CInboxWorker<Item>::freeInbox()
 {
-    if (!m_mutex || !m_list)
-        return;
-    QVector<Item*> items;
-    m_mutex->lock();
-    items.swap(*m_list);
-    m_mutex->unlock();
-    qDeleteAll(items);
+    if (m_list)
+        qDeleteAll(std::exchange(*m_list, {}));
 }
 
 template<class Item>
@@ -140,9 +130,9 @@ void CInboxWorker<Item>::takeBatch(QVector<Item*>& batch, Take take)
 }
 
 // The stop flag is looked at after every item: UnReg waits for one handler call at most. What is
-// left of the batch then is freed undelivered.
+// left of the batch then is freed undelivered. False: stopped.
 template<class Item>
-void CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfile& profile)
+bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfile& profile)
 {
     for (auto it = batch.cbegin(); it != batch.cend(); ++it) {
         if (const std::unique_ptr<Item> item{*it}) {
@@ -151,9 +141,10 @@ void CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
         }
         if (m_stop) {
             qDeleteAll(it + 1, batch.cend());
-            return;
+            return false;
         }
     }
+    return true;
 }
 
 template<class Item>

@@ -40,7 +40,7 @@ public:
     void setInterface(IMessageInterface* pInterface);
 
     // The mutex of the inbox; owned by the worker from here on. Null changes nothing; without a
-    // mutex the loop never looks at the inbox and only waits for the stop flag. Called before
+    // mutex the loop never looks at the inbox and spins until the stop flag is set. Called before
     // start.
     void setMutex(QMutex* mutex);
 
@@ -48,9 +48,15 @@ public:
     // Without one (null changes nothing) it polls. Called before start.
     void setParking(CParking* parking);
 
-    // Asks the loop to end: after the handler call in progress, or within one look at the inbox.
-    // What is still queued then is freed undelivered. Any thread.
+    // Asks the loop to end: after the handler call in progress, or within one look at the inbox. It
+    // frees the rest of its batch undelivered; what is in the inbox stays there. Any thread, but
+    // not with the mutex of the inbox held.
     void setStop(bool stop);
+
+    // Frees what is still in the inbox, undelivered. Called when the thread has ended and nobody
+    // appends any more: a payload may be of a type whose library is unloaded before this object is
+    // deleted.
+    virtual void freeInbox() = 0;
 
 protected:
     CInboxWorkerBase() = default;
@@ -82,6 +88,9 @@ public:
     // by the worker from here on. Null changes nothing. Called before start.
     void setList(QVector<Item*>* list);
 
+    // See CInboxWorkerBase.
+    void freeInbox() override;
+
 protected:
     // How the waiting items are taken out of the inbox, with its mutex held.
     enum class Take {
@@ -111,9 +120,8 @@ protected:
 
 private:
     void takeBatch(QVector<Item*>& batch, Take take);
-    void deliver(const QVector<Item*>& batch, const WorkerProfile& profile);
+    bool deliver(const QVector<Item*>& batch, const WorkerProfile& profile);
     void countLook(int items);
-    void freeInbox();
     void writeRecord(const WorkerProfile& profile, const LogPlace& place);
 };
 

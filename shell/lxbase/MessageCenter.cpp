@@ -337,6 +337,7 @@ void CMessageCenter::retire(std::initializer_list<CInboxWorkerBase*> workers)
             continue;
         worker->quit();
         worker->wait(QDeadlineTimer(QDeadlineTimer::Forever));
+        worker->freeInbox();
         const QMutexLocker locker(&m_retired_mutex);
         m_retired.erase(std::remove(m_retired.begin(), m_retired.end(), nullptr), m_retired.end());
         m_retired.append(worker);
@@ -344,12 +345,16 @@ void CMessageCenter::retire(std::initializer_list<CInboxWorkerBase*> workers)
     }
 }
 
-// A worker whose registering thread may still run an event loop is left to that loop.
+// A worker whose registering thread may still run an event loop is left to that loop. The thread is
+// null if its QThread object has been deleted, such as that of a worker whose handler registered
+// this one.
 void CMessageCenter::deleteRetired()
 {
     for (const QPointer<QObject>& worker : qAsConst(m_retired)) {
-        if (worker
-            && (worker->thread() == QThread::currentThread() || worker->thread()->isFinished()))
+        if (!worker)
+            continue;
+        const QThread* const thread = worker->thread();
+        if (!thread || thread == QThread::currentThread() || thread->isFinished())
             delete worker;
     }
 }

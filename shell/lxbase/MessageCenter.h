@@ -60,10 +60,11 @@ struct MsgRegInfo
 // Life: made by the first GetInstance, which the library itself calls while it is loaded; destroyed
 // with the library's static objects. The destructor stops and waits for every thread of the bus;
 // plugins that are still registered then are named in one warning. A call that comes later does
-// nothing but free the record it was given (the two network puts warn as before Start).
+// nothing but free the record it was given; while the destructor runs, the two network puts warn as
+// before Start.
 //
-// Locks, always taken in this order and never held while plugin code or a log handler runs or while
-// a thread is waited for:
+// Locks, always taken in this order and never held while a handler of a plugin or a log handler
+// runs or while a thread is waited for:
 //     m_msg_id_sub_mutex > m_msg_sub_mutex > m_msg_reg_mutex > an inbox mutex
 //     m_event_id_sub_mutex > m_event_sub_mutex > m_event_reg_mutex > an inbox mutex
 //     m_relation_mutex > m_event_reg_mutex > an inbox mutex
@@ -79,7 +80,7 @@ public:
     // What a thread of the bus does while it has nothing to do. Ours.
     enum class IdlePolicy {
         Poll, // look again after the shortest sleep that the thread offers
-        Park, // wait until a put or a stop wakes it
+        Park, // after some looks in a row that found nothing, wait until a put or a stop wakes it
     };
 
     // The one center. Inline, and exported for itself, so that a plugin that compiled it finds the

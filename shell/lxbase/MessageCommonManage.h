@@ -21,7 +21,8 @@ class CMessageCommon;
 // the record carries.
 //
 // Threads: any thread may take and give back. Starting the pool's own thread (QThread::start) makes
-// one batch in the background; while a batch is made, other calls wait.
+// one batch in the background; while a batch is made, other calls wait. No call after the end of
+// the static objects.
 class LXBASE_EXPORT CMessageCommonManage : public LxThread
 {
     Q_OBJECT
@@ -46,8 +47,9 @@ public:
     CMessageCommon* getMessageCommon();
 
     // Takes a record back; null is ignored. A record that the pool cannot have made, because its
-    // index is too high, is reported by a critical log record and deleted. A negative index is
-    // taken for a slot; the getMessageCommon that draws it returns null.
+    // index is too high, is reported by a critical log record and deleted. A negative index, that
+    // of a record made with `new`, is taken for a slot: nothing keeps the record any more, and the
+    // getMessageCommon that draws the index returns null.
     void freeMessageCommon(CMessageCommon* msg);
 
     // The thread body: makes one batch.

@@ -16,10 +16,11 @@ class CMessageCommon;
 //
 // Threads: every operation may be called from any thread, a handler included, save that UnReg is
 // never called from a handler of the plugin it names. Each handler kind is called on a worker
-// thread of its own: calls of one kind never overlap and come in the order of the puts, calls of
-// different kinds may run at the same time.
+// thread of its own: calls of one kind never overlap, calls of different kinds may run at the same
+// time. What one thread puts with one of the four puts comes in the order of the puts.
 //
 // Life: the object stays alive from Reg until UnReg has returned; after that no handler is called.
+// The destructor does not unregister.
 class LXBASE_EXPORT IMessageInterface : public QObject
 {
     Q_OBJECT
@@ -37,13 +38,18 @@ public:
     // Registers `pInterface` (normally `this`; not owned) under `id` and starts its workers, at the
     // priority of the calling thread. The worker objects belong to the calling thread and are
     // deleted by its event loop after UnReg. Refused with a critical log record, leaving things as
-    // they are: an empty ID, an ID that is registered already (each of the message side and the
-    // event side decides for itself). Reg and UnReg of one ID must not overlap.
+    // they are: an empty ID, an ID that is registered already (the message side, that is messages
+    // and quotations together, and the event side decide each for itself). No flags: nothing
+    // happens. A null plugin is registered, and what comes for it freed undelivered. Reg and UnReg
+    // of one ID must not overlap.
     void Reg(QString id, IMessageInterface* pInterface, ThreadType type);
 
     // Ends the subscriptions and the registration of `id`. Returns when its handlers have returned
-    // and its workers have ended; what waited in its inboxes is freed undelivered. An unknown ID is
-    // ignored. From a handler of the plugin itself it is refused with a critical log record.
+    // and its workers have ended; what waited in its inboxes is freed undelivered. The message side
+    // ends first; until its handlers have returned, events still come. An ID that is not registered
+    // loses its subscriptions. From a handler of the plugin itself it is refused with a critical
+    // log record. Two calls for one ID must not overlap: the second returns at once, with handlers
+    // still running.
     void UnReg(QString id);
 
     // Sends a message to the plugin named by its destination ID or, if that is empty, to every
@@ -55,33 +61,38 @@ public:
 
     // Publishes an event to the plugin named by its destination ID or, if that is empty, to every
     // subscriber of its type but `srcId` and to the relation groups of `srcId`. Ownership and
-    // reporting as for Put; an empty source ID in the event is set to `srcId`.
+    // reporting as for Put, and one debug record per event, save for the types 0x30005 and 0x30006;
+    // an empty source ID in the event is set to `srcId`.
     void PutEvent(QString srcId, CEventMessageCommon* pMsg);
 
     // For the net plugin: hands in a network message, or a quotation, for its destination or the
     // subscribers of its type, and for the outside queue of its path. `srcId` is not used:
     // receivers see the net plugin's ID. Owns `pMsg`, made with `new`, from the call on; it is
     // deleted when its last holder releases it. Before CMessageCenter::Start only the queue gets it
-    // and a warning is logged.
+    // and a warning is logged. A destination that is not registered is reported by a warning from
+    // the dispatch thread. Null reaches the queue as an empty reference, and nobody else.
     void PutNetMsg(QString srcId, CMessageCommon* pMsg);
     void PutQuotationMsg(QString srcId, CMessageCommon* pMsg);
 
     // Subscribes (`oper` 1) `id` to messages and quotations, or to events, of `type`, or ends one
     // such subscription (`oper` 2); any other `oper` does nothing. Subscribing twice delivers
-    // twice. Needs no registration; UnReg ends all subscriptions of an ID.
+    // twice; ending what was not subscribed does nothing. Needs no registration, and no ID is
+    // refused; UnReg ends all subscriptions of an ID.
     void Sub(QString id, QVariant type, int oper);
     void SubEvent(QString id, QVariant type, int oper);
 
     // Adds (`oper` 1) the ID `to` to the group of `color` that is filed under the base ID `from`
     // and the event type `type`, taking it out of the other colours there; or removes it from that
     // one colour (`oper` 2). An empty `from`, another `oper` or a colour outside 0 to 6 does
-    // nothing.
+    // nothing. A `from` with a "#" is no base ID: no sender will find the group. UnReg changes no
+    // group; a member that is not registered for events is passed over.
     void setRelation(const QString& from, const QString& to, int type, RelationColor_t color,
                      int oper);
 
     // The handlers, each called on its own worker thread with copies of what was put; `srcId` is
     // the sender as given to the put, the net plugin's ID for what came in from the network. A
-    // handler must not let an exception escape, and must not end the process: that waits for it.
+    // handler must not let an exception escape. Nor should it end the process: exit waits for ever
+    // if another thread is in UnReg of the same plugin.
     virtual void RecvMsg(QString srcId, QVariant type, QVariant data) = 0;
     virtual void RecvEvent(QString srcId, QVariant type, QVariant data) = 0;
     virtual void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) = 0;

@@ -20,50 +20,40 @@ JournalBatch batchOf(std::initializer_list<quint64> orderIds)
     return batch;
 }
 
+QByteArray contentOf(const QString& name)
+{
+    QFile file(name);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
 } // namespace
 
 class tst_JournalFile : public QObject
 {
     Q_OBJECT
 private slots:
-    void aFileThatIsNoSuchJournalIsRefusedByNameAndLeftAlone_data()
+    void aDatabaseThatIsNoSuchJournalIsRefusedByNameAndLeftAlone()
     {
-        QTest::addColumn<QString>("statement"); // run in a new database; empty: not even that
-        QTest::addColumn<QString>("reason");
-        QTest::newRow("text") << QString() << "is no journal";
-        QTest::newRow("database") << "CREATE TABLE t (a)"
-                                  << "another program's database";
-        QTest::newRow("mark") << "PRAGMA application_id = 7"
-                              << "another program's database";
-        QTest::newRow("newer") << QString("PRAGMA application_id = %1; PRAGMA user_version = 9")
-                                      .arg(JournalFile::ApplicationId)
-                               << "is a journal of version 9";
-    }
-    void aFileThatIsNoSuchJournalIsRefusedByNameAndLeftAlone()
-    {
-        QFETCH(QString, statement);
-        QFETCH(QString, reason);
-        const QTemporaryDir dir;
-        QFile file(dir.filePath("trades.db"));
-        if (statement.isEmpty()) {
-            QVERIFY(file.open(QIODevice::WriteOnly));
-            file.write(QByteArray("dear diary\n").repeated(100));
-            file.close();
-        } else {
-            auto db = QSqlDatabase::addDatabase("QSQLITE", statement);
-            db.setDatabaseName(file.fileName());
+        const QString ours = QString("PRAGMA application_id = %1").arg(JournalFile::ApplicationId);
+        const std::pair<QStringList, QString> cases[] = {
+            {{"CREATE TABLE t (a)"}, "another program's database"},
+            {{"PRAGMA application_id = 7"}, "another program's database"},
+            {{ours, "PRAGMA user_version = 9"}, "is a journal of version 9"},
+        };
+        for (const auto& [statements, reason] : cases) {
+            const QTemporaryDir dir;
+            const QString file = dir.filePath("trades.db");
+            auto db = QSqlDatabase::addDatabase("QSQLITE", statements.join(';'));
+            db.setDatabaseName(file);
             QVERIFY(db.open());
-            for (const QString& part : statement.split(';'))
-                QVERIFY(QSqlQuery(db).exec(part));
+            for (const QString& statement : statements)
+                QVERIFY(QSqlQuery(db).exec(statement));
             db.close();
+            const QByteArray before = contentOf(file);
+            const QString error = JournalFile().open(file);
+            QVERIFY2(error.startsWith(file + ": ") && error.contains(reason), qPrintable(error));
+            QCOMPARE(contentOf(file), before);
         }
-        QVERIFY(file.open(QIODevice::ReadOnly));
-        const QByteArray before = file.readAll();
-        const QString error = JournalFile().open(file.fileName());
-        QVERIFY2(error.startsWith(file.fileName() + ": ") && error.contains(reason),
-                 qPrintable(error));
-        file.seek(0);
-        QCOMPARE(file.readAll(), before);
     }
 
     void batchesAreWholeAndEachSessionCountsItsOwn()

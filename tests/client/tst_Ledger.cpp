@@ -7,31 +7,50 @@
 
 using lxclient::Report;
 
+namespace {
+
+// Whether an account balances to which each of the plugins posts one of the counts.
+bool balances(std::initializer_list<quint64> counts)
+{
+    QVector<NamedReport> reports;
+    for (quint64 count : counts) {
+        Report report;
+        report.postings.append({"things", QString(), count});
+        reports.append({"plugin", report});
+    }
+    return Ledger(reports).balances();
+}
+
+// What an audit reports that has counted quotes of these numbers.
+Report audited(std::initializer_list<quint64> sequence)
+{
+    lxclient::QuoteAudit audit;
+    audit.expect({"A"});
+    lxclient::Quote quote;
+    quote.symbol = "A";
+    for (quint64 number : sequence) {
+        quote.sequence = number;
+        audit.count(quote);
+    }
+    Report report;
+    audit.post(report);
+    return report;
+}
+
+} // namespace
+
 class tst_Ledger : public QObject
 {
     Q_OBJECT
 private slots:
-    void balancesOnlyIfEveryCountIsConfirmed_data()
-    {
-        QTest::addColumn<QVector<quint64>>("counts");
-        QTest::addColumn<bool>("balances");
-        QTest::newRow("equal") << QVector<quint64>{5, 5, 5} << true;
-        QTest::newRow("one lost") << QVector<quint64>{5, 4, 5} << false;
-        QTest::newRow("one doubled") << QVector<quint64>{5, 5, 6} << false;
-        QTest::newRow("all lost") << QVector<quint64>{5, 0} << false;
-        QTest::newRow("nobody to confirm") << QVector<quint64>{5} << false;
-        QTest::newRow("nothing happened") << QVector<quint64>{0} << true;
-    }
     void balancesOnlyIfEveryCountIsConfirmed()
     {
-        QFETCH(QVector<quint64>, counts);
-        QVector<NamedReport> reports;
-        for (quint64 count : counts) {
-            Report report;
-            report.postings.append({"things", QString(), count});
-            reports.append({"plugin", report});
-        }
-        QTEST(Ledger(reports).balances(), "balances");
+        QVERIFY(balances({5, 5, 5}));
+        QVERIFY(!balances({5, 4, 5})); // one lost
+        QVERIFY(!balances({5, 5, 6})); // one doubled
+        QVERIFY(!balances({5, 0}));    // all lost
+        QVERIFY(!balances({5}));       // nobody to confirm
+        QVERIFY(balances({0}));        // nothing happened
     }
 
     void aFaultOrADisagreementAboutASymbolUnbalancesIt()
@@ -48,32 +67,14 @@ private slots:
         QCOMPARE(ledger.faults(), QStringList("a: disk full"));
     }
 
-    void anAuditSeesLossDoublingDisorderAndSilence_data()
-    {
-        QTest::addColumn<QVector<quint64>>("sequence");
-        QTest::addColumn<bool>("faultless");
-        QTest::newRow("in order") << QVector<quint64>{1, 2, 3} << true;
-        QTest::newRow("lost") << QVector<quint64>{1, 3} << false;
-        QTest::newRow("doubled") << QVector<quint64>{1, 2, 2} << false;
-        QTest::newRow("swapped") << QVector<quint64>{2, 1} << false;
-        QTest::newRow("silent") << QVector<quint64>{} << true;
-    }
     void anAuditSeesLossDoublingDisorderAndSilence()
     {
-        QFETCH(QVector<quint64>, sequence);
-        lxclient::QuoteAudit audit;
-        audit.expect({"A"});
-        lxclient::Quote quote;
-        quote.symbol = "A";
-        for (quint64 number : sequence) {
-            quote.sequence = number;
-            audit.count(quote);
-        }
-        Report report;
-        audit.post(report);
-        QTEST(report.faults.isEmpty(), "faultless");
-        QCOMPARE(report.postings.size(), 1); // also when nothing came
-        QCOMPARE(report.postings[0].count, quint64(sequence.size()));
+        QCOMPARE(audited({1, 2, 3}).faults, QStringList());
+        QCOMPARE(audited({1, 2, 3}).postings.value(0).count, quint64(3));
+        QCOMPARE(audited({1, 3}).faults, QStringList("A: quote 3 came where 2 was due"));
+        QCOMPARE(audited({1, 2, 2}).faults, QStringList("A: quote 2 came where 3 was due"));
+        QCOMPARE(audited({2, 1}).faults, QStringList("A: quote 2 came where 1 was due"));
+        QCOMPARE(audited({}).postings.size(), 1); // also when nothing came
     }
 };
 

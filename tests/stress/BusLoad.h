@@ -3,11 +3,9 @@
 #ifndef LXSTRESS_BUSLOAD_H
 #define LXSTRESS_BUSLOAD_H
 
-#include "Traffic.h"
+#include "Stress.h"
 
-#include <lxbase/MessageCenter.h>
-
-#include <QThread>
+#include <QLoggingCategory>
 
 #include <atomic>
 #include <cstdlib>
@@ -20,59 +18,47 @@ namespace lxstress {
 // Whether the next handler ends the process.
 inline std::atomic<bool> exitInHandler{false};
 
-class SlowPlugin final : public Receiver
+constexpr int slowPluginCount = 5;
+using SlowPlugins = std::vector<std::unique_ptr<lxtest::Plugin>>;
+
+inline QString slowId(int number)
 {
-public:
-    explicit SlowPlugin(const QString& id)
-        : m_id(id)
-    {
-        join(m_id, 1);
-    }
-
-    void leave() { UnReg(m_id); }
-    bool hasReceived() const { return m_has_received; }
-
-private:
-    void receive(Path path, const QString&, const QVariant&, const QVariant& data) override
-    {
-        if (exitInHandler.exchange(false))
-            std::exit(0);
-        QThread::msleep(2); // slow against the putting
-        m_has_received = true;
-        if (path == Direct)
-            put(Direct, m_id, QString(), 1, data); // never ends by itself
-    }
-
-    const QString m_id;
-    std::atomic<bool> m_has_received{false};
-};
-
-using SlowPlugins = std::vector<std::unique_ptr<SlowPlugin>>;
+    return QString("slow%1").arg(number);
+}
 
 inline void putOnEveryPath(int count)
 {
     for (int i = 0; i < count * PathCount; ++i)
-        put(Path(i % PathCount), "load.producer", QString(), 1, i);
+        put(Path(i % PathCount), "producer", QString(), 1, i);
 }
 
 // Returns when the producers have just stopped: plugins registered and in the middle of receiving,
 // inboxes and lists full.
-inline SlowPlugins loadBus(bool park)
+inline SlowPlugins loadBus(CMessageCenter::IdlePolicy policy)
 {
-    CMessageCenter* const center = CMessageCenter::GetInstance();
-    center->setIdlePolicy(park ? CMessageCenter::IdlePolicy::Park
-                               : CMessageCenter::IdlePolicy::Poll);
-    center->Start();
+    QLoggingCategory::setFilterRules("lxbase.debug=false");
+    CMessageCenter::GetInstance()->setIdlePolicy(policy);
+    CMessageCenter::GetInstance()->Start();
     SlowPlugins plugins;
-    for (int i = 0; i < 5; ++i)
-        plugins.push_back(std::make_unique<SlowPlugin>(QString("load.slow%1").arg(i)));
+    for (int i = 0; i < slowPluginCount; ++i) {
+        plugins.push_back(std::make_unique<lxtest::Plugin>(slowId(i), lxtest::All));
+        plugins.back()->onCall([id = slowId(i)](const lxtest::Call& call) {
+            if (exitInHandler.exchange(false))
+                std::exit(0);
+            QThread::msleep(2); // slow against the putting
+            if (call.kind == lxtest::M)
+                put(Direct, id, QString(), 1, call.data); // never ends by itself
+        });
+        plugins.back()->subscribe(1);
+        plugins.back()->subscribeEvent(1);
+    }
     std::vector<std::thread> producers;
     for (int i = 0; i < 3; ++i)
         producers.emplace_back([] { putOnEveryPath(5000); });
     for (std::thread& producer : producers)
         producer.join();
     for (const auto& plugin : plugins) {
-        while (!plugin->hasReceived())
+        while (plugin->count() == 0)
             std::this_thread::yield();
     }
     return plugins;
@@ -80,7 +66,7 @@ inline SlowPlugins loadBus(bool park)
 
 // What the library offers: loads the bus in it. The plugins remain the caller's, as an opaque
 // pointer: that bus uses them until it has been unloaded.
-using LoadTheBus = void* (*)(bool park);
+using LoadTheBus = void* (*)(CMessageCenter::IdlePolicy policy);
 
 } // namespace lxstress
 

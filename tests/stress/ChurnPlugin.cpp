@@ -2,9 +2,9 @@
 // gives the bus to keep is data of the library, which dangles unless the bus makes copies; what it
 // puts is not, since that may wait in an inbox longer than the library stays.
 #include "ChurnPlugin.h"
-#include "Traffic.h"
+#include "Stress.h"
 
-class ChurnPlugin final : public lxstress::Receiver, public ChurnVisitor
+class ChurnPlugin final : public lxtest::Handler, public ChurnVisitor
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID ChurnVisitor_iid)
@@ -12,7 +12,7 @@ class ChurnPlugin final : public lxstress::Receiver, public ChurnVisitor
 public:
     void enter() override
     {
-        join(QStringLiteral("churn#" CHURNER), QStringLiteral(CHURN_TYPE));
+        lxstress::join(QStringLiteral("churn#" CHURNER), this, QStringLiteral(CHURN_TYPE));
         for (const QString& member : {QStringLiteral("churn#" CHURNER), QStringLiteral(CHURN_HOME)})
             setRelation(QStringLiteral(CHURN_BASE), member, churnRelatedType, RELATION_GREEN, 1);
         for (const int oper : {2, 1}) // instead of the one that an earlier visitor made
@@ -26,22 +26,13 @@ public:
     }
 
 private:
-    void receive(lxstress::Path path, const QString&, const QVariant& type,
-                 const QVariant& data) override
+    void handle(const lxtest::Call& call) override
     {
         if (m_left)
             qFatal("a handler was entered after UnReg had returned");
-        switch (path) {
-        case lxstress::Event:
-            ++(type == churnRelatedType ? relatedEvents : events);
-            break;
-        case lxstress::Quotation:
-            ++quotations;
-            break;
-        default:
-            ++messages;
-            put(path, m_source, m_home, type, data);
-        }
+        received |= call.type == churnRelatedType ? RelatedEvents : int(call.kind);
+        if (call.kind == lxtest::M)
+            lxstress::put(lxstress::Direct, m_source, m_home, call.type, call.data);
     }
 
     const QString m_source = QString::fromLatin1("churn#" CHURNER);

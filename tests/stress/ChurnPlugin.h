@@ -2,7 +2,6 @@
 #ifndef LXSTRESS_CHURNPLUGIN_H
 #define LXSTRESS_CHURNPLUGIN_H
 
-#include <QString>
 #include <QtPlugin>
 
 #include <atomic>
@@ -27,11 +26,9 @@ public:
     // Unregisters. A handler that is entered after that ends the program.
     virtual void leave() = 0;
 
-    // Handler calls so far.
-    std::atomic<int> messages{0};
-    std::atomic<int> quotations{0};
-    std::atomic<int> events{0};
-    std::atomic<int> relatedEvents{0};
+    // What has come so far: the kinds of traffic, and this for an event of its relation group.
+    static constexpr int RelatedEvents = 1;
+    std::atomic<int> received{0};
 };
 
 #define ChurnVisitor_iid "lxstress.ChurnVisitor"

@@ -1,65 +1,72 @@
-// What the stress programs share: their options, their verdict, and looks at the own process.
+// What the stress programs share: putting, waiting, and looks at the own process. Inline, because
+// the shutdown program and the library that it unloads run with different copies of the bus.
 #ifndef LXSTRESS_STRESS_H
 #define LXSTRESS_STRESS_H
 
-#include <QCommandLineParser>
-#include <QString>
+#include <lxtest/Plugin.h>
+#include <lxtest/Wait.h>
+
+#include <QDir>
 
 #include <functional>
-#include <thread>
+
+#include <dlfcn.h>
 
 namespace lxstress {
 
-// The command line of a stress program: --seed and --idle, and what the program adds. Prints the
-// seed, sets the idle policy, and switches the debug records and warnings of the bus off. A wrong
-// command line ends the program with a message.
-class Options : public QCommandLineParser
+enum Path { Direct, Net, Quotation, Event, PathCount };
+
+inline void put(Path path, const QString& srcId, const QString& dstId, const QVariant& type,
+                const QVariant& payload, bool toNet = false)
 {
-public:
-    Options(const char* purpose, const QList<QCommandLineOption>& additional = {});
+    if (path == Event) {
+        CRegManager::PutEvent(srcId, new lxtest::CountedEvent(srcId, dstId, type, payload));
+        return;
+    }
+    auto* const message = new lxtest::CountedMessage(srcId, dstId, type, payload);
+    message->SetSendToNetFlag(toNet);
+    static constexpr decltype(&CRegManager::Put) puts[] = {CRegManager::Put, CRegManager::PutNetMsg,
+                                                           CRegManager::PutQuotationMsg};
+    puts[path](srcId, message);
+}
 
-    bool parks() const { return value("idle") == "park"; }
-    quint64 number(const QString& name) const;
-};
+// Registers for everything, and subscribes to messages, quotations and events of `type`.
+inline void join(const QString& id, IMessageInterface* plugin, const QVariant& type)
+{
+    CRegManager::Reg(id, plugin, lxtest::All);
+    CRegManager::Sub(id, type, 1);
+    CRegManager::SubEvent(id, type, 1);
+}
 
-// Says what is wrong and counts it; only the first few are printed. Any thread.
-void fail(const char* format, ...) Q_ATTRIBUTE_FORMAT_PRINTF(1, 2);
-
-// The exit code: 0 and the summary printed if nothing failed.
-int verdict(const QString& summary);
-
-// Returns when `condition` holds. Ends the program with a message if `progress` (none: nothing) has
-// stood still for the time of a test's deadline before.
-using Progress = std::function<quint64()>;
-void waitFor(
-    const char* what, const std::function<bool()>& condition,
-    const Progress& progress = [] { return 0; });
+// Returns when `condition` holds, and ends the program with a message if it does not.
+template<class... Progress>
+void waitFor(const char* what, const std::function<bool()>& condition, const Progress&... progress)
+{
+    if (!lxtest::waitUntil(condition, progress...))
+        qFatal("no progress any more while waiting for %s", what);
+}
 
 // Returns when every counted record and payload has been handled or freed.
-void waitForRecords(const Progress& progress);
+inline void waitForRecords()
+{
+    const auto alive = [] {
+        return lxtest::CountedMessage::alive() + lxtest::CountedEvent::alive()
+            + lxtest::CountedPayload::alive();
+    };
+    waitFor(
+        "every record and payload to be handled or freed", [&] { return alive() == 0; }, alive);
+}
 
-// Threads of this process; bytes that it has allocated (0: not known, a sanitizer's allocator).
-int threadCount();
-std::size_t allocatedBytes();
+inline int threadCount()
+{
+    return QDir("/proc/self/task").entryList(QDir::Dirs | QDir::NoDotAndDotDot).size();
+}
 
 // Whether this library is still in the process.
-bool isMapped(const QString& library);
-
-// A number that depends on nothing but its arguments, evenly distributed.
-quint64 mixed(quint64 seed, quint64 stream, quint64 index);
-
-// A thread that the end of the scope waits for.
-class Joined : public std::thread
+inline bool isMapped(const QString& library)
 {
-public:
-    using std::thread::thread;
-    Joined(Joined&&) = default;
-    ~Joined()
-    {
-        if (joinable())
-            join();
-    }
-};
+    return dlopen(library.toLocal8Bit(), RTLD_LAZY | RTLD_NOLOAD) != nullptr;
+}
 
 } // namespace lxstress
 

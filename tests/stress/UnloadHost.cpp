@@ -3,9 +3,9 @@
 
 #include <utility>
 
-extern "C" Q_DECL_EXPORT void* loadTheBus(bool park)
+extern "C" Q_DECL_EXPORT void* loadTheBus(CMessageCenter::IdlePolicy policy)
 {
-    auto plugins = lxstress::loadBus(park);
-    plugins.back()->leave(); // its workers wait for an event loop that does not come any more
+    auto plugins = lxstress::loadBus(policy);
+    plugins.back()->leave(); // its workers wait for the event loop, which comes too late
     return new lxstress::SlowPlugins(std::move(plugins));
 }

@@ -4,22 +4,21 @@
 //
 // The functions below have the names of Qt's own and stand before them in the symbol search order
 // (every target of the build links this library first). Each forwards to Qt's and tells the
-// sanitizer which order the call establishes, no more than Qt really gives. What the bus, the
-// client and the tests do not use is not here: recursive mutexes, wait conditions, read-write
-// locks.
+// sanitizer which order the call establishes, no more than Qt really gives. What nobody here uses
+// is not here: recursive mutexes, wait conditions, read-write locks.
 #include <QCoreApplication>
+#include <QDeadlineTimer>
 #include <QMutex>
 #include <QObject>
-#include <QPluginLoader>
 #include <QSemaphore>
 #include <QThread>
 
 #include <dlfcn.h>
 #include <sanitizer/tsan_interface.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <mutex>
 
 namespace {
 
@@ -36,41 +35,6 @@ Function qtsOwn(const char* mangledName)
     }
     return reinterpret_cast<Function>(symbol);
 }
-
-std::recursive_mutex& linkerLock()
-{
-    static std::recursive_mutex mutex;
-    return mutex;
-}
-
-// A call that one thread queues for another. Both hold it, and whoever is last destroys it: it is
-// ordered behind the queueing in the thread that runs it, and its destruction behind both.
-class OrderedCall : public QtPrivate::QSlotObjectBase
-{
-public:
-    explicit OrderedCall(QtPrivate::QSlotObjectBase* call)
-        : QSlotObjectBase(&OrderedCall::operate)
-        , m_call(call)
-    {
-        __tsan_release(this);
-    }
-
-private:
-    static void operate(int which, QSlotObjectBase* base, QObject* receiver, void** args, bool*)
-    {
-        auto* const self = static_cast<OrderedCall*>(base);
-        __tsan_acquire(self);
-        if (which == Call) {
-            self->m_call->call(receiver, args);
-            __tsan_release(self);
-        } else if (which == Destroy) {
-            self->m_call->destroyIfLastRef();
-            delete self;
-        }
-    }
-
-    QtPrivate::QSlotObjectBase* const m_call;
-};
 
 // Whoever posts an event to an object is ordered before that object's handling of it.
 bool acquireWhatWasPosted(void** receiverEventAndResult)
@@ -127,9 +91,7 @@ void QSemaphore::release(int n)
 
 void QSemaphore::acquire(int n)
 {
-    static const auto own = qtsOwn<void (*)(QSemaphore*, int)>("_ZN10QSemaphore7acquireEi");
-    own(this, n);
-    __tsan_acquire(this);
+    tryAcquire(n, -1);
 }
 
 bool QSemaphore::tryAcquire(int n, int timeout)
@@ -165,42 +127,8 @@ bool QThread::wait(QDeadlineTimer deadline)
 
 bool QThread::wait(unsigned long time)
 {
-    static const auto own = qtsOwn<bool (*)(QThread*, unsigned long)>("_ZN7QThread4waitEm");
-    const bool ended = own(this, time);
-    if (ended)
-        __tsan_acquire(this);
-    return ended;
-}
-
-// The dynamic linker maps and unmaps libraries one at a time, which the sanitizer does not see; it
-// would take one library for racing with another that had its addresses before.
-bool QPluginLoader::load()
-{
-    static const auto own = qtsOwn<bool (*)(QPluginLoader*)>("_ZN13QPluginLoader4loadEv");
-    const std::lock_guard<std::recursive_mutex> lock(linkerLock());
-    return own(this);
-}
-
-QObject* QPluginLoader::instance()
-{
-    static const auto own = qtsOwn<QObject* (*)(QPluginLoader*)>("_ZN13QPluginLoader8instanceEv");
-    load();
-    return own(this);
-}
-
-bool QPluginLoader::unload()
-{
-    static const auto own = qtsOwn<bool (*)(QPluginLoader*)>("_ZN13QPluginLoader6unloadEv");
-    const std::lock_guard<std::recursive_mutex> lock(linkerLock());
-    return own(this);
-}
-
-void QCoreApplication::postEvent(QObject* receiver, QEvent* event, int priority)
-{
-    static const auto own = qtsOwn<void (*)(QObject*, QEvent*, int)>(
-        "_ZN16QCoreApplication9postEventEP7QObjectP6QEventi");
-    __tsan_release(receiver);
-    own(receiver, event, priority);
+    return wait(time == ULONG_MAX ? QDeadlineTimer(QDeadlineTimer::Forever)
+                                  : QDeadlineTimer(qint64(time)));
 }
 
 void QObject::deleteLater()
@@ -210,6 +138,8 @@ void QObject::deleteLater()
     own(this);
 }
 
+// The call is never destroyed: who would do that last is ordered by a count that the sanitizer does
+// not see.
 bool QMetaObject::invokeMethodImpl(QObject* object, QtPrivate::QSlotObjectBase* slot,
                                    Qt::ConnectionType type, void* ret)
 {
@@ -217,5 +147,7 @@ bool QMetaObject::invokeMethodImpl(QObject* object, QtPrivate::QSlotObjectBase* 
         qtsOwn<bool (*)(QObject*, QtPrivate::QSlotObjectBase*, Qt::ConnectionType, void*)>(
             "_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14"
             "ConnectionTypeEPv");
-    return own(object, new OrderedCall(slot), type, ret);
+    slot->ref();
+    __tsan_release(object);
+    return own(object, slot, type, ret);
 }

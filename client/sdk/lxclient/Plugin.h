@@ -20,11 +20,12 @@ namespace lxclient {
 //         Q_INTERFACES(lxclient::Plugin)
 //
 // Metadata (the JSON file):
-//     "id"         the plugin's ID on the bus, required; no other plugin in the folder has it
+//     "id"         the plugin's ID on the bus, required, without a "#"; no other plugin in the
+//                  folder has it
 //     "instances"  optional, the name of a setting that holds a number N: there are then N objects
-//     of
-//                  the class, with the IDs id#1 to id#N. The class needs a constructor without
+//                  of the class, with the IDs id#1 to id#N. The class needs a constructor without
 //                  arguments that is declared Q_INVOKABLE.
+// A folder needs one plugin at least that is an Input.
 //
 // Life, all on the host's main thread, which runs an event loop:
 //  1. Every library in the plugin folder is loaded and its root object made. Constructors touch
@@ -33,7 +34,8 @@ namespace lxclient {
 //  3. Plugins that are an Input as well are started when all plugins have been initialised: whoever
 //     subscribes in initialise misses nothing.
 //  4. report, as often as the host likes, also while handlers run.
-//  5. The inputs are stopped, and the host waits until the ledger balances and stands still.
+//  5. The inputs have ended, by themselves or stopped at an interruption, and the host waits until
+//     the ledger balances and stands still; it gives up when nothing has moved for 30 seconds.
 //  6. shutDown, in the reverse order of 2.
 //  7. report, once more; then the object is destroyed and its library unloaded.
 // Another way to the end: if a library is refused or an initialise fails, those already initialised
@@ -58,7 +60,8 @@ public:
     virtual bool initialise(const QString& id, const QVariantMap& settings, QString& reason) = 0;
 
     // Ends what initialise began: unregisters first, then releases. Called once if initialise
-    // returned true. Whatever was put before has been handled by then.
+    // returned true. Whatever was put before has been handled by then, unless the host gave up
+    // waiting for it.
     virtual void shutDown() = 0;
 
     // What the plugin has to say about itself at the moment; quick, and without side effects.

@@ -58,7 +58,8 @@ public:
     bool GetSendToNetFlag();
     void SetSendToNetFlag(bool sendToNet);
 
-    // Names the business transaction that the message belongs to, for following it through logs.
+    // Names the business transaction that the message belongs to. The bus carries it along, and
+    // neither logs it nor hands it to receivers.
     QString traceId() const { return m_trace_id; }
     void setTraceId(const QString& traceId) { m_trace_id = traceId; }
 

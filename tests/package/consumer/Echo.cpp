@@ -26,20 +26,14 @@ public:
         const auto pool = reinterpret_cast<quintptr>(CMessageCommonManage::GetInstance());
         const QVariantList answer{data, qulonglong(center), qulonglong(pool)};
         Put(m_id, new CMessageCommon(m_id, srcId, type, answer));
-#ifdef QT_NO_KEYWORDS
-        Q_EMIT answered();
-#else
-        emit answered();
+#ifndef QT_NO_KEYWORDS
+        emit answered(); // the headers have left the macro alone
 #endif
     }
     void RecvEvent(QString, QVariant, QVariant) override { }
     void RecvQuotationMsg(QString, QVariant, QVariant) override { }
 
-#ifdef QT_NO_KEYWORDS
 Q_SIGNALS:
-#else
-signals:
-#endif
     void answered();
 
 private:

@@ -8,60 +8,47 @@
 #include <QMetaType>
 
 #include <atomic>
-#include <utility>
 
 namespace lxtest {
 
-// `Record` with a ledger: a record that is not deleted leaves alive() above zero, one that is
-// deleted twice below. The bus deletes through the virtual destructor of `Record`.
-template<class Record>
-class Counted : public Record
+// Counts the objects of a class that derives from it: one that is not destroyed leaves alive()
+// above zero, one that is destroyed twice below.
+template<class What>
+class Counts
 {
 public:
-    template<class... Args>
-    explicit Counted(Args&&... args)
-        : Record(std::forward<Args>(args)...)
-    {
-        ++s_made;
-    }
-    ~Counted() override { ++s_deleted; }
-    Counted(const Counted&) = delete;
-    Counted& operator=(const Counted&) = delete;
+    Counts() { ++s_made; }
+    Counts(const Counts&) { ++s_made; }
+    Counts& operator=(const Counts&) = default;
+    ~Counts() { ++s_destroyed; }
 
     static int made() { return s_made; }
-    static int alive() { return s_made - s_deleted; }
+    static int alive() { return s_made - s_destroyed; }
 
 private:
     inline static std::atomic<int> s_made{0};
-    inline static std::atomic<int> s_deleted{0};
+    inline static std::atomic<int> s_destroyed{0};
 };
 
-using CountedMessage = Counted<CMessageCommon>;
-using CountedEvent = Counted<CEventMessageCommon>;
+// The bus destroys them through the virtual destructors of their bases.
+struct CountedMessage : CMessageCommon, Counts<CountedMessage>
+{
+    using CMessageCommon::CMessageCommon;
+};
+struct CountedEvent : CEventMessageCommon, Counts<CountedEvent>
+{
+    using CEventMessageCommon::CEventMessageCommon;
+};
 
-// A payload for a QVariant that counts its instances, so that a test sees whether a queue item
-// that holds one has been freed. Copies of the variant share one instance.
-struct CountedPayload
+// For a QVariant, so that a test sees whether a queue item that holds one has been freed. Copies of
+// the variant share one object.
+struct CountedPayload : Counts<CountedPayload>
 {
     explicit CountedPayload(int number = 0)
         : value(number)
-    {
-        ++s_alive;
-    }
-    CountedPayload(const CountedPayload& other)
-        : value(other.value)
-    {
-        ++s_alive;
-    }
-    CountedPayload& operator=(const CountedPayload&) = default;
-    ~CountedPayload() { --s_alive; }
-
-    static int alive() { return s_alive; }
+    { }
 
     int value;
-
-private:
-    inline static std::atomic<int> s_alive{0};
 };
 
 } // namespace lxtest

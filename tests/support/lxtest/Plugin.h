@@ -10,6 +10,7 @@
 #include <QMutex>
 #include <QSharedPointer>
 #include <QString>
+#include <QThread>
 #include <QVariant>
 #include <QVector>
 
@@ -34,16 +35,40 @@ inline CMessageCenter& center()
 }
 
 // With a source field that is nobody's ID.
-CountedMessage* message(const QString& dst, const QVariant& type, const QVariant& data = {});
-CountedEvent* makeEvent(const QString& dst, const QVariant& type, const QVariant& data = {},
-                        const QString& src = {});
+inline CountedMessage* message(const QString& dst, const QVariant& type, const QVariant& data = {})
+{
+    return new CountedMessage(QStringLiteral("origin"), dst, type, data);
+}
+
+inline CountedEvent* makeEvent(const QString& dst, const QVariant& type, const QVariant& data = {},
+                               const QString& src = {})
+{
+    return new CountedEvent(src, dst, type, data);
+}
 
 // Delivers one item to one plugin. An event is of a type that leaves no trace in the log.
-void deliverTo(const QString& id, Kind kind, const QVariant& data);
+inline void deliverTo(const QString& id, Kind kind, const QVariant& data)
+{
+    if (kind == M)
+        center().Put(QStringLiteral("tester"), message(id, 1, data));
+    else if (kind == E)
+        center().PutEvent(QStringLiteral("tester"), makeEvent(id, 0x30005, data));
+    else
+        center().ProcessQuotationMsg(Reference(message(id, 1, data)));
+}
 
 // IDs and types that no other test of the program uses.
-QString uniqueId();
-int uniqueType();
+inline QString uniqueId()
+{
+    static std::atomic<int> last{0};
+    return QStringLiteral("plugin%1").arg(++last);
+}
+
+inline int uniqueType()
+{
+    static std::atomic<int> last{1000};
+    return ++last;
+}
 
 // One call of a handler.
 struct Call
@@ -52,11 +77,29 @@ struct Call
     QString srcId;
     QVariant type;
     QVariant data;
-    QString thread; // object name of the thread on which the handler ran
+    QString thread = QThread::currentThread()->objectName();
+};
+
+// A plugin with one function for its three handlers.
+class Handler : public IMessageInterface
+{
+public:
+    void RecvMsg(QString src, QVariant type, QVariant data) final { handle({M, src, type, data}); }
+    void RecvEvent(QString src, QVariant type, QVariant data) final
+    {
+        handle({E, src, type, data});
+    }
+    void RecvQuotationMsg(QString src, QVariant type, QVariant data) final
+    {
+        handle({Q, src, type, data});
+    }
+
+private:
+    virtual void handle(const Call& call) = 0;
 };
 
 // Remembers every handler call; the call is visible to the others once its action has returned.
-class Recorder : public IMessageInterface
+class Recorder : public Handler
 {
 public:
     using Action = std::function<void(const Call&)>;
@@ -65,9 +108,24 @@ public:
     void onCall(Action action) { m_action = std::move(action); }
 
     // What has been received so far, in order.
-    QVector<Call> calls(Kind kinds = All) const;
-    QVariantList payloads(Kind kinds = All) const;
-    int count() const;
+    QVector<Call> calls(Kind kinds = All) const
+    {
+        const QMutexLocker locker(&m_mutex);
+        QVector<Call> result;
+        for (const Call& call : m_calls) {
+            if (call.kind & kinds)
+                result << call;
+        }
+        return result;
+    }
+    QVariantList payloads(Kind kinds = All) const
+    {
+        QVariantList result;
+        for (const Call& call : calls(kinds))
+            result << call.data;
+        return result;
+    }
+    int count() const { return calls().size(); }
 
     // Waits until `count` calls have been made. False: not in time.
     [[nodiscard]] bool waitForCalls(int count) const
@@ -75,21 +133,22 @@ public:
         return waitUntil([&] { return this->count() >= count; });
     }
 
-    void RecvMsg(QString src, QVariant type, QVariant data) override { record(M, src, type, data); }
-    void RecvEvent(QString src, QVariant type, QVariant data) override
-    {
-        record(E, src, type, data);
-    }
-    void RecvQuotationMsg(QString src, QVariant type, QVariant data) override
-    {
-        record(Q, src, type, data);
-    }
-
 protected:
+    static QString settleMarker() { return QStringLiteral("lxtest.settle"); }
     std::atomic<int> m_settled{0}; // how many settle markers have come
 
 private:
-    void record(Kind kind, const QString& src, const QVariant& type, const QVariant& data);
+    void handle(const Call& call) override
+    {
+        if (call.data == settleMarker()) {
+            ++m_settled;
+            return;
+        }
+        if (m_action)
+            m_action(call);
+        const QMutexLocker locker(&m_mutex);
+        m_calls << call;
+    }
 
     Action m_action;
     mutable QMutex m_mutex;
@@ -119,7 +178,17 @@ public:
 
     // Returns when all that this thread has put to this plugin has been handled: a marker is put
     // behind it, and not recorded. It does not cover the dispatch threads. False: not in time.
-    [[nodiscard]] bool settle();
+    [[nodiscard]] bool settle()
+    {
+        int expected = m_settled;
+        for (const Kind kind : {M, Q, E}) {
+            if (m_kinds & kind) {
+                ++expected;
+                deliverTo(m_id, kind, settleMarker());
+            }
+        }
+        return waitUntil([&] { return m_settled == expected; });
+    }
 
     void leave()
     {

@@ -27,7 +27,8 @@ QMap<QByteArray, std::function<int()>>& scenarios()
 // A plain function works to the very end of the process; a message pattern does not.
 void writeForParent(QtMsgType level, const QMessageLogContext& context, const QString& text)
 {
-    std::fprintf(stderr, "%s %s: %s\n", nameOf(level), context.category, qPrintable(text));
+    std::fprintf(stderr, "%s %s: %s\n", qPrintable(nameOf(level)), context.category,
+                 qPrintable(text));
 }
 
 } // namespace
@@ -48,7 +49,7 @@ ChildResult runChild(const char* scenario)
     QProcess child;
     child.start(QCoreApplication::applicationFilePath(),
                 {QLatin1String(childOption), QLatin1String(scenario)});
-    if (!child.waitForFinished(deadlineMs)) {
+    if (!child.waitForFinished(2 * deadlineMs)) {
         child.kill();
         child.waitForFinished();
     }
