@@ -192,7 +192,7 @@ private slots:
         thread->setMutex(&mutex);
         thread->setList(nullptr); // ignored, these three
         thread->setMutex(nullptr);
-        thread->setParking(nullptr);
+        thread->setState(nullptr);
         thread->start();
         QVERIFY(thread->wait(deadlineMs));
         QVariantList rest;

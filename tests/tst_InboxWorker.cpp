@@ -3,7 +3,7 @@
 #include <lxtest/TestClock.h>
 
 #include <lxbase/MessageWorkerThread.h>
-#include <lxbase/Parking.h>
+#include <lxbase/Inbox.h>
 
 #include <QLoggingCategory>
 #include <QRegularExpression>
@@ -106,19 +106,20 @@ private slots:
     void aWorkerThatIsToStopDoesNotBeginToWait()
     {
         QMutex mutex;
-        CParking parking;
+        lxbase::detail::InboxState state(CMessageCenter::IdlePolicy::Park);
+        const lxbase::detail::InboxBase inbox{&mutex, &state};
         const std::atomic<bool> stop{true};
         const std::unique_ptr<QThread> thread(QThread::create([&] {
-            ListPace pace;
+            lxbase::detail::Backoff backoff;
             for (int look = 0; look < 100; ++look) { // more than it makes before it waits
                 mutex.lock();
-                idle(mutex, &parking, stop, pace);
+                inbox.idle(stop, backoff);
             }
         }));
         thread->start();
         const bool ended = thread->wait(deadlineMs);
         while (!thread->wait(1))
-            wake(mutex, &parking);
+            inbox.wake();
         QVERIFY(ended);
     }
 
@@ -129,11 +130,11 @@ private slots:
         worker.setInterface(&plugin);
         worker.setList(new QVector<MsgQueueItem*>{nullptr, makeItem(1), nullptr, makeItem(2)});
         worker.setMutex(new QMutex);
-        worker.setParking(new CParking);
+        worker.setState(new lxbase::detail::InboxState(CMessageCenter::IdlePolicy::Park));
         worker.setInterface(nullptr);
         worker.setList(nullptr);
         worker.setMutex(nullptr);
-        worker.setParking(nullptr);
+        worker.setState(nullptr);
         worker.start();
         const bool received = plugin.waitForCalls(2);
         worker.setStop(true);

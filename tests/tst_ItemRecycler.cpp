@@ -14,21 +14,21 @@ namespace {
 std::vector<void*> takeBlocks(int count)
 {
     std::vector<void*> blocks(static_cast<std::size_t>(count));
-    std::generate(blocks.begin(), blocks.end(), &CItemRecycler::take);
+    std::generate(blocks.begin(), blocks.end(), &lxbase::detail::ItemRecycler::take);
     return blocks;
 }
 
 void giveBlocks(const std::vector<void*>& blocks)
 {
-    std::for_each(blocks.begin(), blocks.end(), &CItemRecycler::give);
+    std::for_each(blocks.begin(), blocks.end(), &lxbase::detail::ItemRecycler::give);
 }
 
 // Takes what earlier threads left in the store.
 std::vector<void*> emptyStore()
 {
     std::vector<void*> blocks;
-    while (CItemRecycler::stored() > 0)
-        blocks.push_back(CItemRecycler::take());
+    while (lxbase::detail::ItemRecycler::stored() > 0)
+        blocks.push_back(lxbase::detail::ItemRecycler::take());
     return blocks;
 }
 
@@ -39,7 +39,7 @@ struct LastWords
     ~LastWords()
     {
         if (used)
-            giveBlocks(takeBlocks(3 * CItemRecycler::ChainLength));
+            giveBlocks(takeBlocks(3 * lxbase::detail::ItemRecycler::ChainLength));
     }
     bool used = false;
 };
@@ -60,7 +60,7 @@ private slots:
             threads.emplace_back([&, id] {
                 for (int round = 0; round < 10000; ++round) {
                     // more than a thread keeps to itself
-                    const std::vector<void*> blocks = takeBlocks(4 * CItemRecycler::ChainLength);
+                    const std::vector<void*> blocks = takeBlocks(4 * lxbase::detail::ItemRecycler::ChainLength);
                     for (void* block : blocks)
                         *static_cast<int*>(block) = id;
                     for (void* block : blocks)
@@ -77,7 +77,7 @@ private slots:
     void blocksOutliveTheThreadThatGaveThem()
     {
         constexpr int chains = 5;
-        constexpr int blocks = chains * CItemRecycler::ChainLength - 1; // the last is not full
+        constexpr int blocks = chains * lxbase::detail::ItemRecycler::ChainLength - 1; // the last is not full
         const std::vector<void*> others = emptyStore();                 // so that it has room
         std::vector<void*> first;
         std::thread([&] { first = takeBlocks(blocks); }).join();
@@ -92,9 +92,9 @@ private slots:
 
     void theStoreIsBounded()
     {
-        constexpr int chains = CItemRecycler::MostStored + 10;
-        std::thread([&] { giveBlocks(takeBlocks(chains * CItemRecycler::ChainLength)); }).join();
-        QCOMPARE(CItemRecycler::stored(), CItemRecycler::MostStored);
+        constexpr int chains = lxbase::detail::ItemRecycler::MaxStored + 10;
+        std::thread([&] { giveBlocks(takeBlocks(chains * lxbase::detail::ItemRecycler::ChainLength)); }).join();
+        QCOMPARE(lxbase::detail::ItemRecycler::stored(), lxbase::detail::ItemRecycler::MaxStored);
     }
 
     void aThreadThatHasEndedItsUseGetsBlocksAndKeepsNone()
@@ -104,7 +104,7 @@ private slots:
             lastWords.used = true;
             giveBlocks(takeBlocks(1));
         }).join();
-        QCOMPARE(CItemRecycler::stored(), 1); // what it had before, not its last words
+        QCOMPARE(lxbase::detail::ItemRecycler::stored(), 1); // what it had before, not its last words
         giveBlocks(others);
     }
 };

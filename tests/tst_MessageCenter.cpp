@@ -27,12 +27,12 @@ struct Subscriptions
         return ids;
     }
 
-    CSubscriptionTable::IdsByType idsByType;
-    CSubscriptionTable::IdsByInt idsByInt;
-    CSubscriptionTable::TypesById typesById;
+    lxbase::detail::SubscriptionTable::IdsByType idsByType;
+    lxbase::detail::SubscriptionTable::IdsByInt idsByInt;
+    lxbase::detail::SubscriptionTable::TypesById typesById;
     QMutex idsMutex;
     QMutex typesMutex;
-    CSubscriptionTable table{idsByType, idsByInt, idsMutex, typesById, typesMutex};
+    lxbase::detail::SubscriptionTable table{idsByType, idsByInt, idsMutex, typesById, typesMutex};
 };
 
 // A look at members of the center, past its access control (which explicit instantiation does not

@@ -1,99 +1,129 @@
-// Delivery: what registration, the put paths and unregistration share of a receiver's inbox.
+// Delivery: one put on its way to its receivers, on every path.
 // Internal: not installed.
 #ifndef LXBASE_DELIVERY_H
 #define LXBASE_DELIVERY_H
 
-#include <lxbase/Parking.h>
+#include <lxbase/Inbox.h>
+#include <lxbase/LxbaseLog.h>
 #include <lxbase/SubscriptionTable.h>
 
 #include <QMutex>
 #include <QString>
-#include <QThread>
 #include <QVariant>
-#include <QVector>
 
+#include <exception>
 #include <memory>
 #include <type_traits>
 #include <utility>
 
-class IMessageInterface;
-
-// The inbox of one worker, as the registry records show it to the put paths. All null for a plugin
-// that did not ask for the kind of traffic; `parking` is null under IdlePolicy::Poll as well.
-template<class Item>
-struct Inbox
-{
-    QVector<Item*>* list = nullptr;
-    QMutex* mutex = nullptr;
-    CParking* parking = nullptr;
-};
-
-// Makes a worker for the inbox, which belongs to it from here on, and starts it.
-template<class Worker, class Item>
-Worker* startWorker(const QString& id, const char* nameSuffix, IMessageInterface* plugin,
-                    const Inbox<Item>& inbox)
-{
-    auto* worker = new Worker;
-    worker->setObjectName(id + QLatin1String(nameSuffix));
-    worker->setId(id);
-    worker->setInterface(plugin);
-    worker->setList(inbox.list);
-    worker->setMutex(inbox.mutex);
-    worker->setParking(inbox.parking);
-    worker->start(QThread::InheritPriority);
-    return worker;
-}
-
-// How a put path reaches a receiver: the registry, its lock, and the inbox that `InboxOf` picks
-// from a registry record.
-template<class Registry, class InboxOf>
-struct Delivery
-{
-    const Registry& registry;
-    QMutex& registryMutex;
-    InboxOf inboxOf;
-
-    // Queues an item with `values` (copied, or moved from an rvalue) for `id`. A record without
-    // that inbox gets nothing. False: the ID is not registered.
-    //
-    // The item is made before the lock is taken. The lock is held until the item is in the inbox,
-    // so the receiver cannot be released in between.
-    template<class Values>
-    bool operator()(const QString& id, Values&& values) const
-    {
-        auto item = std::make_unique<std::decay_t<Values>>(std::forward<Values>(values));
-        const QMutexLocker locker(&registryMutex);
-        const auto record = registry.constFind(id);
-        if (record == registry.constEnd())
-            return false;
-        const auto inbox = inboxOf(**record);
-        if (inbox.list) {
-            append(*inbox.list, *inbox.mutex, inbox.parking, item.get());
-            static_cast<void>(item.release()); // the inbox has it
-        }
-        return true;
-    }
-};
-
-template<class Registry, class InboxOf>
-Delivery(const Registry&, QMutex&, InboxOf) -> Delivery<Registry, InboxOf>;
+namespace lxbase::detail {
 
 enum class Routed { Done, UnknownDestination, UnknownType };
 
-// Where a record goes, on every path: to its destination if it names one, else to the subscribers
-// of its type save `skippedId` (null: all of them). Subscribers that are not registered are passed
-// over. A directed record gives its values away, a broadcast copies them for each receiver.
-template<class Item, class DeliverTo>
-Routed route(const QString& dstId, Item& values, const QString* skippedId,
-             const CSubscriptionTable& subscriptions, const DeliverTo& deliverTo)
+// Whether a broadcast leaves out the subscriber that put it.
+enum class Sender { LeftOut, Included };
+
+// The receivers are looked up in `registry`; `inboxOf` picks the inbox from a registry record, and
+// `makeItem` makes the item for one receiver from the sender's ID, the type and the record put.
+//
+// Payloads may be of any class, so its code runs here: a copy is made for each receiver, and one
+// that nobody could take is destroyed with this object, when no lock is held any more. If a copy
+// throws, that receiver goes without; the others get theirs.
+template<class Registry, class InboxOf, class MakeItem>
+class Delivery
 {
-    if (!dstId.isEmpty())
-        return deliverTo(dstId, std::move(values)) ? Routed::Done : Routed::UnknownDestination;
-    const bool known = subscriptions.forEachSubscriber(values.type, [&](const QString& id) {
-        if (!skippedId || id != *skippedId)
-            deliverTo(id, qAsConst(values));
-    });
-    return known ? Routed::Done : Routed::UnknownType;
-}
+public:
+    Delivery(const Registry& registry, QMutex& registryMutex, InboxOf inboxOf, QString srcId,
+             QVariant type, MakeItem makeItem)
+        : m_registry(registry)
+        , m_registry_mutex(registryMutex)
+        , m_inbox_of(inboxOf)
+        , m_src_id(std::move(srcId))
+        , m_type(std::move(type))
+        , m_make_item(makeItem)
+    { }
+
+    // To the destination if there is one, else to the subscribers of the type. Subscribers that are
+    // not registered are passed over.
+    Routed route(const QString& dstId, const SubscriptionTable& subscriptions, Sender sender)
+    {
+        if (!dstId.isEmpty()) // the only receiver may have the sender's ID itself
+            return queue(dstId, std::move(m_src_id)) ? Routed::Done : Routed::UnknownDestination;
+        const bool known = subscriptions.forEachSubscriber(m_type, [&](const QString& id) {
+            if (sender == Sender::Included || id != m_src_id)
+                alsoTo(id);
+        });
+        return known ? Routed::Done : Routed::UnknownType;
+    }
+
+    // After a broadcast: to one receiver more.
+    void alsoTo(const QString& id) { queue(id, m_src_id); }
+
+    const QString& srcId() const { return m_src_id; }
+
+    // With no lock held, after all: writes a critical record if a receiver went without.
+    void logFailure(const LogPlace& place) const
+    {
+        if (!m_failure || !lcLxbase().isCriticalEnabled())
+            return;
+        try {
+            std::rethrow_exception(m_failure);
+        } catch (const std::exception& e) {
+            logFailure(place, e.what());
+        } catch (...) {
+            logFailure(place, "of an unknown class");
+        }
+    }
+
+private:
+    using Item = std::remove_pointer_t<std::invoke_result_t<MakeItem, QString, const QVariant&>>;
+
+    // False: the ID is not registered. A record without that inbox gets nothing. The registry's
+    // mutex is held until the item is in the inbox, so that the receiver cannot be released in
+    // between.
+    bool queue(const QString& id, QString srcId)
+    {
+        try {
+            if (!m_item)
+                m_item.reset(m_make_item(std::move(srcId), m_type));
+            const QMutexLocker locker(&m_registry_mutex);
+            const auto record = m_registry.constFind(id);
+            if (record == m_registry.constEnd())
+                return false;
+            if (const Inbox<Item*> inbox = m_inbox_of(**record)) {
+                inbox.append(m_item.get());
+                static_cast<void>(m_item.release()); // the inbox has it
+            }
+        } catch (...) {
+            ++m_failures;
+            if (!m_failure) {
+                m_failure = std::current_exception();
+                m_first_without = id;
+            }
+        }
+        return true;
+    }
+
+    void logFailure(const LogPlace& place, const char* exception) const
+    {
+        place.logger().critical() << "not delivered to" << m_first_without << "and"
+                                  << m_failures - 1 << "others, type:" << m_type
+                                  << ", exception:" << exception;
+    }
+
+    const Registry& m_registry;
+    QMutex& m_registry_mutex;
+    const InboxOf m_inbox_of;
+    QString m_src_id;
+    QVariant m_type;
+    const MakeItem m_make_item;
+    std::unique_ptr<Item> m_item; // made for somebody who could not take it: the next one's
+
+    std::exception_ptr m_failure; // the first
+    QString m_first_without;
+    int m_failures = 0;
+};
+
+} // namespace lxbase::detail
 
 #endif

@@ -1,7 +1,7 @@
 #include <lxbase/DispatchThread.h>
 
+#include <lxbase/Inbox.h>
 #include <lxbase/MessageCenter.h>
-#include <lxbase/Parking.h>
 
 #include <lxplatform/Clock.h>
 
@@ -9,39 +9,21 @@
 
 CDispatchThread::~CDispatchThread() = default;
 
-void CDispatchThread::setMutex(QMutex* mutex)
-{
-    if (mutex)
-        m_mutex = mutex;
-}
-
 void CDispatchThread::setList(MessageList* list)
 {
     if (list)
         m_list = list;
 }
 
-void CDispatchThread::setParking(CParking* parking)
-{
-    if (parking)
-        m_parking = parking;
-}
-
-void CDispatchThread::setStop(bool stop)
-{
-    m_stop = stop;
-    if (stop && m_mutex)
-        wake(*m_mutex, m_parking);
-}
-
 // Taking messages off the front of the shared list one by one would move everything behind them,
 // under the lock, each time. Instead the waiting messages are taken over in one exchange and routed
 // from the local batch; a stop gives the rest back. An empty reference is dropped like an empty
-// look, with the shortest sleep.
+// poll, with the shortest sleep.
 void CDispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessageCommon> msg))
 {
+    const lxbase::detail::Inbox<MessageList::value_type> inbox{{m_mutex, m_state}, m_list};
+    lxbase::detail::Backoff backoff;
     MessageList batch;
-    ListPace pace;
     while (!m_stop) {
         if (!m_list) {
             lxplatform::sleepMs(1);
@@ -53,12 +35,12 @@ void CDispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessag
         }
         m_mutex->lock();
         if (m_list->isEmpty()) {
-            idle(*m_mutex, m_parking, m_stop, pace);
+            inbox.idle(m_stop, backoff);
             continue;
         }
         m_list->swap(batch);
         m_mutex->unlock();
-        pace.found += batch.size();
+        backoff.taken += batch.size();
 
         int taken = 0;
         while (taken < batch.size() && !m_stop) {

@@ -9,7 +9,7 @@ CEventWorkerThread::~CEventWorkerThread() = default;
 
 void CEventWorkerThread::run()
 {
-    drain({&IMessageInterface::RecvEvent, Take::Copy, 300000, AfterRecord::KeepCounts,
+    drain({&IMessageInterface::RecvEvent, Take::Copy, 5 * 60 * 1000, AfterRecord::KeepCounts,
            "CEventWorkerThread::run"},
           LXBASE_LOG_PLACE);
 }

@@ -1,22 +1,56 @@
 #include <lxbase/InboxWorker.h>
 
-#include <lxbase/EventWorkerThread.h>
+#include <lxbase/Inbox.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageInterface.h>
-#include <lxbase/MessageWorkerThread.h>
-#include <lxbase/Parking.h>
+#include <lxbase/QueueItems.h>
 
 #include <lxplatform/Clock.h>
+
+#include <QSet>
 
 #include <algorithm>
 #include <limits>
 #include <memory>
 #include <utility>
 
+namespace {
+
+// Workers that have ended and are still there. Never destroyed: an event loop may delete a worker
+// at any time.
+struct Retired
+{
+    QMutex mutex;
+    QSet<CInboxWorkerBase*> workers; // guarded by mutex
+};
+
+Retired& retired()
+{
+    static auto* const all = new Retired;
+    return *all;
+}
+
+} // namespace
+
 CInboxWorkerBase::~CInboxWorkerBase()
 {
-    delete m_parking;
+    {
+        const QMutexLocker locker(&retired().mutex);
+        retired().workers.remove(this);
+    }
+    delete m_state;
     delete m_mutex;
+}
+
+CInboxWorkerBase* CInboxWorkerBase::current()
+{
+    return dynamic_cast<CInboxWorkerBase*>(QThread::currentThread());
+}
+
+const std::atomic<bool>* CInboxWorkerBase::unregistering(const QString& id)
+{
+    const CInboxWorkerBase* const worker = current();
+    return worker && worker->m_id == id ? &worker->m_unregistering : nullptr;
 }
 
 void CInboxWorkerBase::setId(QString id)
@@ -30,23 +64,30 @@ void CInboxWorkerBase::setInterface(IMessageInterface* pInterface)
         m_interface = pInterface;
 }
 
-void CInboxWorkerBase::setMutex(QMutex* mutex)
+void CInboxWorkerBase::retire()
 {
-    if (mutex)
-        m_mutex = mutex;
+    {
+        const QMutexLocker locker(&retired().mutex);
+        retired().workers.insert(this);
+    }
+    deleteLater();
 }
 
-void CInboxWorkerBase::setParking(CParking* parking)
+// A worker whose deletion has begun on another thread waits there for the mutex, so those in the
+// set may be asked for their thread. That is null if its QThread object has been deleted, such as
+// that of a worker whose handler registered this one.
+void CInboxWorkerBase::deleteRetired()
 {
-    if (parking)
-        m_parking = parking;
-}
-
-void CInboxWorkerBase::setStop(bool stop)
-{
-    m_stop = stop;
-    if (stop && m_mutex)
-        wake(*m_mutex, m_parking);
+    QVector<CInboxWorkerBase*> left;
+    {
+        const QMutexLocker locker(&retired().mutex);
+        for (CInboxWorkerBase* worker : qAsConst(retired().workers)) {
+            const QThread* const thread = worker->thread();
+            if (!thread || thread == QThread::currentThread() || thread->isFinished())
+                left.append(worker);
+        }
+    }
+    qDeleteAll(left);
 }
 
 template<class Item>
@@ -63,33 +104,34 @@ void CInboxWorker<Item>::setList(QVector<Item*>* list)
         m_list = list;
 }
 
-// A look at the inbox finds either nothing, and the thread idles, or a batch: everything that
+// A poll of the inbox finds either nothing, and the thread idles, or a batch: everything that
 // waits. The lock is held for the count and the taking only, never while a handler runs. After a
-// batch the next look follows at once. `batch` lives across looks, so that its storage is reused.
+// batch the next poll follows at once. `batch` lives across polls, so that its storage is reused.
 template<class Item>
-void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& place)
+void CInboxWorker<Item>::drain(const WorkerProfile& profile, const lxbase::detail::LogPlace& place)
 {
     quint32 lastRecord = lxplatform::tickCountMs();
     if (m_stop)
         return;
+    const lxbase::detail::Inbox<Item*> inbox{{m_mutex, m_state}, m_list};
+    lxbase::detail::Backoff backoff;
     QVector<Item*> batch;
-    ListPace pace;
     while (!m_stop) {
         if (!m_mutex)
             continue;
         m_mutex->lock();
         const int n = m_list ? m_list->size() : 0;
         if (n == 0) {
-            idle(*m_mutex, m_parking, m_stop, pace);
-            countLook(0);
+            inbox.idle(m_stop, backoff);
+            countPoll(0);
             continue;
         }
         takeBatch(batch, profile.take);
         m_mutex->unlock();
-        pace.found += n;
+        backoff.taken += n;
 
         if (m_interface) {
-            countLook(n);
+            countPoll(n);
             if (!deliver(batch, profile))
                 return;
         } else {
@@ -148,20 +190,19 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
 }
 
 template<class Item>
-void CInboxWorker<Item>::countLook(int items)
+void CInboxWorker<Item>::countPoll(int items)
 {
-    int& looks = m_batch_stats[items];
-    if (looks < std::numeric_limits<int>::max())
-        ++looks;
+    int& polls = m_batch_stats[items];
+    if (polls < std::numeric_limits<int>::max())
+        ++polls;
 }
 
 template<class Item>
-void CInboxWorker<Item>::writeRecord(const WorkerProfile& profile, const LogPlace& place)
+void CInboxWorker<Item>::writeRecord(const WorkerProfile& profile,
+                                     const lxbase::detail::LogPlace& place)
 {
-    if (lcLxbase().isDebugEnabled()) {
-        QMessageLogger(place.file, place.line, place.function, lcLxbase().categoryName()).debug()
-            << profile.recordText << m_batch_stats;
-    }
+    if (lcLxbase().isDebugEnabled())
+        place.logger().debug() << profile.recordText << m_batch_stats;
     if (profile.afterRecord == AfterRecord::StartAnew)
         m_batch_stats.clear();
 }

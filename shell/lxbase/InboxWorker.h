@@ -1,13 +1,12 @@
-// CInboxWorker: what the three per-plugin worker threads have in common.
+/// \file
+/// CInboxWorker: what the three per-plugin worker threads have in common.
 #ifndef LXBASE_INBOXWORKER_H
 #define LXBASE_INBOXWORKER_H
 
+#include <lxbase/InboxThread.h>
 #include <lxbase/LxbaseExport.h>
 
-#include <lxutils/LxThread.h>
-
 #include <QMap>
-#include <QMutex>
 #include <QString>
 #include <QVariant>
 #include <QVector>
@@ -15,114 +14,121 @@
 #include <atomic>
 
 class IMessageInterface;
-class CParking;
 struct EventQueueItem;
-struct LogPlace;
 struct MsgQueueItem;
 
-// The part of a worker that does not depend on what its inbox holds.
-//
-// Life: made by the center at registration, set up by the setters, started; its loop ends only when
-// the stop flag is set (there is no event loop, so quit() alone does nothing); released by the
-// center after that.
-class LXBASE_EXPORT CInboxWorkerBase : public LxThread
+namespace lxbase::detail {
+struct LogPlace;
+}
+
+/// The part of a worker that does not depend on what its inbox holds.
+///
+/// Life: made by the center at registration, set up by the setters, started; stopped by
+/// unregistration, when its loop ends after the handler call in progress, or within one poll of the
+/// inbox, frees the rest of its batch undelivered and leaves what is in the inbox; deleted by the
+/// event loop of the thread that made it. It owns its inbox: list, mutex and state.
+class LXBASE_EXPORT CInboxWorkerBase : public CInboxThread
 {
 public:
     ~CInboxWorkerBase() override;
 
-    // The ID of the plugin that is served. Called before start.
+    /// Ours: the worker that the calling code runs on; null on any other thread.
+    static CInboxWorkerBase* current();
+
+    /// The ID of the plugin that is served. Called before start.
     void setId(QString id);
+
+    /// The ID of the plugin that is served.
     const QString& id() const { return m_id; }
 
-    // The plugin whose handler is called on this thread; not owned, and alive until the thread has
-    // ended. Null changes nothing; without a plugin, items are taken out and freed undelivered.
-    // Called before start.
+    /// The plugin whose handler is called on this thread; not owned, and alive until the thread has
+    /// ended. Null changes nothing; without a plugin, items are taken out and freed undelivered.
+    /// Called before start.
     void setInterface(IMessageInterface* pInterface);
 
-    // The mutex of the inbox; owned by the worker from here on. Null changes nothing; without a
-    // mutex the loop never looks at the inbox and spins until the stop flag is set. Called before
-    // start.
-    void setMutex(QMutex* mutex);
+    /// Ours: UnReg of the plugin has begun. Set by the thread that unregisters, for the handlers of
+    /// the plugin.
+    void announceUnReg() { m_unregistering = true; }
 
-    // Ours: where the thread waits while its inbox is empty; owned by the worker from here on.
-    // Without one (null changes nothing) it polls. Called before start.
-    void setParking(CParking* parking);
+    /// Ours: whether UnReg of the plugin `id` has begun, where the calling code is a handler of it;
+    /// else null.
+    static const std::atomic<bool>* unregistering(const QString& id);
 
-    // Asks the loop to end: after the handler call in progress, or within one look at the inbox. It
-    // frees the rest of its batch undelivered; what is in the inbox stays there. Any thread, but
-    // not with the mutex of the inbox held.
-    void setStop(bool stop);
+    /// Ours: has the event loop of the thread that made this worker delete it, which has ended; or
+    /// deleteRetired, where that thread has no event loop any more.
+    void retire();
 
-    // Frees what is still in the inbox, undelivered. Called when the thread has ended and nobody
-    // appends any more: a payload may be of a type whose library is unloaded before this object is
-    // deleted.
+    /// Ours: deletes the retired workers that no event loop will delete any more; those of threads
+    /// that may still run one are left to it. Called at the end of the process.
+    static void deleteRetired();
+
+    /// Frees what is still in the inbox, undelivered. Called when the thread has ended and nobody
+    /// appends any more: a payload may be of a type whose library is unloaded before this object is
+    /// deleted.
     virtual void freeInbox() = 0;
 
 protected:
     CInboxWorkerBase() = default;
 
-    // constant after start
-    QMutex* m_mutex = nullptr;
-    QString m_id;
-    IMessageInterface* m_interface = nullptr;
-    CParking* m_parking = nullptr;
+    QString m_id;                             // constant after start
+    IMessageInterface* m_interface = nullptr; // constant after start
 
-    // set by the thread that unregisters, read by the loop without a lock
-    std::atomic<bool> m_stop{false};
-
-    // touched by the worker's own thread only: number of items found by one look at the inbox, to
-    // the number of looks that found that many (saturating); key 0 counts the empty looks
+    // touched by the worker's own thread only: number of items found by one poll of the inbox, to
+    // the number of polls that found that many (saturating); key 0 counts the empty polls
     QMap<int, int> m_batch_stats;
+
+private:
+    std::atomic<bool> m_unregistering{false}; // see announceUnReg
 };
 
-// The inbox and the loop. `Item` is MsgQueueItem or EventQueueItem; both are compiled once, in
-// InboxWorker.cpp. A derived worker is an instance of this with a WorkerProfile.
+/// The inbox and the loop. `Item` is MsgQueueItem or EventQueueItem; both are compiled once, in
+/// InboxWorker.cpp. A derived worker is an instance of this with a WorkerProfile.
 template<class Item>
 class CInboxWorker : public CInboxWorkerBase
 {
 public:
-    // Frees the inbox with the items still in it, and its mutex. The thread must have ended.
+    /// Frees the inbox with the items still in it, its mutex and its state. The thread has ended.
     ~CInboxWorker() override;
 
-    // The inbox: pointers to items made with `new`, appended by any thread under the mutex; owned
-    // by the worker from here on. Null changes nothing. Called before start.
+    /// The inbox: pointers to items made with `new`, appended by any thread under the mutex; owned
+    /// by the worker from here on. Null changes nothing. Called before start.
     void setList(QVector<Item*>* list);
 
-    // See CInboxWorkerBase.
     void freeInbox() override;
 
 protected:
-    // How the waiting items are taken out of the inbox, with its mutex held.
+    /// How the waiting items are taken out of the inbox, with its mutex held.
     enum class Take {
-        Exchange, // swap with an empty vector: constant time
-        Copy,     // copy the pointers and empty the inbox in place: its storage stays where it is
+        Exchange, ///< swap with an empty vector: constant time
+        Copy,     ///< copy the pointers and empty the inbox in place: its storage stays where it is
     };
-    // What happens to the batch statistics once a record of them has been written.
+
+    /// What happens to the batch statistics once a record of them has been written.
     enum class AfterRecord { KeepCounts, StartAnew };
 
-    // Everything in which the three workers differ.
+    /// Everything in which the three workers differ.
     struct WorkerProfile
     {
-        // called once per item
+        /// called once per item
         void (IMessageInterface::*handler)(QString srcId, QVariant type, QVariant data);
         Take take;
-        quint32 recordIntervalMs; // least time between two statistics records
+        quint32 recordIntervalMs; ///< least time between two statistics records
         AfterRecord afterRecord;
         const char* recordText;
     };
 
     CInboxWorker() = default;
 
-    // The loop: the body of run().
-    void drain(const WorkerProfile& profile, const LogPlace& place);
+    /// The loop: the body of run().
+    void drain(const WorkerProfile& profile, const lxbase::detail::LogPlace& place);
 
-    QVector<Item*>* m_list = nullptr;
+    QVector<Item*>* m_list = nullptr; ///< constant after start
 
 private:
     void takeBatch(QVector<Item*>& batch, Take take);
     bool deliver(const QVector<Item*>& batch, const WorkerProfile& profile);
-    void countLook(int items);
-    void writeRecord(const WorkerProfile& profile, const LogPlace& place);
+    void countPoll(int items);
+    void writeRecord(const WorkerProfile& profile, const lxbase::detail::LogPlace& place);
 };
 
 extern template class LXBASE_EXPORT CInboxWorker<MsgQueueItem>;

@@ -9,29 +9,9 @@
 #include <tbb/scalable_allocator.h>
 #endif
 
+namespace lxbase::detail {
+
 namespace {
-
-// The heap behind. oneTBB's keeps what is allocated together together, also when threads free it in
-// another order, which pays when a put goes round many receivers.
-void* heapTake()
-{
-#ifdef LXBASE_RECYCLE_ITEMS
-    if (void* const block = scalable_malloc(CItemRecycler::BlockSize))
-        return block;
-    throw std::bad_alloc();
-#else
-    return ::operator new(CItemRecycler::BlockSize); // seen by a sanitizer
-#endif
-}
-
-void heapGive(void* block) noexcept
-{
-#ifdef LXBASE_RECYCLE_ITEMS
-    scalable_free(block);
-#else
-    ::operator delete(block);
-#endif
-}
 
 struct Block
 {
@@ -44,7 +24,7 @@ struct ChainHead : Block
     ChainHead* nextChain;
     int size;
 };
-static_assert(sizeof(ChainHead) <= CItemRecycler::BlockSize);
+static_assert(sizeof(ChainHead) <= ItemRecycler::BlockSize);
 
 struct Chain
 {
@@ -72,14 +52,14 @@ public:
         if (!chain.first)
             return;
         std::unique_lock<std::mutex> lock(m_mutex);
-        if (size() < CItemRecycler::MostStored) {
+        if (size() < ItemRecycler::MaxStored) {
             m_first = new (chain.first) ChainHead{{chain.first->next}, m_first, chain.size};
             m_size.store(size() + 1, std::memory_order_relaxed);
             return;
         }
         lock.unlock();
         while (chain.first)
-            heapGive(chain.pop());
+            ItemRecycler::giveToHeap(chain.pop());
     }
 
     // An empty chain if there is none; a thread that has just missed one makes a block instead.
@@ -105,21 +85,21 @@ Store store;
 
 // A thread's own blocks. Trivial, so that a put from a destructor at the end of the thread still
 // finds them; the guard gives them to the store then.
-struct Mine
+struct ThreadCache
 {
     Chain current;
     Chain spare; // full or empty
     bool ended;
 };
-thread_local Mine mine{{}, {}, false};
+thread_local ThreadCache threadCache{{}, {}, false};
 
 struct EndOfThread
 {
     ~EndOfThread()
     {
-        mine.ended = true;
-        store.give(std::exchange(mine.current, {}));
-        store.give(std::exchange(mine.spare, {}));
+        threadCache.ended = true;
+        store.give(std::exchange(threadCache.current, {}));
+        store.give(std::exchange(threadCache.spare, {}));
     }
     void expect() { } // makes the object, if it is not there yet
 };
@@ -127,29 +107,55 @@ thread_local EndOfThread endOfThread;
 
 } // namespace
 
-void* CItemRecycler::take()
+void* ItemRecycler::take()
 {
-    if (!mine.current.first && !mine.ended) {
+    ThreadCache& cache = threadCache;
+    if (!cache.current.first && !cache.ended) {
         endOfThread.expect();
-        mine.current = mine.spare.first ? std::exchange(mine.spare, {}) : store.take();
+        cache.current = cache.spare.first ? std::exchange(cache.spare, {}) : store.take();
     }
-    return mine.current.first ? mine.current.pop() : heapTake();
+    return cache.current.first ? cache.current.pop() : takeFromHeap(BlockSize);
 }
 
-void CItemRecycler::give(void* block) noexcept
+void ItemRecycler::give(void* block) noexcept
 {
-    if (mine.ended) {
-        heapGive(block);
+    ThreadCache& cache = threadCache;
+    if (cache.ended) {
+        giveToHeap(block);
         return;
     }
-    if (!mine.current.first)
+    if (!cache.current.first)
         endOfThread.expect();
-    else if (mine.current.size == ChainLength)
-        store.give(std::exchange(mine.spare, std::exchange(mine.current, {})));
-    mine.current.push(block);
+    else if (cache.current.size == ChainLength)
+        store.give(std::exchange(cache.spare, std::exchange(cache.current, {})));
+    cache.current.push(block);
 }
 
-int CItemRecycler::stored()
+// oneTBB's heap keeps what is allocated together together, also when threads free it in another
+// order, which pays when a put goes round many receivers. A sanitizer sees the standard one.
+void* ItemRecycler::takeFromHeap(std::size_t size)
+{
+#ifdef LXBASE_RECYCLE_ITEMS
+    if (void* const memory = scalable_malloc(size))
+        return memory;
+    throw std::bad_alloc();
+#else
+    return ::operator new(size);
+#endif
+}
+
+void ItemRecycler::giveToHeap(void* memory) noexcept
+{
+#ifdef LXBASE_RECYCLE_ITEMS
+    scalable_free(memory);
+#else
+    ::operator delete(memory);
+#endif
+}
+
+int ItemRecycler::stored()
 {
     return store.size();
 }
+
+} // namespace lxbase::detail

@@ -1,87 +1,66 @@
 #include <lxbase/MessageCenter.h>
 
 #include <lxbase/CallGate.h>
+#include <lxbase/CenterState.h>
 #include <lxbase/Delivery.h>
 #include <lxbase/DispatchThread.h>
 #include <lxbase/EventWorkerThread.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageCommonManage.h>
 #include <lxbase/MessageWorkerThread.h>
+#include <lxbase/NetworkPath.h>
 #include <lxbase/Owned.h>
 #include <lxbase/QuotationWorkerThread.h>
-#include <lxbase/SubscriptionTable.h>
+#include <lxbase/Registry.h>
 
 #include <lxdefine/PluginID.h>
 #include <lxmsg/MessageCommon.h>
 
+#include <QCoreApplication>
 #include <QStringList>
 
-#include <algorithm>
 #include <memory>
-#include <type_traits>
 #include <utility>
+
+using namespace lxbase::detail;
 
 namespace {
 
-Inbox<MsgQueueItem> messageInbox(const MsgRegInfo& record)
+// How long the end of the center waits for the calls inside, and for its threads.
+constexpr int MaxEndMs = 5000;
+
+Inbox<MsgQueueItem*> messageInbox(const MsgRegInfo& record)
 {
-    return {record.msg_list, record.msg_mutex, record.msg_parking};
+    return {{record.msg_mutex, record.msg_state}, record.msg_list};
 }
 
-Inbox<MsgQueueItem> quotationInbox(const MsgRegInfo& record)
+Inbox<MsgQueueItem*> quotationInbox(const MsgRegInfo& record)
 {
-    return {record.quotation_list, record.quotation_mutex, record.quotation_parking};
+    return {{record.quotation_mutex, record.quotation_state}, record.quotation_list};
 }
 
-// What PutNetMsg and PutQuotationMsg share. The message goes to the outside queue and to the list
-// independently of one another. False: the list does not exist. Start publishes list and parking
-// with the pointer to the mutex, so they are read after it.
-bool handIn(const QSharedPointer<CMessageCommon>& msg, CMessageCenter::MessageQueue* queue,
-            const std::atomic<QMutex*>& listMutex, CMessageCenter::MessageList* const& list,
-            const std::unique_ptr<CParking>& parking)
-{
-    if (queue)
-        queue->push(msg);
-    QMutex* const mutex = listMutex;
-    if (!mutex)
-        return false;
-    append(*list, *mutex, parking.get(), msg);
-    return true;
-}
-
-// Both singletons are made while the library is loaded. Their accessors are inline, and the module
-// that is the first to run one registers the destructor: if that were a plugin, unloading it would
-// destroy the object under everybody. The pool is made first, so it outlives the workers that the
-// center stops at its end.
+// Both singletons are made while the library is loaded. The pool is made first, so it outlives the
+// workers that the center stops at its end.
 [[maybe_unused]] const auto* const thePool = CMessageCommonManage::GetInstance();
 [[maybe_unused]] const auto* const theCenter = CMessageCenter::GetInstance();
 
 } // namespace
 
 CMessageCenter::CMessageCenter()
+    : m_state(new CenterState)
 {
     lcLxbase(); // made before the center, so that it is there until the center is gone
 }
 
-// The gate closes first: the message being routed is finished, and nothing enters any more.
 CMessageCenter::~CMessageCenter()
 {
-    centerGate.close();
-    stopDispatchThreads();
-    delete std::exchange(m_net_recv_list, nullptr);
-    delete std::exchange(m_quotation_list, nullptr);
-    delete m_quotation_list_mutex.exchange(nullptr);
-    delete m_net_recv_list_mutex.exchange(nullptr);
-    m_net_msg_queue = nullptr;
-    m_quotation_queue = nullptr;
-
-    stopRegisteredPlugins();
-    deleteRetired();
-    msgSubscriptions().clear();
-    eventSubscriptions().clear();
-    for (const auto& groupsByType : qAsConst(m_relation_map))
-        qDeleteAll(groupsByType);
-    centerGate.seal();
+    const qint64 process = m_state->process_of_threads;
+    const bool threadsAreHere = process == 0 || process == QCoreApplication::applicationPid();
+    if (threadsAreHere && endOrderly())
+        delete m_state;
+    else
+        keepRemains();
+    centerGate.seal(QDeadlineTimer(MaxEndMs));
 }
 
 void CMessageCenter::Reg(QString id, IMessageInterface* pInterface,
@@ -94,19 +73,27 @@ void CMessageCenter::Reg(QString id, IMessageInterface* pInterface,
     ProcessReg(owned(std::move(id)), pInterface, type);
 }
 
+// A handler that would wait for itself, directly or over other handlers in UnReg, is refused.
 void CMessageCenter::UnReg(QString id)
 {
     const CallGate::Pass pass(centerGate);
     if (!pass)
         return;
     qCDebug(lcLxbase) << "UnReg id:" << id;
-    const auto* worker = dynamic_cast<CInboxWorkerBase*>(QThread::currentThread());
+    const auto* const worker = CInboxWorkerBase::current();
     if (worker && worker->id() == id) {
-        // it would wait for itself
         qCCritical(lcLxbase) << "UnReg from a handler of the plugin itself, refused, ID:" << id;
         return;
     }
-    FreeOneResouce(std::move(id));
+    WaitGraph& unregs = m_state->unregs;
+    if (worker && !unregs.begin(worker->id(), id)) {
+        qCCritical(lcLxbase) << "UnReg from a handler of" << worker->id()
+                             << "that a handler of the plugin waits for, refused, ID:" << id;
+        return;
+    }
+    FreeOneResouce(id);
+    if (worker)
+        unregs.end(worker->id(), id);
 }
 
 void CMessageCenter::Sub(QString id, QVariant type, int oper)
@@ -115,7 +102,7 @@ void CMessageCenter::Sub(QString id, QVariant type, int oper)
     if (!pass)
         return;
     qCDebug(lcLxbase) << "sub id" << id << " type" << type << " oper:" << oper;
-    msgSubscriptions().change(id, type, oper);
+    msgSubscriptions().change(id, type, oper, CInboxWorkerBase::unregistering(id));
 }
 
 void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
@@ -125,15 +112,19 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
     if (!msg || !pass)
         return;
     const QString dst = msg->GetDstid();
-    MsgQueueItem values{std::move(srcId), msg->GetType(), msg->traceId(), msg->GetMsg()};
-    const Delivery deliverTo{m_msg_reg_hash, m_msg_reg_mutex, messageInbox};
-    const Routed routed = route(dst, values, &values.src_id, msgSubscriptions(), deliverTo);
+    Delivery delivery(
+        m_msg_reg_hash, m_msg_reg_mutex, messageInbox, std::move(srcId), msg->GetType(),
+        [&](QString src, const QVariant& type) {
+            return new MsgQueueItem{std::move(src), type, msg->traceId(), msg->GetMsg()};
+        });
+    const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::LeftOut);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find " << dst;
     }
     if (dst.isEmpty() && msg->GetSendToNetFlag())
-        deliverTo(PluginID::PLUGINNET_GLOBALID, std::move(values));
+        delivery.alsoTo(PluginID::PLUGINNET_GLOBALID);
+    delivery.logFailure(LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
@@ -141,8 +132,7 @@ void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
     Q_UNUSED(srcId)
     const QSharedPointer<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
-    const bool handedIn = pass
-        && handIn(msg, m_net_msg_queue, m_net_recv_list_mutex, m_net_recv_list, m_net_recv_parking);
+    const bool handedIn = pass && netPath().handIn(msg);
     if (!handedIn && pass.mayLog())
         qCWarning(lcLxbase) << "net recv list is NULL,maybe no init netmodule";
 }
@@ -152,9 +142,7 @@ void CMessageCenter::PutQuotationMsg(QString srcId, CMessageCommon* pMsg)
     Q_UNUSED(srcId)
     const QSharedPointer<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
-    const bool handedIn = pass
-        && handIn(msg, m_quotation_queue, m_quotation_list_mutex, m_quotation_list,
-                  m_quotation_parking);
+    const bool handedIn = pass && quotationPath().handIn(msg);
     if (!handedIn && pass.mayLog())
         qCWarning(lcLxbase) << "m_quotation_list is NULL,maybe no init netmodule";
 }
@@ -169,33 +157,21 @@ void CMessageCenter::regQuotationQueue(MessageQueue* queue)
     m_quotation_queue = queue;
 }
 
-// The list, its parking and its thread are complete before the mutex is published: a put that comes
-// in between finds the path either not started or whole.
 int CMessageCenter::Start()
 {
     const CallGate::Pass pass(centerGate);
     if (!pass)
         return 0;
-    std::call_once(m_start_once, [this] {
-        const auto start = [this](auto*& thread, const char* name, MessageList*& list,
-                                  std::unique_ptr<CParking>& parking,
-                                  std::atomic<QMutex*>& listMutex) {
-            auto* const mutex = new QMutex;
-            list = new MessageList;
-            parking = makeParking();
-            thread = new std::remove_reference_t<decltype(*thread)>;
-            thread->setObjectName(QLatin1String(name));
-            thread->setList(list);
-            thread->setMutex(mutex);
-            thread->setParking(parking.get());
-            thread->start(QThread::InheritPriority);
-            listMutex = mutex;
-        };
-        start(m_net_put_thread, "ProcessSendListThread_Thread", m_net_recv_list, m_net_recv_parking,
-              m_net_recv_list_mutex);
-        start(m_quotation_thread, "ProcessQuotationThread_Thread", m_quotation_list,
-              m_quotation_parking, m_quotation_list_mutex);
-    });
+    const IdlePolicy policy = fixIdlePolicy();
+    const auto start = [&](const auto& path, const char* name) {
+        QMutexLocker locker(&m_state->start_mutex);
+        const bool started = path.start(name, policy);
+        locker.unlock();
+        if (!started)
+            qCCritical(lcLxbase) << "no thread to be had for" << name << ", Start refused";
+    };
+    start(netPath(), "ProcessSendListThread_Thread");
+    start(quotationPath(), "ProcessQuotationThread_Thread");
     return 0;
 }
 
@@ -205,17 +181,20 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
     if (!msg || !pass)
         return;
     const QString dst = msg->GetDstid();
-    MsgQueueItem values{PluginID::PLUGINNET_GLOBALID, msg->GetType(), msg->traceId(),
-                        msg->GetMsg()};
-    const Delivery deliverTo{m_msg_reg_hash, m_msg_reg_mutex, messageInbox};
-    const Routed routed = route(dst, values, nullptr, msgSubscriptions(), deliverTo);
+    Delivery delivery(
+        m_msg_reg_hash, m_msg_reg_mutex, messageInbox, PluginID::PLUGINNET_GLOBALID, msg->GetType(),
+        [&](QString src, const QVariant& type) {
+            return new MsgQueueItem{std::move(src), type, msg->traceId(), msg->GetMsg()};
+        });
+    const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::Included);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find " << dst;
     } else if (routed == Routed::UnknownType) {
         qCDebug(lcLxbase) << "CMessageCenter::ProcessMsgByNetPut"
-                          << "MsgType: " << values.type << " has not sub";
+                          << "MsgType: " << msg->GetType() << " has not sub";
     }
+    delivery.logFailure(LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
@@ -224,13 +203,16 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
     if (!msg || !pass)
         return;
     const QString dst = msg->GetDstid();
-    MsgQueueItem values{PluginID::PLUGINNET_GLOBALID, msg->GetType(), QString(), msg->GetMsg()};
-    const Delivery deliverTo{m_msg_reg_hash, m_msg_reg_mutex, quotationInbox};
-    const Routed routed = route(dst, values, nullptr, msgSubscriptions(), deliverTo);
+    Delivery delivery(m_msg_reg_hash, m_msg_reg_mutex, quotationInbox, PluginID::PLUGINNET_GLOBALID,
+                      msg->GetType(), [&](QString src, const QVariant& type) {
+                          return new MsgQueueItem{std::move(src), type, QString(), msg->GetMsg()};
+                      });
+    const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::Included);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find,maybe dstId not register" << dst;
     }
+    delivery.logFailure(LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::setIdlePolicy(IdlePolicy policy)
@@ -238,11 +220,11 @@ void CMessageCenter::setIdlePolicy(IdlePolicy policy)
     const CallGate::Pass pass(centerGate);
     if (!pass)
         return;
-    if (m_idle_policy_fixed) {
+    if (m_state->idle_policy_fixed) {
         qCWarning(lcLxbase) << "setIdlePolicy after a registration or Start, refused";
         return;
     }
-    m_idle_policy = policy;
+    m_state->idle_policy = policy;
 }
 
 void CMessageCenter::ProcessReg(QString id, IMessageInterface* pInterface,
@@ -261,44 +243,39 @@ void CMessageCenter::InitMsgReg(QString id, IMessageInterface* pInterface,
     if (!wantsMessages && !wantsQuotations)
         return;
 
-    QMutexLocker locker(&m_msg_reg_mutex);
-    if (m_msg_reg_hash.contains(id)) {
-        locker.unlock();
-        qCCritical(lcLxbase) << "!!!!!!!!  plugin ID duplicate,ID:" << id;
+    MsgRegInfo* const record =
+        addRecord(m_msg_reg_hash, m_msg_reg_mutex, id, LXBASE_LOG_PLACE, [&] {
+            auto* const made = new MsgRegInfo;
+            made->plugin = pInterface;
+            if (wantsMessages) {
+                made->msg_list = new QVector<MsgQueueItem*>;
+                made->msg_mutex = new QMutex;
+                made->msg_state = new InboxState(fixIdlePolicy());
+            }
+            if (wantsQuotations) {
+                made->quotation_list = new QVector<MsgQueueItem*>;
+                made->quotation_mutex = new QMutex;
+                made->quotation_state = new InboxState(fixIdlePolicy());
+            }
+            return made;
+        });
+    if (!record)
         return;
-    }
-    if (id.isEmpty()) {
-        locker.unlock();
-        qCCritical(lcLxbase) << "!!!!!!!!  plugin ID is null";
-        return;
-    }
-    auto* const record = new MsgRegInfo;
-    record->plugin = pInterface;
     if (wantsMessages) {
-        record->msg_list = new QVector<MsgQueueItem*>;
-        record->msg_mutex = new QMutex;
-        record->msg_parking = makeParking().release();
+        record->msg_thread = makeWorker<CMessageWorkerThread>(id, "_MessageWorkerThread",
+                                                              pInterface, messageInbox(*record));
     }
     if (wantsQuotations) {
-        record->quotation_list = new QVector<MsgQueueItem*>;
-        record->quotation_mutex = new QMutex;
-        record->quotation_parking = makeParking().release();
-    }
-    m_msg_reg_hash.insert(id, record);
-    locker.unlock();
-
-    if (wantsMessages) {
-        record->msg_thread = startWorker<CMessageWorkerThread>(id, "_MessageWorkerThread",
-                                                               pInterface, messageInbox(*record));
-    }
-    if (wantsQuotations) {
-        record->quotation_thread = startWorker<CQuotationWorkerThread>(
+        record->quotation_thread = makeWorker<CQuotationWorkerThread>(
             id, "_QuotationWorkerThread", pInterface, quotationInbox(*record));
     }
+    if (!startWorker(record->msg_thread) || !startWorker(record->quotation_thread))
+        retireForMsg(id);
 }
 
 void CMessageCenter::FreeOneResouce(QString id)
 {
+    announceUnReg(id);
     FreeResourceForMsg(id);
     FreeResourceForEvent(id);
 }
@@ -306,85 +283,126 @@ void CMessageCenter::FreeOneResouce(QString id)
 void CMessageCenter::FreeResourceForMsg(QString id)
 {
     msgSubscriptions().removeAll(id);
-
-    QMutexLocker locker(&m_msg_reg_mutex);
-    const std::unique_ptr<MsgRegInfo> record(m_msg_reg_hash.take(id));
-    locker.unlock();
-    if (record)
-        retire({record->msg_thread, record->quotation_thread});
+    retireForMsg(id);
 }
 
-CSubscriptionTable CMessageCenter::msgSubscriptions()
+void CMessageCenter::retireForMsg(const QString& id)
 {
-    return {m_msg_sub_map, m_msg_sub_by_int, m_msg_sub_mutex, m_msg_id_sub_map, m_msg_id_sub_mutex};
+    if (const auto record = takeRecord(m_msg_reg_hash, m_msg_reg_mutex, id))
+        endWorkers({record->msg_thread, record->quotation_thread});
 }
 
-std::unique_ptr<CParking> CMessageCenter::makeParking()
+void CMessageCenter::announceUnReg(const QString& id)
 {
-    m_idle_policy_fixed = true;
-    return m_idle_policy == IdlePolicy::Park ? std::make_unique<CParking>() : nullptr;
-}
-
-void CMessageCenter::retire(std::initializer_list<CInboxWorkerBase*> workers)
-{
-    for (CInboxWorkerBase* worker : workers) {
+    const auto announce = [](CInboxWorkerBase* worker) {
         if (worker)
-            worker->setStop(true);
+            worker->announceUnReg();
+    };
+    QMutexLocker msgLocker(&m_msg_reg_mutex);
+    if (const MsgRegInfo* const record = m_msg_reg_hash.value(id)) {
+        announce(record->msg_thread);
+        announce(record->quotation_thread);
     }
-    for (CInboxWorkerBase* worker : workers) {
-        // a handler that ends the process runs this on its own thread
-        if (!worker || worker == QThread::currentThread())
-            continue;
-        worker->quit();
-        worker->wait(QDeadlineTimer(QDeadlineTimer::Forever));
-        worker->freeInbox();
-        const QMutexLocker locker(&m_retired_mutex);
-        m_retired.erase(std::remove(m_retired.begin(), m_retired.end(), nullptr), m_retired.end());
-        m_retired.append(worker);
-        worker->deleteLater();
-    }
+    msgLocker.unlock();
+    const QMutexLocker eventLocker(&m_event_reg_mutex);
+    if (const EventRegInfo* const record = m_event_reg_map.value(id))
+        announce(record->event_thread);
 }
 
-// A worker whose registering thread may still run an event loop is left to that loop. The thread is
-// null if its QThread object has been deleted, such as that of a worker whose handler registered
-// this one.
-void CMessageCenter::deleteRetired()
+SubscriptionTable CMessageCenter::msgSubscriptions()
 {
-    for (const QPointer<QObject>& worker : qAsConst(m_retired)) {
-        if (!worker)
-            continue;
-        const QThread* const thread = worker->thread();
-        if (!thread || thread == QThread::currentThread() || thread->isFinished())
-            delete worker;
-    }
+    return {m_msg_sub_map, m_state->msg_ids_by_int, m_msg_sub_mutex, m_msg_id_sub_map,
+            m_msg_id_sub_mutex};
 }
 
-void CMessageCenter::stopDispatchThreads()
+NetworkPath<CProcessMsgByNetPutThread> CMessageCenter::netPath()
 {
-    for (CDispatchThread* thread :
-         std::initializer_list<CDispatchThread*>{m_net_put_thread, m_quotation_thread}) {
-        if (!thread)
-            continue;
-        thread->setStop(true);
-        thread->quit();
-        thread->wait(QDeadlineTimer(QDeadlineTimer::Forever));
-        delete thread;
-    }
-    m_net_put_thread = nullptr;
-    m_quotation_thread = nullptr;
+    return {m_net_msg_queue, m_net_recv_list, m_net_recv_list_mutex, m_state->net_recv_state,
+            m_net_put_thread};
 }
 
-// No call is inside the center any more, so the registries are this thread's alone. Their workers
-// end here: no thread may outlive the code that it runs.
-void CMessageCenter::stopRegisteredPlugins()
+NetworkPath<CProcessQuotationThread> CMessageCenter::quotationPath()
 {
-    QStringList ids = m_msg_reg_hash.keys();
-    ids += m_event_reg_map.keys();
-    if (ids.isEmpty())
-        return;
-    ids.sort();
-    ids.removeDuplicates();
-    qCWarning(lcLxbase) << "plugins still registered at the end, stopped:" << ids;
-    for (const QString& id : qAsConst(ids))
-        FreeOneResouce(id);
+    return {m_quotation_queue, m_quotation_list, m_quotation_list_mutex, m_state->quotation_state,
+            m_quotation_thread};
+}
+
+// Called by whatever is about to start threads.
+CMessageCenter::IdlePolicy CMessageCenter::fixIdlePolicy()
+{
+    m_state->process_of_threads = QCoreApplication::applicationPid();
+    m_state->idle_policy_fixed = true;
+    return m_state->idle_policy;
+}
+
+// The gate closes first: the message being routed is finished, and nothing enters any more. Once no
+// call is inside, everything is this thread's alone, save the inboxes of the threads that still
+// run. No thread may outlive the code that it runs, so all of them end here. False: a call or a
+// thread was still there after the wait, and may use everything that has not been freed.
+bool CMessageCenter::endOrderly()
+{
+    const bool alone = centerGate.close(QDeadlineTimer(MaxEndMs));
+    bool ended = alone;
+    const auto end = [&](const auto& path) {
+        const bool stopped = path.stop(QDeadlineTimer(MaxEndMs));
+        if (stopped && alone)
+            path.free();
+        ended = ended && stopped;
+    };
+    end(netPath());
+    end(quotationPath());
+    m_net_msg_queue = nullptr;
+    m_quotation_queue = nullptr;
+
+    const bool pluginsEnded = stopRegisteredPlugins();
+    CInboxWorkerBase::deleteRetired();
+    if (!ended || !pluginsEnded)
+        return false;
+    qDeleteAll(m_msg_reg_hash);
+    qDeleteAll(m_event_reg_map);
+    msgSubscriptions().clear();
+    eventSubscriptions().clear();
+    relations().clear();
+    return true;
+}
+
+bool CMessageCenter::stopRegisteredPlugins()
+{
+    QVector<CInboxWorkerBase*> workers;
+    for (const MsgRegInfo* record : qAsConst(m_msg_reg_hash))
+        workers << record->msg_thread << record->quotation_thread;
+    for (const EventRegInfo* record : qAsConst(m_event_reg_map))
+        workers << record->event_thread;
+    workers.removeAll(nullptr);
+    if (workers.isEmpty())
+        return true;
+
+    const auto idsOf = [](const QVector<CInboxWorkerBase*>& some) {
+        QStringList ids;
+        for (const CInboxWorkerBase* worker : some)
+            ids << worker->id();
+        ids.sort();
+        ids.removeDuplicates();
+        return ids;
+    };
+    QStringList stopped = idsOf(workers);
+    const QStringList running = idsOf(endWorkers(workers, QDeadlineTimer(MaxEndMs)));
+    for (const QString& id : running)
+        stopped.removeAll(id);
+    if (running.isEmpty()) {
+        qCWarning(lcLxbase) << "plugins still registered at the end, stopped:" << stopped;
+    } else {
+        qCWarning(lcLxbase) << "plugins still registered at the end, stopped:" << stopped
+                            << ", not stopped after" << MaxEndMs << "ms:" << running;
+    }
+    return running.isEmpty();
+}
+
+// What is kept is never freed, but can be reached: it is no leak.
+void CMessageCenter::keepRemains()
+{
+    m_state->remains.reset(new CenterState::Remains{
+        std::move(m_msg_reg_hash), std::move(m_event_reg_map), std::move(m_msg_sub_map),
+        std::move(m_event_sub_map), std::move(m_msg_id_sub_map), std::move(m_event_id_sub_map),
+        std::move(m_relation_map)});
 }

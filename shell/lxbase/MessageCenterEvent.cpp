@@ -2,12 +2,13 @@
 #include <lxbase/MessageCenterEvent.h>
 
 #include <lxbase/CallGate.h>
+#include <lxbase/CenterState.h>
 #include <lxbase/Delivery.h>
 #include <lxbase/EventWorkerThread.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageCenter.h>
-#include <lxbase/Owned.h>
-#include <lxbase/SubscriptionTable.h>
+#include <lxbase/Registry.h>
+#include <lxbase/RelationTable.h>
 
 #include <lxevent/EventMessageCommon.h>
 
@@ -15,6 +16,8 @@
 #include <iterator>
 #include <memory>
 #include <utility>
+
+using namespace lxbase::detail;
 
 namespace {
 
@@ -27,15 +30,9 @@ bool isTraced(const QVariant& type)
                         [&](int untraced) { return type == QVariant(untraced); });
 }
 
-Inbox<EventQueueItem> eventInbox(const EventRegInfo& record)
+Inbox<EventQueueItem*> eventInbox(const EventRegInfo& record)
 {
-    return {record.event_list, record.event_mutex, record.event_parking};
-}
-
-// The part before the first "#"; the whole ID if there is none.
-QString baseId(const QString& id)
-{
-    return id.left(id.indexOf(QLatin1Char('#'))); // -1 stands for all of it
+    return {{record.event_mutex, record.event_state}, record.event_list};
 }
 
 } // namespace
@@ -46,7 +43,7 @@ void CMessageCenter::SubEvent(QString id, QVariant type, int oper)
     if (!pass)
         return;
     qCDebug(lcLxbase) << "SubEvent id" << id << " type" << type << " oper:" << oper;
-    eventSubscriptions().change(id, type, oper);
+    eventSubscriptions().change(id, type, oper, CInboxWorkerBase::unregistering(id));
 }
 
 void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
@@ -64,60 +61,30 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
     if (event->GetSrcid().isEmpty())
         event->SetSrcid(srcId);
 
-    EventQueueItem values{srcId, type, event->GetMsg()};
-    const Delivery deliverTo{m_event_reg_map, m_event_reg_mutex, eventInbox};
-    const Routed routed = route(dst, values, &srcId, eventSubscriptions(), deliverTo);
+    Delivery delivery(m_event_reg_map, m_event_reg_mutex, eventInbox, std::move(srcId), type,
+                      [&](QString src, const QVariant& itemType) {
+                          return new EventQueueItem{std::move(src), itemType, event->GetMsg()};
+                      });
+    const Routed routed = delivery.route(dst, eventSubscriptions(), Sender::LeftOut);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << event->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find " << dst;
     } else if (routed == Routed::UnknownType) {
         qCDebug(lcLxbase) << "MsgType:" << type << " has not sub";
     }
-    if (!dst.isEmpty())
-        return;
-
-    // a broadcast reaches the relation groups that the sender itself belongs to as well
-    const QString base = baseId(srcId);
-    if (base.isEmpty())
-        return;
-    const QMutexLocker locker(&m_relation_mutex);
-    const auto groupsByType = m_relation_map.constFind(base);
-    if (groupsByType == m_relation_map.constEnd())
-        return;
-    const RelationGroups* const groups = groupsByType->value(type);
-    if (!groups)
-        return;
-    for (const QStringList& group : groups->lists) {
-        if (!group.contains(srcId))
-            continue;
-        for (const QString& member : group) {
-            if (member != srcId)
-                deliverTo(member, qAsConst(values));
-        }
+    if (dst.isEmpty()) { // a broadcast reaches the relation groups of its sender as well
+        relations().forEachRelated(delivery.srcId(), type,
+                                   [&](const QString& member) { delivery.alsoTo(member); });
     }
+    delivery.logFailure(LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::setRelation(const QString& from, const QString& to, int type,
                                  RelationColor_t color, int oper)
 {
     const CallGate::Pass pass(centerGate);
-    const bool knownColor = color >= 0 && color < RelationGroups::ColorCount;
-    if (!pass || from.isEmpty() || !knownColor)
-        return;
-    const QVariant eventType(type);
-    if (oper == 1) {
-        const QMutexLocker locker(&m_relation_mutex);
-        RelationGroups*& groups = m_relation_map[owned(from)][eventType];
-        if (!groups)
-            groups = new RelationGroups;
-        for (QStringList& group : groups->lists)
-            group.removeOne(to);
-        groups->lists[color].append(owned(to));
-    } else if (oper == 2) {
-        const QMutexLocker locker(&m_relation_mutex);
-        if (RelationGroups* const groups = m_relation_map.value(from).value(eventType))
-            groups->lists[color].removeOne(to);
-    }
+    if (pass)
+        relations().change(from, to, type, color, oper);
 }
 
 void CMessageCenter::printRelationMap() { }
@@ -129,42 +96,42 @@ void CMessageCenter::InitEventReg(QString id, IMessageInterface* pInterface,
     if (!(threadType & IMessageInterface::EventThread))
         return;
 
-    QMutexLocker locker(&m_event_reg_mutex);
-    if (m_event_reg_map.contains(id)) {
-        locker.unlock();
-        qCCritical(lcLxbase) << "!!!!!!!!  plugin ID duplicate,ID:" << id;
+    EventRegInfo* const record =
+        addRecord(m_event_reg_map, m_event_reg_mutex, id, LXBASE_LOG_PLACE, [&] {
+            auto* const made = new EventRegInfo;
+            made->plugin = pInterface;
+            made->event_list = new QVector<EventQueueItem*>;
+            made->event_mutex = new QMutex;
+            made->event_state = new InboxState(fixIdlePolicy());
+            return made;
+        });
+    if (!record)
         return;
-    }
-    if (id.isEmpty()) {
-        locker.unlock();
-        qCCritical(lcLxbase) << "!!!!!!!!  plugin ID is null";
-        return;
-    }
-    auto* const record = new EventRegInfo;
-    record->plugin = pInterface;
-    record->event_list = new QVector<EventQueueItem*>;
-    record->event_mutex = new QMutex;
-    record->event_parking = makeParking().release();
-    m_event_reg_map.insert(id, record);
-    locker.unlock();
-
     record->event_thread =
-        startWorker<CEventWorkerThread>(id, "_EventWorkerThread", pInterface, eventInbox(*record));
+        makeWorker<CEventWorkerThread>(id, "_EventWorkerThread", pInterface, eventInbox(*record));
+    if (!startWorker(record->event_thread))
+        retireForEvent(id);
 }
 
 void CMessageCenter::FreeResourceForEvent(QString id)
 {
     eventSubscriptions().removeAll(id);
-
-    QMutexLocker locker(&m_event_reg_mutex);
-    const std::unique_ptr<EventRegInfo> record(m_event_reg_map.take(id));
-    locker.unlock();
-    if (record)
-        retire({record->event_thread});
+    retireForEvent(id);
 }
 
-CSubscriptionTable CMessageCenter::eventSubscriptions()
+void CMessageCenter::retireForEvent(const QString& id)
 {
-    return {m_event_sub_map, m_event_sub_by_int, m_event_sub_mutex, m_event_id_sub_map,
+    if (const auto record = takeRecord(m_event_reg_map, m_event_reg_mutex, id))
+        endWorkers({record->event_thread});
+}
+
+SubscriptionTable CMessageCenter::eventSubscriptions()
+{
+    return {m_event_sub_map, m_state->event_ids_by_int, m_event_sub_mutex, m_event_id_sub_map,
             m_event_id_sub_mutex};
+}
+
+RelationTable CMessageCenter::relations()
+{
+    return {m_relation_map, m_relation_mutex};
 }

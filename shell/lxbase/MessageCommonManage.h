@@ -1,4 +1,5 @@
-// CMessageCommonManage: a pool of message records that plugins borrow from.
+/// \file
+/// CMessageCommonManage: a pool of message records that plugins borrow from.
 #ifndef LXBASE_MESSAGECOMMONMANAGE_H
 #define LXBASE_MESSAGECOMMONMANAGE_H
 
@@ -12,47 +13,50 @@
 
 class CMessageCommon;
 
-// Records are made in batches of BatchSize, handed out one at a time and taken back for reuse,
-// oldest first. The pool owns them all and never deletes one: they stay allocated until the process
-// ends. A record is handed out as its last user left it.
-//
-// Whoever takes a record borrows it and gives it back exactly once. Never delete it, never hand it
-// to a put (the bus would delete it), never give back a copy of it: the pool trusts the index that
-// the record carries.
-//
-// Threads: any thread may take and give back. Starting the pool's own thread (QThread::start) makes
-// one batch in the background; while a batch is made, other calls wait. No call after the end of
-// the static objects.
+/// Records are made in batches of BatchSize, handed out one at a time and taken back for reuse,
+/// oldest first. The pool owns them all and never deletes one: they stay allocated until the
+/// process ends. A record is handed out as its last user left it.
+///
+/// Whoever takes a record borrows it and gives it back exactly once. Never delete it, never hand it
+/// to a put (the bus would delete it), never give back a copy of it: the pool trusts the index that
+/// the record carries.
+///
+/// Threads: any thread may take and give back. Starting the pool's own thread (QThread::start)
+/// makes one batch in the background; while a batch is made, other calls wait. No call after the
+/// end of the static objects.
 class LXBASE_EXPORT CMessageCommonManage : public LxThread
 {
     Q_OBJECT
 public:
-    // The records that are made at a time.
+    /// The records that are made at a time.
     static constexpr int BatchSize = 100000;
 
-    // The one pool. Inline, and exported for itself, so that a plugin that compiled it finds the
-    // object inside the library.
-    LXBASE_EXPORT_INLINE static CMessageCommonManage* GetInstance()
+    /// The one pool; see CMessageCenter::GetInstance.
+    LXBASE_EXPORT_SINGLETON static CMessageCommonManage* GetInstance()
+#ifdef LXBASE_SINGLETON_BODIES
     {
         static CMessageCommonManage pool;
         return &pool;
     }
+#else
+        ;
+#endif
 
-    // Waits for the pool's thread. The records stay: somebody may still hold one.
+    /// Waits for the pool's thread. The records stay: somebody may still hold one.
     ~CMessageCommonManage() override;
 
-    // A free record, or null when there is none at the moment: the call that finds none makes a
-    // batch for the calls that follow it. If memory runs out meanwhile, std::bad_alloc comes
-    // through, and the pool has what could be made.
+    /// A free record, or null when there is none at the moment: the call that finds none makes a
+    /// batch for the calls that follow it. If memory runs out meanwhile, std::bad_alloc comes
+    /// through, and the pool has what could be made.
     CMessageCommon* getMessageCommon();
 
-    // Takes a record back; null is ignored. A record that the pool cannot have made, because its
-    // index is too high, is reported by a critical log record and deleted. A negative index, that
-    // of a record made with `new`, is taken for a slot: nothing keeps the record any more, and the
-    // getMessageCommon that draws the index returns null.
+    /// Takes a record back; null is ignored. A record that the pool cannot have made, because its
+    /// index is too high, is reported by a critical log record and deleted. A negative index, that
+    /// of a record made with `new`, is taken for a slot: nothing keeps the record any more, and the
+    /// getMessageCommon that draws the index returns null.
     void freeMessageCommon(CMessageCommon* msg);
 
-    // The thread body: makes one batch.
+    /// The thread body: makes one batch.
     void run() override;
 
 private:

@@ -14,7 +14,7 @@ IMessageInterface::~IMessageInterface() = default;
 
 void IMessageInterface::Reg(QString id, IMessageInterface* pInterface, ThreadType type)
 {
-    const CallGate::Pass pass(centerGate);
+    const lxbase::detail::CallGate::Pass pass(lxbase::detail::centerGate);
     if (pass.mayLog())
         qCDebug(lcLxbase) << "---- pthis:" << pInterface << "##" << this << static_cast<int>(type);
     CRegManager::Reg(std::move(id), pInterface, type);

@@ -9,7 +9,7 @@ CMessageWorkerThread::~CMessageWorkerThread() = default;
 
 void CMessageWorkerThread::run()
 {
-    drain({&IMessageInterface::RecvMsg, Take::Exchange, 300000, AfterRecord::KeepCounts,
+    drain({&IMessageInterface::RecvMsg, Take::Exchange, 5 * 60 * 1000, AfterRecord::KeepCounts,
            "CMessageWorkerThread::run"},
           LXBASE_LOG_PLACE);
 }

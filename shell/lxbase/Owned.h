@@ -7,6 +7,8 @@
 #include <QString>
 #include <QVariant>
 
+namespace lxbase::detail {
+
 // The same value, without a pointer into somebody else's memory. A QStringLiteral is data of the
 // library that it stands in, and a copy of it shares that data: it would dangle in the tables of
 // the bus, and in the name of a worker, once the library has been unloaded. A value on the heap is
@@ -30,5 +32,7 @@ inline QVariant owned(const QVariant& value)
         return value;
     }
 }
+
+} // namespace lxbase::detail
 
 #endif

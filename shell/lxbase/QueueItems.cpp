@@ -1,51 +1,37 @@
-// How the items of the inboxes are allocated.
-#include <lxbase/EventWorkerThread.h>
-#include <lxbase/ItemRecycler.h>
-#include <lxbase/MessageWorkerThread.h>
+#include <lxbase/QueueItems.h>
 
-#include <new>
+#include <lxbase/ItemRecycler.h>
+
+namespace lxbase::detail {
+
+static_assert(sizeof(MsgQueueItem) <= ItemRecycler::BlockSize);
+static_assert(sizeof(EventQueueItem) <= ItemRecycler::BlockSize);
 
 namespace {
 
-static_assert(sizeof(MsgQueueItem) <= CItemRecycler::BlockSize);
-static_assert(sizeof(EventQueueItem) <= CItemRecycler::BlockSize);
-
-void* allocate([[maybe_unused]] std::size_t size)
+// A build for a sanitizer keeps nothing, so that it sees every item.
+bool isRecycled([[maybe_unused]] std::size_t size)
 {
 #ifdef LXBASE_RECYCLE_ITEMS
-    return CItemRecycler::take();
+    return size <= ItemRecycler::BlockSize;
 #else
-    return ::operator new(size);
-#endif
-}
-
-void release(void* item) noexcept
-{
-#ifdef LXBASE_RECYCLE_ITEMS
-    CItemRecycler::give(item);
-#else
-    ::operator delete(item);
+    return false;
 #endif
 }
 
 } // namespace
 
-void* MsgQueueItem::operator new(std::size_t size)
+void* takeItemMemory(std::size_t size)
 {
-    return allocate(size);
+    return isRecycled(size) ? ItemRecycler::take() : ItemRecycler::takeFromHeap(size);
 }
 
-void MsgQueueItem::operator delete(void* item) noexcept
+void giveItemMemory(void* item, std::size_t size) noexcept
 {
-    release(item);
+    if (isRecycled(size))
+        ItemRecycler::give(item);
+    else
+        ItemRecycler::giveToHeap(item);
 }
 
-void* EventQueueItem::operator new(std::size_t size)
-{
-    return allocate(size);
-}
-
-void EventQueueItem::operator delete(void* item) noexcept
-{
-    release(item);
-}
+} // namespace lxbase::detail

@@ -9,7 +9,7 @@ CQuotationWorkerThread::~CQuotationWorkerThread() = default;
 
 void CQuotationWorkerThread::run()
 {
-    drain({&IMessageInterface::RecvQuotationMsg, Take::Copy, 60000, AfterRecord::StartAnew,
+    drain({&IMessageInterface::RecvQuotationMsg, Take::Copy, 60 * 1000, AfterRecord::StartAnew,
            "CQuotationWorkerThread::run"},
           LXBASE_LOG_PLACE);
 }

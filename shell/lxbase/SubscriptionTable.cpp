@@ -1,33 +1,37 @@
 #include <lxbase/SubscriptionTable.h>
 
+#include <lxbase/MessageInterface.h>
 #include <lxbase/Owned.h>
 
 #include <utility>
 
+namespace lxbase::detail {
+
 namespace {
 
+// True: the key is new.
 template<class Map, class Key, class Value>
-void add(Map& map, QMutex& mutex, const Key& key, const Value& value)
+bool add(Map& map, const Key& key, const Value& value)
 {
-    const QMutexLocker locker(&mutex);
     auto*& values = map[key];
-    if (!values)
+    const bool isNew = !values;
+    if (isNew)
         values = new QVector<Value>;
     values->append(value);
+    return isNew;
 }
 
 template<class Map, class Key, class Value>
-void removeFirst(Map& map, QMutex& mutex, const Key& key, const Value& value)
+void removeFirst(Map& map, const Key& key, const Value& value)
 {
-    const QMutexLocker locker(&mutex);
     if (auto* values = map.value(key))
         values->removeOne(value);
 }
 
 } // namespace
 
-CSubscriptionTable::CSubscriptionTable(IdsByType& idsByType, IdsByInt& idsByInt, QMutex& idsMutex,
-                                       TypesById& typesById, QMutex& typesMutex)
+SubscriptionTable::SubscriptionTable(IdsByType& idsByType, IdsByInt& idsByInt, QMutex& idsMutex,
+                                     TypesById& typesById, QMutex& typesMutex)
     : m_ids_by_type(idsByType)
     , m_ids_by_int(idsByInt)
     , m_ids_mutex(idsMutex)
@@ -35,34 +39,44 @@ CSubscriptionTable::CSubscriptionTable(IdsByType& idsByType, IdsByInt& idsByInt,
     , m_types_mutex(typesMutex)
 { }
 
-void CSubscriptionTable::change(const QString& id, const QVariant& type, int oper)
+void SubscriptionTable::change(const QString& id, const QVariant& type, int oper,
+                               const std::atomic<bool>* refused)
 {
-    if (oper == 1) {
+    if (oper == IMessageInterface::OperAdd) {
         const QString ownedId = owned(id);
         const QVariant ownedType = owned(type);
-        add(m_types_by_id, m_types_mutex, ownedId, ownedType);
-        add(m_ids_by_type, m_ids_mutex, ownedType, ownedId);
-    } else if (oper == 2) {
-        removeFirst(m_types_by_id, m_types_mutex, id, type);
-        removeFirst(m_ids_by_type, m_ids_mutex, type, id);
+        const QMutexLocker typesLocker(&m_types_mutex);
+        if (refused && *refused)
+            return;
+        add(m_types_by_id, ownedId, ownedType);
+        const QMutexLocker idsLocker(&m_ids_mutex);
+        if (add(m_ids_by_type, ownedType, ownedId))
+            m_ids_by_int.clear();
+    } else if (oper == IMessageInterface::OperRemove) {
+        const QMutexLocker typesLocker(&m_types_mutex);
+        removeFirst(m_types_by_id, id, type);
+        const QMutexLocker idsLocker(&m_ids_mutex);
+        removeFirst(m_ids_by_type, type, id);
     }
 }
 
-// One pass per recorded type takes one record of `id` away, so a type that was subscribed twice is
-// visited twice.
-void CSubscriptionTable::removeAll(const QString& id)
+// Each visit of a type takes one record of `id` away, so a type that was subscribed twice is
+// visited twice. Puts get their turn between two types.
+void SubscriptionTable::removeAll(const QString& id)
 {
-    const QMutexLocker locker(&m_types_mutex);
+    const QMutexLocker typesLocker(&m_types_mutex);
     const auto types = m_types_by_id.find(id);
     if (types == m_types_by_id.end())
         return;
-    for (const QVariant& type : qAsConst(**types))
-        removeFirst(m_ids_by_type, m_ids_mutex, type, id);
+    for (const QVariant& type : qAsConst(**types)) {
+        const QMutexLocker idsLocker(&m_ids_mutex);
+        removeFirst(m_ids_by_type, type, id);
+    }
     delete *types;
     m_types_by_id.erase(types);
 }
 
-QVector<QString>* CSubscriptionTable::subscribers(const QVariant& type) const
+QVector<QString>* SubscriptionTable::subscribers(const QVariant& type) const
 {
     if (type.userType() != QMetaType::Int)
         return m_ids_by_type.value(type);
@@ -75,9 +89,11 @@ QVector<QString>* CSubscriptionTable::subscribers(const QVariant& type) const
     return ids;
 }
 
-void CSubscriptionTable::clear()
+void SubscriptionTable::clear()
 {
     m_ids_by_int.clear();
     qDeleteAll(std::exchange(m_ids_by_type, {}));
     qDeleteAll(std::exchange(m_types_by_id, {}));
 }
+
+} // namespace lxbase::detail

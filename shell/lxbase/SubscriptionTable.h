@@ -1,4 +1,4 @@
-// CSubscriptionTable: who subscribed to what, on the message side or on the event side.
+// SubscriptionTable: who subscribed to what, on the message side or on the event side.
 // Internal: not installed.
 #ifndef LXBASE_SUBSCRIPTIONTABLE_H
 #define LXBASE_SUBSCRIPTIONTABLE_H
@@ -10,28 +10,36 @@
 #include <QVariant>
 #include <QVector>
 
+#include <atomic>
+
+namespace lxbase::detail {
+
 // The operations on one side's pair of maps. The maps, their mutexes and the vectors in them are
 // members of the center; this is a view that the center makes where it needs one.
 //
 // A pair may be recorded several times. An entry whose vector has become empty stays: a type's for
 // the life of the center, an ID's until removeAll.
 //
-// Locks: at most both of this table, the one of the IDs first.
-class CSubscriptionTable
+// One change of the table is one critical section, so that no change is seen half done by another.
+//
+// Locks: at most both of this table, that of the types by ID first.
+class SubscriptionTable
 {
 public:
     using IdsByType = QMap<QVariant, QVector<QString>*>;
     using TypesById = QMap<QString, QVector<QVariant>*>;
-    // The entries of IdsByType that were looked up by an int, to spare the ordered map with its
-    // comparisons of variants. An entry is never removed, so a pointer to it stays good.
+    // What IdsByType gave for an int, to spare its comparisons of variants. Kinds that are mixed
+    // have no common order, so what the map finds may change with each new entry: one empties this.
     using IdsByInt = QHash<int, QVector<QString>*>;
 
-    CSubscriptionTable(IdsByType& idsByType, IdsByInt& idsByInt, QMutex& idsMutex,
-                       TypesById& typesById, QMutex& typesMutex);
+    SubscriptionTable(IdsByType& idsByType, IdsByInt& idsByInt, QMutex& idsMutex,
+                      TypesById& typesById, QMutex& typesMutex);
 
-    // Sub and SubEvent: `oper` 1 records the pair once more, 2 removes its first record, any other
-    // does nothing.
-    void change(const QString& id, const QVariant& type, int oper);
+    // Sub and SubEvent: OperAdd records the pair once more, OperRemove removes its first record,
+    // any other does nothing. A record is not added if `refused` is set: read under the lock, so that a
+    // removeAll that comes after it was set leaves none behind.
+    void change(const QString& id, const QVariant& type, int oper,
+                const std::atomic<bool>* refused = nullptr);
 
     // Removes every record of `id`.
     void removeAll(const QString& id);
@@ -63,5 +71,7 @@ private:
     TypesById& m_types_by_id;
     QMutex& m_types_mutex;
 };
+
+} // namespace lxbase::detail
 
 #endif
