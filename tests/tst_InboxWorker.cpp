@@ -2,8 +2,8 @@
 #include <lxtest/BusTest.h>
 #include <lxtest/TestClock.h>
 
-#include <lxbase/MessageWorkerThread.h>
 #include <lxbase/Inbox.h>
+#include <lxbase/MessageWorkerThread.h>
 
 #include <QLoggingCategory>
 #include <QRegularExpression>

@@ -60,7 +60,8 @@ private slots:
             threads.emplace_back([&, id] {
                 for (int round = 0; round < 10000; ++round) {
                     // more than a thread keeps to itself
-                    const std::vector<void*> blocks = takeBlocks(4 * lxbase::detail::ItemRecycler::ChainLength);
+                    const std::vector<void*> blocks =
+                        takeBlocks(4 * lxbase::detail::ItemRecycler::ChainLength);
                     for (void* block : blocks)
                         *static_cast<int*>(block) = id;
                     for (void* block : blocks)
@@ -77,8 +78,9 @@ private slots:
     void blocksOutliveTheThreadThatGaveThem()
     {
         constexpr int chains = 5;
-        constexpr int blocks = chains * lxbase::detail::ItemRecycler::ChainLength - 1; // the last is not full
-        const std::vector<void*> others = emptyStore();                 // so that it has room
+        constexpr int blocks =
+            chains * lxbase::detail::ItemRecycler::ChainLength - 1; // the last is not full
+        const std::vector<void*> others = emptyStore();             // so that it has room
         std::vector<void*> first;
         std::thread([&] { first = takeBlocks(blocks); }).join();
         std::thread([&] { giveBlocks(first); }).join();
@@ -93,7 +95,9 @@ private slots:
     void theStoreIsBounded()
     {
         constexpr int chains = lxbase::detail::ItemRecycler::MaxStored + 10;
-        std::thread([&] { giveBlocks(takeBlocks(chains * lxbase::detail::ItemRecycler::ChainLength)); }).join();
+        std::thread([&] {
+            giveBlocks(takeBlocks(chains * lxbase::detail::ItemRecycler::ChainLength));
+        }).join();
         QCOMPARE(lxbase::detail::ItemRecycler::stored(), lxbase::detail::ItemRecycler::MaxStored);
     }
 
@@ -104,7 +108,8 @@ private slots:
             lastWords.used = true;
             giveBlocks(takeBlocks(1));
         }).join();
-        QCOMPARE(lxbase::detail::ItemRecycler::stored(), 1); // what it had before, not its last words
+        QCOMPARE(lxbase::detail::ItemRecycler::stored(),
+                 1); // what it had before, not its last words
         giveBlocks(others);
     }
 };

@@ -4,8 +4,13 @@
 #include <QLoggingCategory>
 
 #include <atomic>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <thread>
+
+#include <sys/wait.h>
+#include <unistd.h>
 
 using namespace lxtest;
 
@@ -162,7 +167,146 @@ const ChildScenario callInProgress("callInProgress", [] {
     return 0;
 });
 
+// Threads that the host forgot go on putting while the process ends; nobody receives it.
+int putForEver(void (*put)())
+{
+    QLoggingCategory::setFilterRules("lxbase.debug=false");
+    center().Start();
+    static std::atomic<int> count{0};
+    for (int i = 0; i < 24; ++i) {
+        std::thread([put] {
+            for (;; ++count)
+                put();
+        }).detach();
+    }
+    while (count < 1000)
+        std::this_thread::yield();
+    return 0;
+}
+
+const ChildScenario forgottenOnPut("forgottenOnPut", [] {
+    return putForEver([] { center().Put("", message("nobody", 1)); });
+});
+const ChildScenario forgottenOnPutEvent("forgottenOnPutEvent", [] {
+    return putForEver([] { center().PutEvent("", makeEvent("nobody", 1)); });
+});
+const ChildScenario forgottenOnPutNetMsg("forgottenOnPutNetMsg", [] {
+    return putForEver([] { center().PutNetMsg("", message({}, 1)); });
+});
+const ChildScenario forgottenOnPutQuotationMsg("forgottenOnPutQuotationMsg", [] {
+    return putForEver([] { center().PutQuotationMsg("", message({}, 1)); });
+});
+
+// One more plugin, registered until the end.
+Plugin* stays(Recorder::Action action = {})
+{
+    auto* const plugin = plugins[0] = new Plugin("stays", All);
+    plugin->onCall(std::move(action));
+    return plugin;
+}
+
+const ChildScenario exitInALogHandler("exitInALogHandler", [] {
+    stays();
+    qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString& text) {
+        if (text.contains("because not find"))
+            std::exit(0);
+    });
+    center().Put("", message("nobody", 1));
+    return 1;
+});
+
+// Copied under the subscription lock.
+struct Interrupting
+{
+    Interrupting() = default;
+    Interrupting(const Interrupting&)
+    {
+        if (armed)
+            std::raise(SIGUSR1);
+    }
+    inline static bool armed = false;
+};
+
+const ChildScenario exitInASignalHandler("exitInASignalHandler", [] {
+    Plugin* const plugin = stays();
+    plugin->subscribe(1);
+    std::signal(SIGUSR1, [](int) { std::exit(0); });
+    CountedMessage* const msg = message({}, 1, QVariant::fromValue(Interrupting()));
+    Interrupting::armed = true;
+    center().Put("", msg);
+    return 1;
+});
+
+const ChildScenario handlerThatNeverReturns("handlerThatNeverReturns", [] {
+    Plugin well("well", All);
+    plugins[1] = new Plugin("also", All);
+    static Latch entered;
+    stays([](const Call&) {
+        entered.signal();
+        for (;;)
+            ::pause();
+    });
+    deliverTo("stays", M, 1);
+    entered.wait();
+    return 0;
+});
+
+// The handler goes on until UnReg has taken the registration, and then ends the process.
+const ChildScenario exitWhileUnRegWaits("exitWhileUnRegWaits", [] {
+    plugins[1] = new Plugin("also", All);
+    static Latch entered;
+    static std::atomic<bool> taken{false};
+    nextHandler = qInstallMessageHandler(
+        [](QtMsgType level, const QMessageLogContext& context, const QString& text) {
+            nextHandler(level, context, text);
+            taken = taken || text.contains("because not find");
+        });
+    stays([](const Call&) {
+        entered.signal();
+        while (!taken)
+            center().Put("", message("stays", 1));
+        std::exit(0);
+    });
+    deliverTo("stays", M, 1);
+    entered.wait();
+    center().UnReg("stays");
+    return 1;
+});
+
+const ChildScenario forkedChild("forkedChild", [] {
+    center().Start();
+    Plugin plugin("stays", All);
+    const pid_t child = ::fork();
+    if (child == 0)
+        std::exit(0);
+    int status = -1;
+    const bool ended = waitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; });
+    if (!ended)
+        ::kill(child, SIGKILL);
+    return ended && WIFEXITED(status) ? WEXITSTATUS(status) : 1;
+});
+
+// Workers are made, ended and deleted by another thread's event loop when the end comes.
+const ChildScenario workersComeAndGo("workersComeAndGo", [] {
+    QLoggingCategory::setFilterRules("lxbase.debug=false");
+    static std::atomic<int> lives{0};
+    std::thread([] {
+        for (;; ++lives) {
+            Plugin plugin(M);
+            plugin.leave();
+            if (lives % 8 == 0)
+                runDeferredDeletes();
+        }
+    }).detach();
+    while (lives < 20)
+        std::this_thread::yield();
+    return 0;
+});
+
 } // namespace
+
+Q_DECLARE_METATYPE(Interrupting)
+Q_DECLARE_TYPEINFO(Interrupting, Q_MOVABLE_TYPE);
 
 class ProcessEndTest : public QObject
 {
@@ -196,6 +340,37 @@ private slots:
         child.log.sort(); // two threads may have written it
         log.sort();
         QCOMPARE(child.log, log);
+    }
+
+    // Whatever goes on meanwhile: the end comes, and nothing crashes.
+    void nothingHoldsUpTheEnd_data()
+    {
+        QTest::addColumn<int>("runs");
+        QTest::addColumn<QString>("said");
+        const auto row = [](const char* scenario, const char* said = "", int runs = 1) {
+            QTest::newRow(scenario) << runs << QString(said);
+        };
+        for (const char* path : {"forgottenOnPut", "forgottenOnPutNetMsg",
+                                 "forgottenOnPutQuotationMsg", "forgottenOnPutEvent"})
+            row(path, "", 3);
+        const char* const stopped = "plugins still registered at the end, stopped: (\"stays\")";
+        row("exitInALogHandler", stopped);
+        row("exitInASignalHandler", stopped);
+        row("handlerThatNeverReturns",
+            "stopped: (\"also\") , not stopped after 5000 ms: (\"stays\")");
+        row("exitWhileUnRegWaits", "stopped: (\"also\", \"stays\")"); // its event side
+        row("forkedChild");
+        row("workersComeAndGo", "", 5);
+    }
+    void nothingHoldsUpTheEnd()
+    {
+        QFETCH(int, runs);
+        QFETCH(QString, said);
+        while (runs--) {
+            const ChildResult child = runChild(QTest::currentDataTag());
+            const QString log = child.log.join('\n');
+            QVERIFY2(child.succeeded && log.contains(said), qPrintable(log.right(2000)));
+        }
     }
 };
 

@@ -54,10 +54,12 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
         return;
     const QVariant type = event->GetType();
     const QString dst = event->GetDstid();
-    if (lcLxbase().isDebugEnabled() && isTraced(type)) {
-        qCDebug(lcLxbase) << event->GetSrcid() << " PutEvent type:" << type << " to:" << dst
-                          << " data:" << event->GetMsg();
-    }
+    try {
+        if (lcLxbase().isDebugEnabled() && isTraced(type)) {
+            qCDebug(lcLxbase) << event->GetSrcid() << " PutEvent type:" << type << " to:" << dst
+                              << " data:" << event->GetMsg();
+        }
+    } catch (...) { } // a payload that cannot be copied goes untraced
     if (event->GetSrcid().isEmpty())
         event->SetSrcid(srcId);
 
