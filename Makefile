@@ -1,4 +1,4 @@
-# The front door: every check that CI runs is one word here. Each word installs what it needs (on
+# The front door: every check that CI runs is a target here. Each target installs what it needs (on
 # Debian, as root or through sudo), configures, builds and runs.
 
 .DEFAULT_GOAL := help
@@ -8,7 +8,7 @@
 PACKAGES := ca-certificates ccache cmake g++ libqt5sql5-sqlite libtbb-dev make ninja-build \
 	pkg-config python3 qtbase5-dev
 SOURCES = $(shell git ls-files '*.h' '*.cpp')
-INSTALL = cmake/install-deps
+INSTALL = tools/install-deps
 CONFIGURE = cmake $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache) --preset
 
 help:
@@ -65,11 +65,11 @@ package-test: deps ## install, and build against what was installed from outside
 
 docs: deps ## the API reference, in build/docs
 	@$(INSTALL) doxygen
-	cmake/make-docs
+	tools/make-docs
 
 lint: deps ## static analysis
 	@$(INSTALL) clang-tidy-14 clazy
-	cmake/lint
+	tools/lint
 
 format: ## lay the sources out as .clang-format says
 	@$(INSTALL) clang-format-14
