@@ -55,12 +55,14 @@ bench: deps ## measure, next to what a user would pick instead; writes bench/res
 	cmake --build --preset bench
 	bench/run.py build/bench
 
-package: build ## the Debian packages, in build/release
+package: deps ## the Debian packages, in build/package
 	@$(INSTALL) dpkg-dev file
-	cd build/release && cpack -G DEB -D CMAKE_SUPPRESS_DEVELOPER_WARNINGS=ON
+	$(CONFIGURE) package
+	cmake --build --preset package
+	cd build/package && rm -f *.deb && cpack -G DEB -D CMAKE_SUPPRESS_DEVELOPER_WARNINGS=ON
 
-package-test: deps ## install, and build against what was installed from outside the tree
-	@$(INSTALL) clang-14 dpkg-dev file
+package-test: package ## build against the packages, from outside the tree
+	@$(INSTALL) clang-14
 	tests/package/run
 
 docs: deps ## the API reference, in build/docs
