@@ -2,8 +2,8 @@
 # Debian, as root or through sudo), configures, builds and runs.
 
 .DEFAULT_GOAL := help
-.PHONY: help deps build demo test asan tsan soak fuzz model bench package package-test docs lint \
-	format format-check
+.PHONY: help deps build demo test asan tsan soak fuzz model bench package-build package package-test \
+	abi-reference docs lint format format-check
 
 PACKAGES := ca-certificates ccache cmake g++ libqt5sql5-sqlite libtbb-dev make ninja-build \
 	pkg-config python3 qtbase5-dev
@@ -55,15 +55,22 @@ bench: deps ## measure, next to what a user would pick instead; writes bench/res
 	cmake --build --preset bench
 	bench/run.py build/bench
 
-package: deps ## the Debian packages, in build/package
-	@$(INSTALL) dpkg-dev file
+package-build: deps
 	$(CONFIGURE) package
 	cmake --build --preset package
+
+package: package-build ## the Debian packages, in build/package
+	@$(INSTALL) dpkg-dev file
 	cd build/package && rm -f *.deb && cpack -G DEB -D CMAKE_SUPPRESS_DEVELOPER_WARNINGS=ON
 
-package-test: package ## build against the packages, from outside the tree
-	@$(INSTALL) clang-14
+package-test: package ## build against the packages, from outside the tree; check the binary interface
+	@$(INSTALL) abigail-tools clang-14
+	tools/abi check
 	tests/package/run
+
+abi-reference: package-build ## write the binary interface that package-test asks for anew
+	@$(INSTALL) abigail-tools
+	tools/abi write
 
 docs: deps ## the API reference, in build/docs
 	@$(INSTALL) doxygen
