@@ -21,7 +21,9 @@ build: deps ## build everything, optimised
 	$(CONFIGURE) release
 	cmake --build --preset release
 
-demo: build ## build, and play a session through the bus
+demo: deps ## build what it takes, and play a session through the bus
+	$(CONFIGURE) release
+	cmake --build --preset release --target lxclient
 	build/release/client/lxclient
 
 test: build ## build, and run every test
