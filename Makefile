@@ -1,14 +1,14 @@
-# The front door: every check that CI runs is one word here. Each word installs what it needs (on
+# The front door: every check that CI runs is a target here. Each target installs what it needs (on
 # Debian, as root or through sudo), configures, builds and runs.
 
 .DEFAULT_GOAL := help
-.PHONY: help deps build demo test asan tsan soak fuzz model bench package package-test docs lint \
-	format format-check
+.PHONY: help deps build demo test asan tsan soak fuzz model bench package-build package package-test \
+	abi-reference docs lint format format-check
 
 PACKAGES := ca-certificates ccache cmake g++ libqt5sql5-sqlite libtbb-dev make ninja-build \
 	pkg-config python3 qtbase5-dev
 SOURCES = $(shell git ls-files '*.h' '*.cpp')
-INSTALL = cmake/install-deps
+INSTALL = tools/install-deps
 CONFIGURE = cmake $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache) --preset
 
 help:
@@ -21,7 +21,9 @@ build: deps ## build everything, optimised
 	$(CONFIGURE) release
 	cmake --build --preset release
 
-demo: build ## build, and play a session through the bus
+demo: deps ## build what it takes, and play a session through the bus
+	$(CONFIGURE) release
+	cmake --build --preset release --target lxclient
 	build/release/client/lxclient
 
 test: build ## build, and run every test
@@ -55,21 +57,30 @@ bench: deps ## measure, next to what a user would pick instead; writes bench/res
 	cmake --build --preset bench
 	bench/run.py build/bench
 
-package: build ## the Debian packages, in build/release
-	@$(INSTALL) dpkg-dev file
-	cd build/release && cpack -G DEB -D CMAKE_SUPPRESS_DEVELOPER_WARNINGS=ON
+package-build: deps
+	$(CONFIGURE) package
+	cmake --build --preset package
 
-package-test: deps ## install, and build against what was installed from outside the tree
-	@$(INSTALL) clang-14 dpkg-dev file
+package: package-build ## the Debian packages, in build/package
+	@$(INSTALL) dpkg-dev file
+	cd build/package && rm -f *.deb && cpack -G DEB -D CMAKE_SUPPRESS_DEVELOPER_WARNINGS=ON
+
+package-test: package ## build against the packages, from outside the tree; check the binary interface
+	@$(INSTALL) abigail-tools clang-14
+	tools/abi check
 	tests/package/run
+
+abi-reference: package-build ## write the binary interface that package-test asks for anew
+	@$(INSTALL) abigail-tools
+	tools/abi write
 
 docs: deps ## the API reference, in build/docs
 	@$(INSTALL) doxygen
-	cmake/make-docs
+	tools/make-docs
 
 lint: deps ## static analysis
 	@$(INSTALL) clang-tidy-14 clazy
-	cmake/lint
+	tools/lint
 
 format: ## lay the sources out as .clang-format says
 	@$(INSTALL) clang-format-14

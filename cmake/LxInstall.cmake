@@ -30,13 +30,27 @@ install(FILES ${PROJECT_BINARY_DIR}/lxbase.pc DESTINATION ${pc_dir} COMPONENT de
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/plugin-template
     DESTINATION ${CMAKE_INSTALL_DATADIR}/lxbase COMPONENT development)
 
-# The guide with what it refers to, in folders as in the tree, so that its links lead somewhere.
+# The documentation with what it refers to, in folders as in the tree, so that its links lead
+# somewhere; what lies elsewhere once it is installed, the README's links follow.
 set(docs ${CMAKE_INSTALL_DATADIR}/doc/liblxbase-dev)
+file(RELATIVE_PATH docs_to_prefix /${docs} /)
+set(headers ${docs_to_prefix}${CMAKE_INSTALL_INCLUDEDIR})
+set(template ${docs_to_prefix}${CMAKE_INSTALL_DATADIR}/lxbase/plugin-template)
+set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS README.md)
+file(READ README.md readme)
+string(REPLACE "](shell/" "](${headers}/" readme "${readme}")
+string(REPLACE "](client)" "](${headers}/lxclient)" readme "${readme}")
+string(REPLACE "](examples/plugin-template)" "](${template})" readme "${readme}")
+file(WRITE ${PROJECT_BINARY_DIR}/README.md "${readme}")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
     DESTINATION ${docs} COMPONENT development
     FILES_MATCHING PATTERN "*.md" PATTERN "main.cpp" PATTERN plugin-template EXCLUDE)
 install(FILES ${PROJECT_SOURCE_DIR}/bench/results.md DESTINATION ${docs}/bench COMPONENT development)
-install(FILES ${PROJECT_SOURCE_DIR}/CHANGELOG.md DESTINATION ${docs} COMPONENT development)
+install(FILES
+    ${PROJECT_BINARY_DIR}/README.md
+    ${PROJECT_SOURCE_DIR}/CHANGELOG.md
+    ${PROJECT_SOURCE_DIR}/CONTRIBUTING.md
+    DESTINATION ${docs} COMPONENT development)
 
 # Debian packages, one per component, with dependencies worked out from the binaries. Best made from
 # a build that was configured for /usr.

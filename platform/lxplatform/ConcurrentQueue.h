@@ -1,6 +1,7 @@
-// Concurrency::concurrent_queue: the concurrency runtime's unbounded queue for many producers and
-// many consumers (push, try_pop, empty, unsafe_size). Where the platform has none, oneTBB's queue
-// of the same design takes its place.
+/// \file
+/// Concurrency::concurrent_queue: the concurrency runtime's unbounded queue for many producers and
+/// many consumers (push, try_pop, empty, unsafe_size). Where the platform has none, oneTBB's queue
+/// of the same design takes its place.
 #ifndef LXPLATFORM_CONCURRENTQUEUE_H
 #define LXPLATFORM_CONCURRENTQUEUE_H
 
@@ -19,7 +20,7 @@
 
 namespace Concurrency {
 
-// push and try_pop from any thread, at the same time.
+/// push and try_pop from any thread, at the same time.
 template<class T>
 using concurrent_queue = tbb::concurrent_queue<T>;
 

@@ -1,9 +1,12 @@
-// LXEVENT_EXPORT: what lxevent shows to other libraries; everything else stays hidden.
+/// \file
+/// What lxevent shows to other libraries.
 #ifndef LXEVENT_EXPORT_H
 #define LXEVENT_EXPORT_H
 
 #include <QtGlobal>
 
+/// \def LXEVENT_EXPORT
+/// Marks what other libraries use; everything else stays hidden.
 #ifdef lxevent_EXPORTS
 #define LXEVENT_EXPORT Q_DECL_EXPORT
 #else
