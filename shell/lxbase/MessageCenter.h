@@ -80,8 +80,8 @@ struct MsgRegInfo
 class LXBASE_EXPORT CMessageCenter
 {
 public:
-    /// \{
     /// What the lists of the network paths and the outside queues hold: references to messages.
+    /// \{
     using MessageList = QVector<QSharedPointer<CMessageCommon>>;
     using MessageQueue = Concurrency::concurrent_queue<QSharedPointer<CMessageCommon>>;
     /// \}
@@ -104,32 +104,32 @@ public:
         ;
 #endif
 
-    /// \{
     /// Registration: see IMessageInterface.
+    /// \{
     void Reg(QString id, IMessageInterface* pInterface, IMessageInterface::ThreadType type);
     void UnReg(QString id);
     /// \}
 
-    /// \{
     /// Messages: see IMessageInterface.
+    /// \{
     void Sub(QString id, QVariant type, int oper);
     void Put(QString srcId, CMessageCommon* pMsg);
     /// \}
 
-    /// \{
     /// Traffic from the network: see IMessageInterface. Each put pushes a reference onto the
     /// registered queue of its path, if there is one, and appends one to the list of its path, from
     /// which a dispatch thread routes it. The message is deleted when the last reference goes, on
     /// whichever thread that is. A null message passes through both as an empty reference.
+    /// \{
     void PutNetMsg(QString srcId, CMessageCommon* pMsg);
     void PutQuotationMsg(QString srcId, CMessageCommon* pMsg);
     /// \}
 
-    /// \{
     /// Registers an outside queue that receives a reference to every later message of the path;
     /// replaces an earlier one, null ends the registration. The queue is not owned: it stays alive
     /// while it is registered and until the puts that may still push onto it have returned, or
     /// until the center has been destroyed.
+    /// \{
     void regNetMsgQueue(Concurrency::concurrent_queue<QSharedPointer<CMessageCommon>>* queue);
     void regQuotationQueue(Concurrency::concurrent_queue<QSharedPointer<CMessageCommon>>* queue);
     /// \}
@@ -140,16 +140,16 @@ public:
     /// stays as it was; a further call tries again. Returns 0.
     int Start();
 
-    /// \{
     /// Routes one message to its destination, or to all subscribers of its type, into the message
     /// inboxes or the quotation inboxes, with the net plugin's ID as sender. Called by the dispatch
     /// threads; an empty reference is ignored.
+    /// \{
     void ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg);
     void ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg);
     /// \}
 
-    /// \{
     /// Events: see IMessageInterface.
+    /// \{
     void SubEvent(QString id, QVariant type, int oper);
     void PutEvent(QString srcId, CEventMessageCommon* pMsg);
     /// \}

@@ -75,23 +75,23 @@ public:
     /// 0x30005 and 0x30006; an empty source ID in the event is set to `srcId`.
     void PutEvent(QString srcId, CEventMessageCommon* pMsg);
 
-    /// \{
     /// For the net plugin: hands in a network message, or a quotation, for its destination or the
     /// subscribers of its type, and for the outside queue of its path. `srcId` is not used:
     /// receivers see the net plugin's ID. Owns `pMsg`, made with `new`, from the call on; it is
     /// deleted when its last holder releases it. Before CMessageCenter::Start only the queue gets
     /// it and a warning is logged. A destination that is not registered is reported by a warning
     /// from the dispatch thread. Null reaches the queue as an empty reference, and nobody else.
+    /// \{
     void PutNetMsg(QString srcId, CMessageCommon* pMsg);
     void PutQuotationMsg(QString srcId, CMessageCommon* pMsg);
     /// \}
 
-    /// \{
     /// Subscribes (OperAdd) `id` to messages and quotations, or to events, of `type`, or ends one
-    /// such subscription (OperRemove), which takes time in proportion to the subscriptions of the ID
-    /// and of the type; any other `oper` does nothing. Subscribing twice delivers twice; ending
+    /// such subscription (OperRemove), which takes time in proportion to the subscriptions of the
+    /// ID and of the type; any other `oper` does nothing. Subscribing twice delivers twice; ending
     /// what was not subscribed does nothing. Needs no registration, and no ID is refused; UnReg
     /// ends all subscriptions of an ID.
+    /// \{
     void Sub(QString id, QVariant type, int oper);
     void SubEvent(QString id, QVariant type, int oper);
     /// \}
@@ -104,11 +104,11 @@ public:
     void setRelation(const QString& from, const QString& to, int type, RelationColor_t color,
                      int oper);
 
-    /// \{
     /// The handlers, each called on its own worker thread with copies of what was put; `srcId` is
     /// the sender as given to the put, the net plugin's ID for what came in from the network. A
     /// handler must not let an exception escape. Nor should it end the process: if another thread
     /// is in UnReg of the same plugin, exit waits 5 seconds for it.
+    /// \{
     virtual void RecvMsg(QString srcId, QVariant type, QVariant data) = 0;
     virtual void RecvEvent(QString srcId, QVariant type, QVariant data) = 0;
     virtual void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) = 0;
@@ -133,8 +133,8 @@ public:
     CRegManager();
     ~CRegManager() override;
 
-    /// \{
     /// As in IMessageInterface.
+    /// \{
     static void Reg(QString id, IMessageInterface* pInterface, IMessageInterface::ThreadType type);
     static void UnReg(QString id);
     static void Put(QString srcId, CMessageCommon* pMsg);

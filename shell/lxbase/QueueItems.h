@@ -21,8 +21,9 @@ LXBASE_EXPORT void giveItemMemory(void* item, std::size_t size) noexcept;
 
 } // namespace lxbase::detail
 
-// Every form of `new` that a class's own one would hide, so that an item stays a plain record: it
-// may be a container's element, lie in a QVariant or a shared pointer's block, and be derived from.
+/// Every form of `new` that a class's own one would hide, so that an item stays a plain record: it
+/// may be a container's element, lie in a QVariant or a shared pointer's block, and be derived
+/// from.
 #define LXBASE_ITEM_MEMORY                                                                         \
     static void* operator new(std::size_t size)                                                    \
     {                                                                                              \

@@ -36,8 +36,8 @@ public:
                       TypesById& typesById, QMutex& typesMutex);
 
     // Sub and SubEvent: OperAdd records the pair once more, OperRemove removes its first record,
-    // any other does nothing. A record is not added if `refused` is set: read under the lock, so that a
-    // removeAll that comes after it was set leaves none behind.
+    // any other does nothing. A record is not added if `refused` is set: read under the lock, so
+    // that a removeAll that comes after it was set leaves none behind.
     void change(const QString& id, const QVariant& type, int oper,
                 const std::atomic<bool>* refused = nullptr);
 
