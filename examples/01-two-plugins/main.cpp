@@ -19,7 +19,7 @@ public:
         : m_limit(limit)
     {
         Reg(m_id, this, MessageThread); // handlers may run from here on: last in the constructor
-        Sub(m_id, Price, 1);
+        Sub(m_id, Price, OperAdd);
     }
     ~PriceAlert() override { UnReg(m_id); } // no handler runs after this: first in the destructor
 

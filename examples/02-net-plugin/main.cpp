@@ -48,7 +48,7 @@ public:
     Strategy()
     {
         Reg(m_id, this, MessageThread | QuotationThread);
-        Sub(m_id, EurUsd, 1); // one subscription serves messages and quotations of a type
+        Sub(m_id, EurUsd, OperAdd); // one subscription serves messages and quotations of a type
     }
     ~Strategy() override { UnReg(m_id); }
 

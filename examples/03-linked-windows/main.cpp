@@ -74,7 +74,7 @@ public:
     Journal()
     {
         Reg(m_id, this, EventThread);
-        SubEvent(m_id, SymbolSelected, 1);
+        SubEvent(m_id, SymbolSelected, OperAdd);
     }
     ~Journal() override { UnReg(m_id); }
 
@@ -106,7 +106,7 @@ int main(int argc, char* argv[])
     // The group is filed under the base ID, the part before the "#", and holds full IDs.
     for (const char* member : {"Board#1", "Board#2"}) {
         first.setRelation(QStringLiteral("Board"), QLatin1String(member), SymbolSelected,
-                          RELATION_RED, 1);
+                          RELATION_RED, OperAdd);
     }
 
     first.select(QStringLiteral("EUR/USD"));

@@ -52,7 +52,7 @@ public:
     {
         Reg(m_id, this, MessageThread);
         for (const MessageType type : {EurUsd, UsdJpy, AskForLast})
-            Sub(m_id, type, 1);
+            Sub(m_id, type, OperAdd);
     }
     ~LastPrices() override { UnReg(m_id); } // then the records in m_last go back
 

@@ -44,7 +44,7 @@ public:
         m_on_thread.moveToThread(&m_thread);
         m_thread.start();
         Reg(m_id, this, MessageThread);
-        Sub(m_id, Price, 1);
+        Sub(m_id, Price, OperAdd);
     }
 
     // Upstream first: when UnReg has returned, no handler hands anything over any more; then the

@@ -34,6 +34,7 @@ public:
         , m_index(other.m_index)
     { }
 
+    /// Cannot be assigned: that would overwrite the index by which the pool knows the record.
     CMessageCommon& operator=(const CMessageCommon& other) = delete;
 
     virtual ~CMessageCommon();
