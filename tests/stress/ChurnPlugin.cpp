@@ -12,8 +12,11 @@ class ChurnPlugin final : public lxtest::Handler, public ChurnVisitor
 public:
     void enter() override
     {
-        lxstress::join(QStringLiteral("churn#" CHURNER), this, QStringLiteral(CHURN_TYPE));
-        for (const QString& member : {QStringLiteral("churn#" CHURNER), QStringLiteral(CHURN_HOME)})
+        const QString id = QStringLiteral("churn#" CHURNER);
+        Reg(id, this, lxtest::All);
+        Sub(id, QStringLiteral(CHURN_TYPE), 1);
+        SubEvent(id, QStringLiteral(CHURN_TYPE), 1);
+        for (const QString& member : {id, QStringLiteral(CHURN_HOME)})
             setRelation(QStringLiteral(CHURN_BASE), member, churnRelatedType, RELATION_GREEN, 1);
         for (const int oper : {2, 1}) // instead of the one that an earlier visitor made
             Sub(QStringLiteral(CHURN_HOME), QStringLiteral(CHURN_TYPE), oper);
