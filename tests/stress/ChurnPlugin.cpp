@@ -33,7 +33,7 @@ private:
     {
         if (m_left)
             qFatal("a handler was entered after UnReg had returned");
-        received |= call.type == churnRelatedType ? RelatedEvents : int(call.kind);
+        received |= call.type.userType() == QMetaType::Int ? RelatedEvents : int(call.kind);
         if (call.kind == lxtest::M)
             lxstress::put(lxstress::Direct, m_source, m_home, call.type, call.data);
     }

@@ -249,7 +249,8 @@ private:
 
     void handle(const Call& call) override
     {
-        if (call.data == settleMarker()) {
+        // The first comparison of unlike variants, made by two threads at once, lets Qt warn.
+        if (call.data.userType() == QMetaType::QString && call.data == settleMarker()) {
             ++m_settled;
             return;
         }
