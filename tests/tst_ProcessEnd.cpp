@@ -198,7 +198,7 @@ const ChildScenario forgottenOnPutQuotationMsg("forgottenOnPutQuotationMsg", [] 
 });
 
 // One more plugin, registered until the end.
-Plugin* stays(Recorder::Action action = {})
+Plugin* stays(std::function<void(const Call&)> action = {})
 {
     auto* const plugin = plugins[0] = new Plugin("stays", All);
     plugin->onCall(std::move(action));

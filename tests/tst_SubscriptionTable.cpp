@@ -47,7 +47,7 @@ private slots:
         const unsigned seed = std::random_device()();
         qInfo("seed %u", seed);
         std::mt19937 random(seed);
-        const QVariantList types{5, 9, 10, "5", "9", "10", 9.0, "x"};
+        const QVariantList types{5, 9, 10, "5", "9", "10", 9.0, "x", "login", "logout"};
         for (int round = 0; round < 300; ++round) {
             Subscriptions subscriptions;
             QMap<QVariant, QStringList> model;

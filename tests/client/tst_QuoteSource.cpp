@@ -49,24 +49,13 @@ private slots:
         const QByteArray time = "2020-01-01T17:00:00.065Z,";
         const std::pair<QByteArray, QString> cases[] = {
             {time + "EUR/USD,1.1", "4 fields expected, 3 found"},
-            {time + "EUR/USD,1,2,3", "4 fields expected, 5 found"},
             {"2020-01-01T17:00:00Z,EUR/USD,1,2", "timestamp \"2020-01-01T17:00:00Z\""},
-            {"2020-01-01T17:00:00.065,EUR/USD,1,2", "timestamp"},
-            {"2020-01-01T17:00.00.065Z,EUR/USD,1,2", "timestamp"},
             {"2020-02-30T17:00:00.065Z,EUR/USD,1,2", "timestamp"},
-            {"2020-01-01T24:00:00.065Z,EUR/USD,1,2", "timestamp"},
             {time + " ,1,2", "symbol \" \" is empty"},
-            {time + "\"EUR\",1,2", "symbol \"\"EUR\"\" is quoted"},
             {time + "EUR\x01,1,2", "symbol \"EUR?\" holds characters"},
-            {time + "\xff\xfe,1,2", "holds characters"},
             {time + QByteArray(33, 'E') + ",1,2", "is longer than 32 characters"},
-            {time + "E,,2", "bid \"\" is not a price"},
             {time + "E,1,2x", "ask \"2x\" is not a price"},
-            {time + "E,1.,2", "bid"},
-            {time + "E,.5,2", "bid"},
-            {time + "E,1.2.3,2", "bid"},
             {time + "E,1e5,2", "bid"},
-            {time + "E,-,2", "bid"},
             {time + "E,1234567890123456,2", "bid"},
             {time + "E,0.1234567890,2", "bid"},
             {QByteArray(100'000, 'x'), "longer than 4096 bytes"},
@@ -81,21 +70,13 @@ private slots:
         }
     }
 
-    void aGoodRowIsReadAsItIsRecorded()
+    void aGoodRowIsReadAsItIsRecordedWhateverItsLineEnd()
     {
-        for (const QByteArray row : {"2020-01-01T17:00:00.065Z,EUR/USD,1.121200,1.121720\n",
-                                     "2013-12-31T23:59:59.999Z,USD/JPY,86.650,87\n",
-                                     "2020-04-20T18:08:00.000Z,OIL,-37.63,-0.01\n",
-                                     "2020-04-20T18:08:00.000Z,B\xc3\xb6rse,0.000000001,0\n"})
-            QCOMPARE(Reading(header + row).rows, row);
-    }
-
-    void otherLineEndsBlankLinesAndAMissingLastOneAreTaken()
-    {
+        const QByteArray strange = "2020-04-20T18:08:00.000Z,B\xc3\xb6rse,-37.630,0.000000001\n";
         const Reading reading("\xEF\xBB\xBF" + quotetext::Header + "\r\n\r\n" + goodRow.trimmed()
-                              + "\r\n\n" + goodRow.trimmed());
+                              + "\r\n\n" + strange.trimmed());
         QVERIFY(reading.isRecording);
-        QCOMPARE(reading.rows, goodRow + goodRow);
+        QCOMPARE(reading.rows, goodRow + strange);
         QCOMPARE(reading.complaints, QStringList());
         QVERIFY(!Reading("").isRecording);
         QVERIFY(!Reading("time;symbol;bid;ask\n").isRecording);

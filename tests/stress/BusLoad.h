@@ -7,11 +7,9 @@
 
 #include <QLoggingCategory>
 
-#include <atomic>
 #include <cstdlib>
 #include <memory>
 #include <thread>
-#include <vector>
 
 namespace lxstress {
 
@@ -21,11 +19,6 @@ inline std::atomic<bool> exitInHandler{false};
 constexpr int slowPluginCount = 5;
 using SlowPlugins = std::vector<std::unique_ptr<lxtest::Plugin>>;
 
-inline QString slowId(int number)
-{
-    return QString("slow%1").arg(number);
-}
-
 inline void putOnEveryPath(int count)
 {
     for (int i = 0; i < count * PathCount; ++i)
@@ -33,16 +26,17 @@ inline void putOnEveryPath(int count)
 }
 
 // Returns when the producers have just stopped: plugins registered and in the middle of receiving,
-// inboxes and lists full.
+// inboxes and lists full. The plugins are "slow0", "slow1", ...
 inline SlowPlugins loadBus(CMessageCenter::IdlePolicy policy)
 {
     QLoggingCategory::setFilterRules("lxbase.debug=false");
-    CMessageCenter::GetInstance()->setIdlePolicy(policy);
-    CMessageCenter::GetInstance()->Start();
+    lxtest::center().setIdlePolicy(policy);
+    lxtest::center().Start();
     SlowPlugins plugins;
     for (int i = 0; i < slowPluginCount; ++i) {
-        plugins.push_back(std::make_unique<lxtest::Plugin>(slowId(i), lxtest::All));
-        plugins.back()->onCall([id = slowId(i)](const lxtest::Call& call) {
+        const QString id = QString("slow%1").arg(i);
+        plugins.push_back(std::make_unique<lxtest::Plugin>(id, lxtest::All));
+        plugins.back()->onCall([id](const lxtest::Call& call) {
             if (exitInHandler.exchange(false))
                 std::exit(0);
             QThread::msleep(2); // slow against the putting
@@ -52,15 +46,9 @@ inline SlowPlugins loadBus(CMessageCenter::IdlePolicy policy)
         plugins.back()->subscribe(1);
         plugins.back()->subscribeEvent(1);
     }
-    std::vector<std::thread> producers;
-    for (int i = 0; i < 3; ++i)
-        producers.emplace_back([] { putOnEveryPath(5000); });
-    for (std::thread& producer : producers)
-        producer.join();
-    for (const auto& plugin : plugins) {
-        while (plugin->count() == 0)
-            std::this_thread::yield();
-    }
+    lxtest::onThreads(3, [](int) { putOnEveryPath(5000); }).clear();
+    for (const auto& plugin : plugins)
+        waitFor("a plugin to receive", [&] { return plugin->count() > 0; });
     return plugins;
 }
 

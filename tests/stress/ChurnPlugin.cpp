@@ -12,8 +12,11 @@ class ChurnPlugin final : public lxtest::Handler, public ChurnVisitor
 public:
     void enter() override
     {
-        lxstress::join(QStringLiteral("churn#" CHURNER), this, QStringLiteral(CHURN_TYPE));
-        for (const QString& member : {QStringLiteral("churn#" CHURNER), QStringLiteral(CHURN_HOME)})
+        const QString id = QStringLiteral("churn#" CHURNER);
+        Reg(id, this, lxtest::All);
+        Sub(id, QStringLiteral(CHURN_TYPE), 1);
+        SubEvent(id, QStringLiteral(CHURN_TYPE), 1);
+        for (const QString& member : {id, QStringLiteral(CHURN_HOME)})
             setRelation(QStringLiteral(CHURN_BASE), member, churnRelatedType, RELATION_GREEN, 1);
         for (const int oper : {2, 1}) // instead of the one that an earlier visitor made
             Sub(QStringLiteral(CHURN_HOME), QStringLiteral(CHURN_TYPE), oper);
@@ -30,7 +33,7 @@ private:
     {
         if (m_left)
             qFatal("a handler was entered after UnReg had returned");
-        received |= call.type == churnRelatedType ? RelatedEvents : int(call.kind);
+        received |= call.type.userType() == QMetaType::Int ? RelatedEvents : int(call.kind);
         if (call.kind == lxtest::M)
             lxstress::put(lxstress::Direct, m_source, m_home, call.type, call.data);
     }

@@ -4,11 +4,8 @@
 #define LXSTRESS_STRESS_H
 
 #include <lxtest/Plugin.h>
-#include <lxtest/Wait.h>
 
 #include <QDir>
-
-#include <functional>
 
 #include <dlfcn.h>
 
@@ -20,41 +17,29 @@ inline void put(Path path, const QString& srcId, const QString& dstId, const QVa
                 const QVariant& payload, bool toNet = false)
 {
     if (path == Event) {
-        CRegManager::PutEvent(srcId, new lxtest::CountedEvent(srcId, dstId, type, payload));
+        CRegManager::PutEvent(srcId, lxtest::makeEvent(dstId, type, payload));
         return;
     }
-    auto* const message = new lxtest::CountedMessage(srcId, dstId, type, payload);
+    auto* const message = lxtest::message(dstId, type, payload);
     message->SetSendToNetFlag(toNet);
     static constexpr decltype(&CRegManager::Put) puts[] = {CRegManager::Put, CRegManager::PutNetMsg,
                                                            CRegManager::PutQuotationMsg};
     puts[path](srcId, message);
 }
 
-// Registers for everything, and subscribes to messages, quotations and events of `type`.
-inline void join(const QString& id, IMessageInterface* plugin, const QVariant& type)
+// Returns when `condition` holds, and ends the program with a message if it does not in time.
+inline void waitFor(const char* what, const std::function<bool()>& condition)
 {
-    CRegManager::Reg(id, plugin, lxtest::All);
-    CRegManager::Sub(id, type, 1);
-    CRegManager::SubEvent(id, type, 1);
+    if (!lxtest::waitUntil(condition))
+        qFatal("waited in vain for %s", what);
 }
 
-// Returns when `condition` holds, and ends the program with a message if it does not.
-template<class... Progress>
-void waitFor(const char* what, const std::function<bool()>& condition, const Progress&... progress)
-{
-    if (!lxtest::waitUntil(condition, progress...))
-        qFatal("no progress any more while waiting for %s", what);
-}
-
-// Returns when every counted record and payload has been handled or freed.
 inline void waitForRecords()
 {
-    const auto alive = [] {
-        return lxtest::CountedMessage::alive() + lxtest::CountedEvent::alive()
-            + lxtest::CountedPayload::alive();
-    };
-    waitFor(
-        "every record and payload to be handled or freed", [&] { return alive() == 0; }, alive);
+    waitFor("every record and payload to be handled or freed", [] {
+        return lxtest::CountedMessage::alive() == 0 && lxtest::CountedEvent::alive() == 0
+            && lxtest::CountedPayload::alive() == 0;
+    });
 }
 
 inline int threadCount()

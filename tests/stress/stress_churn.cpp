@@ -8,12 +8,10 @@
 #include <lxtest/TestMain.h>
 
 #include <QCoreApplication>
+#include <QLoggingCategory>
 #include <QPluginLoader>
-#include <QtTest>
 
-#include <future>
 #include <mutex>
-#include <vector>
 
 #include <malloc.h>
 
@@ -35,20 +33,14 @@ constexpr std::size_t allowedGrowthBytes = 16384 + 40 * (phaseCount - 2) * round
 // Stays while the others come and go.
 class Home final : public lxtest::Handler
 {
-public:
-    Home() { Reg(CHURN_HOME, this, MessageThread); }
-    ~Home() override { UnReg(CHURN_HOME); }
-
-private:
     void handle(const lxtest::Call&) override { }
 };
 
 void visitOnce(int churner)
 {
-    const QString library = QString("%1/libchurn_plugin_%2.so")
-                                .arg(QCoreApplication::applicationDirPath())
-                                .arg(churner);
-    QPluginLoader loader(library);
+    QPluginLoader loader(QString("%1/libchurn_plugin_%2.so")
+                             .arg(QCoreApplication::applicationDirPath())
+                             .arg(churner));
     loader.setLoadHints({}); // by default unload() would leave the code where it is
     // The dynamic linker does one thing at a time, which a sanitizer does not see; it would take
     // one library for racing with another that had its addresses before.
@@ -63,8 +55,8 @@ void visitOnce(int churner)
             [&] { return visitor->received == (lxtest::All | ChurnVisitor::RelatedEvents); });
     visitor->leave();
     linkerLock.lock();
-    if (!loader.unload() || isMapped(library))
-        qFatal("%s is still there after its unloading", qPrintable(library));
+    if (!loader.unload() || isMapped(loader.fileName()))
+        qFatal("%s is still there", qPrintable(loader.fileName()));
     linkerLock.unlock();
     lxtest::runDeferredDeletes(); // the workers outlive the library
 }
@@ -76,7 +68,7 @@ void putUntil(const std::atomic<bool>& stop)
         while (CountedPayload::alive() > inFlightLimit && !stop)
             std::this_thread::yield();
         const auto path = Path(i % PathCount);
-        const auto payload = QVariant::fromValue(CountedPayload(i));
+        const auto payload = QVariant::fromValue(CountedPayload());
         put(path, "churn.putter", destinations[i / PathCount % 3], CHURN_TYPE, payload);
         if (path == Event)
             put(Event, CHURN_HOME, QString(), churnRelatedType, payload);
@@ -88,17 +80,11 @@ void putUntil(const std::atomic<bool>& stop)
 std::size_t churn(int threadsAtRest)
 {
     std::atomic<bool> stop{false};
-    std::vector<std::future<void>> putters;
-    for (int putter = 0; putter < putterCount; ++putter)
-        putters.push_back(std::async(std::launch::async, [&] { putUntil(stop); }));
-    std::vector<std::future<void>> churners;
-    for (int churner = 0; churner < churnerCount; ++churner) {
-        churners.push_back(std::async(std::launch::async, [=] {
-            for (int round = 0; round < rounds; ++round)
-                visitOnce(churner);
-        }));
-    }
-    churners.clear(); // waits for them
+    auto putters = lxtest::onThreads(putterCount, [&](int) { putUntil(stop); });
+    lxtest::onThreads(churnerCount, [](int churner) {
+        for (int round = 0; round < rounds; ++round)
+            visitOnce(churner);
+    }).clear();
     stop = true;
     putters.clear();
     waitForRecords();
@@ -109,29 +95,22 @@ std::size_t churn(int threadsAtRest)
 
 } // namespace
 
-class ChurnTest : public QObject
+int main(int argc, char** argv)
 {
-    Q_OBJECT
-
-private slots:
-    void pluginsComeAndGoWithoutATrace()
-    {
-        QLoggingCategory::setFilterRules("lxbase.debug=false\nlxbase.warning=false");
-        // The framework keeps this once it is known, but must not learn it from two threads at
-        // once.
-        QCoreApplication::applicationDirPath();
-        CMessageCenter::GetInstance()->Start();
-        const Home home;
-        const int threadsAtRest = threadCount();
-        std::vector<std::size_t> allocated;
-        for (int phase = 0; phase < phaseCount; ++phase)
-            allocated.push_back(churn(threadsAtRest));
-        // The first phase fills what is kept: statistics, vectors, caches of the allocator.
-        const auto growth =
-            QString::asprintf("%zu bytes became %zu", allocated[1], allocated.back());
-        QVERIFY2(allocated.back() <= allocated[1] + allowedGrowthBytes, qPrintable(growth));
-    }
-};
-
-LXTEST_MAIN(ChurnTest)
-#include "stress_churn.moc"
+    const QCoreApplication application(argc, argv);
+    QLoggingCategory::setFilterRules("lxbase.debug=false\nlxbase.warning=false");
+    // The framework keeps this once it is known, but must not learn it from two threads at once.
+    QCoreApplication::applicationDirPath();
+    lxtest::center().setIdlePolicy(lxtest::idlePolicy());
+    lxtest::center().Start();
+    Home home;
+    CRegManager::Reg(CHURN_HOME, &home, lxtest::M);
+    const int threadsAtRest = threadCount();
+    std::size_t allocated[phaseCount];
+    for (std::size_t& bytes : allocated)
+        bytes = churn(threadsAtRest);
+    CRegManager::UnReg(CHURN_HOME);
+    // The first phase fills what is kept: statistics, vectors, caches of the allocator.
+    std::printf("%zu bytes became %zu\n", allocated[1], allocated[phaseCount - 1]);
+    return allocated[phaseCount - 1] > allocated[1] + allowedGrowthBytes;
+}

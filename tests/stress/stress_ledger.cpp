@@ -1,21 +1,17 @@
 // Ledger: several producers put over all paths at once, direct and broadcast, to the net, to
-// relation groups, while handlers put again and a further plugin comes and goes. Every record says
-// how much of it each receiver is due, behind how much that came before on the same way: everything
-// arrives in order, nothing is missing, nothing comes twice, and every record and payload that was
-// made is destroyed.
+// relation groups, while handlers put again, a further plugin comes and goes, and one receiver
+// stays long in its first calls. Every record says how much of it each receiver is due, behind how
+// much that came before on the same way: everything arrives in order, nothing is missing, nothing
+// comes twice, and every record and payload that was made is destroyed.
 #include "Stress.h"
 
 #include <lxdefine/PluginID.h>
-#include <lxmsg/MessageCommon.h>
 #include <lxtest/TestMain.h>
 
 #include <QCommandLineParser>
-#include <QCoreApplication>
 #include <QLoggingCategory>
 
 #include <algorithm>
-#include <atomic>
-#include <deque>
 #include <future>
 #include <random>
 #include <vector>
@@ -28,7 +24,9 @@ using namespace lxtest;
 constexpr int producerCount = 4; // each puts in the name of the receiver of its number
 constexpr int receiverCount = 6;
 constexpr int netPlugin = receiverCount - 1;
-constexpr int outside = receiverCount; // the outside queues book like a receiver
+constexpr int slow = 3; // stays in its first calls until so much has been booked
+constexpr quint64 slowUntil = 30000;
+constexpr int outside = receiverCount; // the outside queue books like a receiver
 constexpr int bookCount = receiverCount + 1;
 constexpr int nobody = -1;
 constexpr quint64 inFlightLimit = 50000;
@@ -67,12 +65,8 @@ struct Entry : CountedPayload
     int type = 0;
     int echoTarget = nobody; // to whom a handler that receives this puts it again
 
-    // What each book gets of it: from this number to before that one.
-    struct
-    {
-        quint64 begin;
-        quint64 end;
-    } due[bookCount] = {};
+    // What each book gets of it: from the first number to before the second.
+    std::pair<quint64, quint64> due[bookCount];
 
     // What keeps its order: put by one thread, and handled by one at each receiver.
     static constexpr int wayCount = receiverCount * 2 * PathCount;
@@ -85,13 +79,6 @@ quint64 arrived[bookCount][Entry::wayCount] = {};
 
 std::atomic<quint64> due{0};
 std::atomic<quint64> booked{0};
-std::atomic<int> failures{0};
-
-void fail(const QString& what)
-{
-    if (++failures <= 10)
-        std::fprintf(stderr, "FAILED: %s\n", qPrintable(what));
-}
 
 // The expectation: how often `receiver` gets what is put so.
 quint64 copiesFor(int receiver, const Entry& entry, int destination, bool toNet)
@@ -120,10 +107,10 @@ quint64 putEntry(Entry entry, int destination, bool toNet)
     quint64 copies = 0;
     for (int receiver = 0; receiver < bookCount; ++receiver) {
         quint64& number = sent[receiver][entry.way()];
-        entry.due[receiver].begin = number;
-        number += copiesFor(receiver, entry, destination, toNet);
-        entry.due[receiver].end = number;
-        copies += entry.due[receiver].end - entry.due[receiver].begin;
+        const quint64 more = copiesFor(receiver, entry, destination, toNet);
+        entry.due[receiver] = {number, number + more};
+        number += more;
+        copies += more;
     }
     due += copies;
     put(entry.path, idOf(entry.putter), idOf(destination), entry.type, QVariant::fromValue(entry),
@@ -136,11 +123,11 @@ void book(int receiver, const Entry& entry, const QVariant& type)
     quint64& number = arrived[receiver][entry.way()];
     const auto [begin, end] = entry.due[receiver];
     if (number < begin || number >= end) {
-        fail(QString::asprintf("receiver %d, way %d: number %llu was due, %llu to before %llu came",
-                               receiver, entry.way(), number, begin, end));
+        qFatal("receiver %d, way %d: number %llu was due, %llu to before %llu came", receiver,
+               entry.way(), number, begin, end);
     }
     if (type != entry.type)
-        fail(QString::asprintf("type %d came as %d", entry.type, type.toInt()));
+        qFatal("type %d came as %d", entry.type, type.toInt());
     ++number;
     ++booked;
 }
@@ -148,7 +135,7 @@ void book(int receiver, const Entry& entry, const QVariant& type)
 class BookingReceiver final : public Handler
 {
 public:
-    explicit BookingReceiver(int index)
+    BookingReceiver(int index)
         : m_index(index)
     {
         const QString id = idOf(index);
@@ -165,12 +152,14 @@ public:
 private:
     void handle(const Call& call) override
     {
+        if (m_index == slow)
+            waitFor("the others to be served meanwhile", [] { return booked >= slowUntil; });
         auto entry = call.data.value<Entry>();
         const bool fromNet = entry.path == Net || entry.path == Quotation;
         const QString sender = idOf(fromNet ? netPlugin : entry.putter);
         if (call.kind != kindOf[entry.path] || call.srcId != sender) {
-            fail(QString::asprintf("path %d of %s came as of kind %d from %s", entry.path,
-                                   qPrintable(sender), call.kind, qPrintable(call.srcId)));
+            qFatal("path %d of %s came as of kind %d from %s", entry.path, qPrintable(sender),
+                   call.kind, qPrintable(call.srcId));
         }
         book(m_index, entry, call.type);
         if (entry.isEcho || entry.echoTarget == nobody || !traits[m_index].putsAgain)
@@ -192,9 +181,7 @@ void produce(int producer, quint64 seed, quint64 deliveries)
     std::mt19937_64 random(seed + quint64(producer));
     const auto below = [&](int limit) { return int(random() % quint64(limit)); };
     for (quint64 made = 0; made < deliveries;) {
-        waitFor(
-            "what is in flight to arrive", [] { return due < booked + inFlightLimit; },
-            [] { return qint64(booked); });
+        waitFor("what is in flight to arrive", [] { return due < booked + inFlightLimit; });
         Entry entry;
         entry.putter = producer;
         entry.path = paths[below(8)];
@@ -211,55 +198,37 @@ void passBy()
     Plugin plugin("ledger#passer", All);
     plugin.subscribe(0);
     plugin.subscribeEvent(0);
-    CRegManager::setRelation("ledger", plugin.id(), relatedType, RELATION_VIOLET, 1);
-    for (int patience = 1000; plugin.count() < 10 && patience > 0; --patience)
-        std::this_thread::yield();
-    CRegManager::setRelation("ledger", plugin.id(), relatedType, RELATION_VIOLET, 2);
+    for (const int oper : {1, 2}) {
+        CRegManager::setRelation("ledger", plugin.id(), relatedType, RELATION_VIOLET, oper);
+        for (int patience = 1000; plugin.count() < 10 && patience > 0; --patience)
+            std::this_thread::yield();
+    }
     plugin.leave();
     runDeferredDeletes();
 }
 
-void drain(CMessageCenter::MessageQueue& queue)
+void run(quint64 seed, quint64 deliveries, CMessageCenter::MessageQueue& queue)
 {
-    QSharedPointer<CMessageCommon> message;
-    while (queue.try_pop(message)) {
-        book(outside, message->GetMsg().value<Entry>(), message->GetType());
-        message.reset();
-    }
-}
-
-// Returns how often the further plugin came and went.
-int run(quint64 seed, quint64 deliveries, CMessageCenter::MessageQueue (&queues)[2])
-{
-    std::deque<BookingReceiver> receivers;
-    for (int receiver = 0; receiver < receiverCount; ++receiver)
-        receivers.emplace_back(receiver);
-
+    const BookingReceiver receivers[receiverCount] = {0, 1, 2, 3, 4, 5};
     std::atomic<bool> producersDone{false};
     std::atomic<bool> allArrived{false};
     const auto drained = std::async(std::launch::async, [&] {
-        for (; !allArrived; std::this_thread::yield()) {
-            drain(queues[0]);
-            drain(queues[1]);
+        for (Reference message; !allArrived; std::this_thread::yield()) {
+            for (; queue.try_pop(message); message.reset())
+                book(outside, message->GetMsg().value<Entry>(), message->GetType());
         }
     });
-    auto visits = std::async(std::launch::async, [&] {
-        int count = 0;
-        for (; !producersDone; ++count)
+    const auto visits = std::async(std::launch::async, [&] {
+        while (!producersDone)
             passBy();
-        return count;
     });
-    {
-        std::vector<std::future<void>> producers;
-        for (int producer = 0; producer < producerCount; ++producer) {
-            producers.push_back(std::async(std::launch::async, produce, producer, seed,
-                                           deliveries / producerCount));
-        }
-    }
+    onThreads(producerCount, [=](int producer) {
+        produce(producer, seed, deliveries / producerCount);
+    }).clear();
     producersDone = true;
+    visits.wait();
     waitForRecords();
     allArrived = true;
-    return visits.get();
 }
 
 } // namespace
@@ -279,27 +248,23 @@ int main(int argc, char** argv)
     std::fflush(stdout);
     QLoggingCategory::setFilterRules("lxbase.debug=false\nlxbase.warning=false");
 
-    CMessageCenter::MessageQueue queues[2];
-    auto* const center = CMessageCenter::GetInstance();
-    center->setIdlePolicy(idlePolicy());
-    center->regNetMsgQueue(&queues[0]);
-    center->regQuotationQueue(&queues[1]);
-    center->Start();
-    const int visits = run(seed, options.isSet("long") ? 10'000'000 : 200'000, queues);
-    center->regNetMsgQueue(nullptr);
-    center->regQuotationQueue(nullptr);
+    CMessageCenter::MessageQueue queue;
+    center().setIdlePolicy(idlePolicy());
+    center().regNetMsgQueue(&queue);
+    center().regQuotationQueue(&queue);
+    center().Start();
+    run(seed, options.isSet("long") ? 10'000'000 : 200'000, queue);
+    center().regNetMsgQueue(nullptr);
+    center().regQuotationQueue(nullptr);
 
     for (int receiver = 0; receiver < bookCount; ++receiver) {
         for (int way = 0; way < Entry::wayCount; ++way) {
             if (arrived[receiver][way] != sent[receiver][way]) {
-                fail(QString::asprintf("receiver %d, way %d: %llu due, %llu came", receiver, way,
-                                       sent[receiver][way], arrived[receiver][way]));
+                qFatal("receiver %d, way %d: %llu due, %llu came", receiver, way,
+                       sent[receiver][way], arrived[receiver][way]);
             }
         }
     }
-    std::printf("%llu deliveries of %d messages and %d events, %d failures; a further plugin came "
-                "and went %d times\n",
-                booked.load(), CountedMessage::made(), CountedEvent::made(), failures.load(),
-                visits);
-    return failures > 0;
+    std::printf("%llu deliveries, each as it was due\n", booked.load());
+    return 0;
 }

@@ -7,36 +7,27 @@
 #include <functional>
 #include <memory>
 
-namespace {
-
-int counter = 0;
-QMutex mutex;
-QMutex otherMutex;
-
-std::unique_ptr<QThread> startThread(std::function<void()> body)
-{
-    std::unique_ptr<QThread> thread(QThread::create(std::move(body)));
-    thread->start();
-    return thread;
-}
-
-void lockBoth(QMutex& first, QMutex& second)
-{
-    const QMutexLocker firstLocker(&first);
-    const QMutexLocker secondLocker(&second);
-}
-
-} // namespace
-
 int main(int argc, char** argv)
 {
-    if (argc == 2 && qstrcmp(argv[1], "inversion") == 0) {
-        startThread([] { lockBoth(mutex, otherMutex); })->wait();
-        startThread([] { lockBoth(otherMutex, mutex); })->wait();
-    } else {
-        const auto other = startThread([] { ++counter; });
-        startThread([] { ++counter; })->wait();
-        other->wait();
+    const bool inversion = argc == 2 && qstrcmp(argv[1], "inversion") == 0;
+    int counter = 0;
+    QMutex mutexes[2];
+    const auto body = [&](int number) {
+        if (!inversion) {
+            ++counter;
+            return;
+        }
+        const QMutexLocker first(&mutexes[number]);
+        const QMutexLocker second(&mutexes[1 - number]);
+    };
+    std::unique_ptr<QThread> threads[2];
+    for (int number = 0; number < 2; ++number) {
+        threads[number].reset(QThread::create(body, number));
+        threads[number]->start();
+        if (inversion) // one after the other: together they could lock each other out
+            threads[number]->wait();
     }
+    for (const auto& thread : threads)
+        thread->wait();
     return 0;
 }

@@ -1,6 +1,5 @@
-// Teaches ThreadSanitizer the synchronisation of Qt, whose library is not instrumented: the
-// sanitizer does not see Qt's atomics, so it would take correct users of QMutex and QThread for
-// racing ones.
+// Teaches ThreadSanitizer the synchronisation of Qt, whose library is not instrumented: it would
+// take correct users of QMutex and QThread for racing ones.
 //
 // The functions below have the names of Qt's own and stand before them in the symbol search order
 // (every target of the build links this library first). Each forwards to Qt's and tells the
@@ -20,20 +19,20 @@
 #include <cstdio>
 #include <cstdlib>
 
+// In a function of this library: `own` is Qt's function of that name; a member takes `this` first.
+#define QTS_OWN(mangledName, ...)                                                                  \
+    static const auto own =                                                                        \
+        reinterpret_cast<__VA_ARGS__>(required(dlsym(RTLD_NEXT, mangledName), mangledName))
+
 namespace {
 
-// The function that would have been called without this library. Members take `this` as their
-// first argument.
-template<class Function>
-Function qtsOwn(const char* mangledName)
+void* required(void* symbol, const char* mangledName)
 {
-    void* const symbol = dlsym(RTLD_NEXT, mangledName);
     if (!symbol) {
-        std::fprintf(stderr, "QtForTsan: this Qt has no %s; adapt QtForTsan.cpp to it\n",
-                     mangledName);
+        std::fprintf(stderr, "this Qt has no %s; adapt QtForTsan.cpp to it\n", mangledName);
         std::abort();
     }
-    return reinterpret_cast<Function>(symbol);
+    return symbol;
 }
 
 // Whoever posts an event to an object is ordered before that object's handling of it.
@@ -50,7 +49,7 @@ const bool callbackRegistered =
 
 void QMutex::lock() noexcept
 {
-    static const auto own = qtsOwn<void (*)(QMutex*)>("_ZN6QMutex4lockEv");
+    QTS_OWN("_ZN6QMutex4lockEv", void (*)(QMutex*));
     __tsan_mutex_pre_lock(this, 0);
     own(this);
     __tsan_mutex_post_lock(this, 0, 0);
@@ -58,18 +57,17 @@ void QMutex::lock() noexcept
 
 bool QMutex::tryLock(int timeout) noexcept
 {
-    static const auto own = qtsOwn<bool (*)(QMutex*, int)>("_ZN6QMutex7tryLockEi");
+    QTS_OWN("_ZN6QMutex7tryLockEi", bool (*)(QMutex*, int));
     __tsan_mutex_pre_lock(this, __tsan_mutex_try_lock);
     const bool locked = own(this, timeout);
-    __tsan_mutex_post_lock(
-        this, locked ? __tsan_mutex_try_lock : __tsan_mutex_try_lock | __tsan_mutex_try_lock_failed,
-        0);
+    const unsigned failed = locked ? 0 : __tsan_mutex_try_lock_failed;
+    __tsan_mutex_post_lock(this, __tsan_mutex_try_lock | failed, 0);
     return locked;
 }
 
 void QMutex::unlock() noexcept
 {
-    static const auto own = qtsOwn<void (*)(QMutex*)>("_ZN6QMutex6unlockEv");
+    QTS_OWN("_ZN6QMutex6unlockEv", void (*)(QMutex*));
     __tsan_mutex_pre_unlock(this, 0);
     own(this);
     __tsan_mutex_post_unlock(this, 0);
@@ -77,14 +75,14 @@ void QMutex::unlock() noexcept
 
 QMutex::~QMutex()
 {
-    static const auto own = qtsOwn<void (*)(QMutex*)>("_ZN6QMutexD1Ev");
+    QTS_OWN("_ZN6QMutexD1Ev", void (*)(QMutex*));
     __tsan_mutex_destroy(this, 0);
     own(this);
 }
 
 void QSemaphore::release(int n)
 {
-    static const auto own = qtsOwn<void (*)(QSemaphore*, int)>("_ZN10QSemaphore7releaseEi");
+    QTS_OWN("_ZN10QSemaphore7releaseEi", void (*)(QSemaphore*, int));
     __tsan_release(this);
     own(this, n);
 }
@@ -96,8 +94,7 @@ void QSemaphore::acquire(int n)
 
 bool QSemaphore::tryAcquire(int n, int timeout)
 {
-    static const auto own =
-        qtsOwn<bool (*)(QSemaphore*, int, int)>("_ZN10QSemaphore10tryAcquireEii");
+    QTS_OWN("_ZN10QSemaphore10tryAcquireEii", bool (*)(QSemaphore*, int, int));
     const bool acquired = own(this, n, timeout);
     if (acquired)
         __tsan_acquire(this);
@@ -109,7 +106,7 @@ bool QSemaphore::tryAcquire(int n, int timeout)
 // which the sanitizer knows.
 void QThread::start(Priority priority)
 {
-    static const auto own = qtsOwn<void (*)(QThread*, Priority)>("_ZN7QThread5startENS_8PriorityE");
+    QTS_OWN("_ZN7QThread5startENS_8PriorityE", void (*)(QThread*, Priority));
     connect(
         this, &QThread::finished, this, [this] { __tsan_release(this); }, Qt::DirectConnection);
     own(this, priority);
@@ -117,23 +114,21 @@ void QThread::start(Priority priority)
 
 bool QThread::wait(QDeadlineTimer deadline)
 {
-    static const auto own =
-        qtsOwn<bool (*)(QThread*, QDeadlineTimer)>("_ZN7QThread4waitE14QDeadlineTimer");
+    QTS_OWN("_ZN7QThread4waitE14QDeadlineTimer", bool (*)(QThread*, QDeadlineTimer));
     const bool ended = own(this, deadline);
     if (ended)
         __tsan_acquire(this);
     return ended;
 }
 
-bool QThread::wait(unsigned long time)
+bool QThread::wait(unsigned long timeMs)
 {
-    return wait(time == ULONG_MAX ? QDeadlineTimer(QDeadlineTimer::Forever)
-                                  : QDeadlineTimer(qint64(time)));
+    return wait(QDeadlineTimer(timeMs == ULONG_MAX ? -1 : qint64(timeMs))); // -1: forever
 }
 
 void QObject::deleteLater()
 {
-    static const auto own = qtsOwn<void (*)(QObject*)>("_ZN7QObject11deleteLaterEv");
+    QTS_OWN("_ZN7QObject11deleteLaterEv", void (*)(QObject*));
     __tsan_release(this);
     own(this);
 }
@@ -143,10 +138,9 @@ void QObject::deleteLater()
 bool QMetaObject::invokeMethodImpl(QObject* object, QtPrivate::QSlotObjectBase* slot,
                                    Qt::ConnectionType type, void* ret)
 {
-    static const auto own =
-        qtsOwn<bool (*)(QObject*, QtPrivate::QSlotObjectBase*, Qt::ConnectionType, void*)>(
-            "_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14"
-            "ConnectionTypeEPv");
+    QTS_OWN("_ZN11QMetaObject16invokeMethodImplEP7QObjectPN9QtPrivate15QSlotObjectBaseEN2Qt14"
+            "ConnectionTypeEPv",
+            bool (*)(QObject*, QtPrivate::QSlotObjectBase*, Qt::ConnectionType, void*));
     slot->ref();
     __tsan_release(object);
     return own(object, slot, type, ret);

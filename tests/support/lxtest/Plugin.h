@@ -1,24 +1,104 @@
-// Recorder and Plugin: receivers that remember what the bus called them with; and how tests put.
+// Plugin: a plugin that remembers what the bus called it with; what tests put; and how they wait:
+// for a condition, never for a time. A deadline that passes is a failure.
 #ifndef LXTEST_PLUGIN_H
 #define LXTEST_PLUGIN_H
 
-#include <lxtest/Counted.h>
-#include <lxtest/Wait.h>
-
 #include <lxbase/MessageCenter.h>
+#include <lxevent/EventMessageCommon.h>
+#include <lxmsg/MessageCommon.h>
 
-#include <QMutex>
-#include <QSharedPointer>
-#include <QString>
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QEvent>
+#include <QSemaphore>
 #include <QThread>
-#include <QVariant>
-#include <QVector>
 
-#include <atomic>
 #include <functional>
+#include <future>
 #include <utility>
+#include <vector>
 
 namespace lxtest {
+
+constexpr int deadlineMs = 30000;
+
+// Returns when `condition` holds. False: not in time.
+[[nodiscard]] inline bool waitUntil(const std::function<bool()>& condition)
+{
+    const QDeadlineTimer deadline(deadlineMs);
+    while (!condition()) {
+        if (deadline.hasExpired())
+            return false;
+        QThread::msleep(1);
+    }
+    return true;
+}
+
+// Fails the test, with the condition's text, if it does not come true in time.
+#define LX_WAIT_FOR(condition)                                                                     \
+    QVERIFY2(lxtest::waitUntil([&] { return bool(condition); }),                                   \
+             "did not come true in time: " #condition)
+
+// Waits for a signal of another thread, and ends the program with a message if none comes: it may
+// stand in a handler, where no test can be failed.
+class Latch
+{
+public:
+    void signal() { m_signals.release(); }
+    void wait()
+    {
+        if (!m_signals.tryAcquire(1, deadlineMs))
+            qFatal("a latch was not signalled in time");
+    }
+
+private:
+    QSemaphore m_signals;
+};
+
+// Runs work(0) to work(count - 1), each on a thread of its own. Who lets go of the result waits for
+// them.
+template<class Work>
+[[nodiscard]] std::vector<std::future<void>> onThreads(int count, const Work& work)
+{
+    std::vector<std::future<void>> threads;
+    for (int number = 0; number < count; ++number)
+        threads.push_back(std::async(std::launch::async, work, number));
+    return threads;
+}
+
+// Lets everything that the calling thread's event loop has been asked to delete go.
+inline void runDeferredDeletes()
+{
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+}
+
+// Counts the objects of a class that derives from it: one that is not destroyed leaves alive()
+// above zero, one that is destroyed twice below.
+template<class What>
+class Counts
+{
+public:
+    Counts() { ++s_alive; }
+    Counts(const Counts&) { ++s_alive; }
+    Counts& operator=(const Counts&) = default;
+    ~Counts() { --s_alive; }
+
+    static int alive() { return s_alive; }
+
+private:
+    inline static std::atomic<int> s_alive{0};
+};
+
+struct CountedMessage : CMessageCommon, Counts<CountedMessage>
+{
+    using CMessageCommon::CMessageCommon;
+};
+struct CountedEvent : CEventMessageCommon, Counts<CountedEvent>
+{
+    using CEventMessageCommon::CEventMessageCommon;
+};
+struct CountedPayload : Counts<CountedPayload> // shows whether the item that holds it is freed
+{ };
 
 // One kind of traffic, or several.
 using Kind = IMessageInterface::ThreadType;
@@ -58,16 +138,14 @@ inline void deliverTo(const QString& id, Kind kind, const QVariant& data)
 }
 
 // IDs and types that no other test of the program uses.
-inline QString uniqueId()
-{
-    static std::atomic<int> last{0};
-    return QStringLiteral("plugin%1").arg(++last);
-}
-
 inline int uniqueType()
 {
     static std::atomic<int> last{1000};
     return ++last;
+}
+inline QString uniqueId()
+{
+    return QStringLiteral("plugin%1").arg(uniqueType());
 }
 
 // One call of a handler.
@@ -98,65 +176,9 @@ private:
     virtual void handle(const Call& call) = 0;
 };
 
-// Remembers every handler call; the call is visible to the others once its action has returned.
-class Recorder : public Handler
-{
-public:
-    using Action = std::function<void(const Call&)>;
-
-    // What the handlers do besides; set while no handler can run.
-    void onCall(Action action) { m_action = std::move(action); }
-
-    // What has been received so far, in order.
-    QVector<Call> calls(Kind kinds = All) const
-    {
-        const QMutexLocker locker(&m_mutex);
-        QVector<Call> result;
-        for (const Call& call : m_calls) {
-            if (call.kind & kinds)
-                result << call;
-        }
-        return result;
-    }
-    QVariantList payloads(Kind kinds = All) const
-    {
-        QVariantList result;
-        for (const Call& call : calls(kinds))
-            result << call.data;
-        return result;
-    }
-    int count() const { return calls().size(); }
-
-    // Waits until `count` calls have been made. False: not in time.
-    [[nodiscard]] bool waitForCalls(int count) const
-    {
-        return waitUntil([&] { return this->count() >= count; });
-    }
-
-protected:
-    static QString settleMarker() { return QStringLiteral("lxtest.settle"); }
-    std::atomic<int> m_settled{0}; // how many settle markers have come
-
-private:
-    void handle(const Call& call) override
-    {
-        if (call.data == settleMarker()) {
-            ++m_settled;
-            return;
-        }
-        if (m_action)
-            m_action(call);
-        const QMutexLocker locker(&m_mutex);
-        m_calls << call;
-    }
-
-    Action m_action;
-    mutable QMutex m_mutex;
-    QVector<Call> m_calls; // guarded by m_mutex
-};
-
-// A recorder that is registered from its construction until leave() or its destruction.
-class Plugin final : public Recorder
+// Registered from its construction until leave() or its destruction. Remembers every handler call;
+// a call is visible to the others once its action has returned.
+class Plugin final : public Handler
 {
 public:
     explicit Plugin(Kind kinds)
@@ -170,14 +192,46 @@ public:
     }
     ~Plugin() override { leave(); }
 
+    void leave()
+    {
+        if (std::exchange(m_registered, false))
+            UnReg(m_id);
+    }
+
     const QString& id() const { return m_id; }
+
+    // What the handlers do besides; set while no handler can run.
+    void onCall(std::function<void(const Call&)> action) { m_action = std::move(action); }
 
     // Subscribe this plugin; `oper` 2 ends one subscription.
     void subscribe(const QVariant& type, int oper = 1) { Sub(m_id, type, oper); }
     void subscribeEvent(const QVariant& type, int oper = 1) { SubEvent(m_id, type, oper); }
 
-    // Returns when all that this thread has put to this plugin has been handled: a marker is put
-    // behind it, and not recorded. It does not cover the dispatch threads. False: not in time.
+    // What has been received so far, in order.
+    QVector<Call> calls() const
+    {
+        const QMutexLocker locker(&m_mutex);
+        QVector<Call> copy = m_calls;
+        copy.detach(); // storage that is shared would be read without the lock
+        return copy;
+    }
+    QVariantList payloads() const
+    {
+        QVariantList result;
+        for (const Call& call : calls())
+            result << call.data;
+        return result;
+    }
+    int count() const { return calls().size(); }
+
+    // Waits until `count` calls have been made. False: not in time.
+    [[nodiscard]] bool waitForCalls(int count) const
+    {
+        return waitUntil([&] { return this->count() >= count; });
+    }
+
+    // Returns when all that this thread has put to this plugin has been handled (but what a
+    // dispatch thread still has): a marker is put behind it, and not recorded. False: not in time.
     [[nodiscard]] bool settle()
     {
         int expected = m_settled;
@@ -190,18 +244,33 @@ public:
         return waitUntil([&] { return m_settled == expected; });
     }
 
-    void leave()
+private:
+    static QString settleMarker() { return QStringLiteral("lxtest.settle"); }
+
+    void handle(const Call& call) override
     {
-        if (std::exchange(m_registered, false))
-            UnReg(m_id);
+        // The first comparison of unlike variants, made by two threads at once, lets Qt warn.
+        if (call.data.userType() == QMetaType::QString && call.data == settleMarker()) {
+            ++m_settled;
+            return;
+        }
+        if (m_action)
+            m_action(call);
+        const QMutexLocker locker(&m_mutex);
+        m_calls << call;
     }
 
-private:
     const QString m_id;
     const Kind m_kinds;
     bool m_registered = true;
+    std::function<void(const Call&)> m_action;
+    std::atomic<int> m_settled{0}; // how many settle markers have come
+    mutable QMutex m_mutex;
+    QVector<Call> m_calls; // guarded by m_mutex
 };
 
 } // namespace lxtest
+
+Q_DECLARE_METATYPE(lxtest::CountedPayload)
 
 #endif

@@ -2,29 +2,12 @@
 
 #include <lxplatform/Clock.h>
 
-#include <atomic>
 #include <chrono>
 #include <thread>
 
-namespace {
-
-std::atomic<std::uint32_t> ticks{0};
-
-} // namespace
-
-void lxtest::setTickCountMs(std::uint32_t ms)
-{
-    ticks = ms;
-}
-
-void lxtest::advanceTickCountMs(std::uint32_t ms)
-{
-    ticks += ms;
-}
-
 std::uint32_t lxplatform::tickCountMs()
 {
-    return ticks;
+    return lxtest::tickCountMs;
 }
 
 void lxplatform::sleepMs(std::uint32_t ms)

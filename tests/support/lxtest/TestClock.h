@@ -2,14 +2,14 @@
 #ifndef LXTEST_TESTCLOCK_H
 #define LXTEST_TESTCLOCK_H
 
+#include <atomic>
 #include <cstdint>
 
 namespace lxtest {
 
-// The tick counter stands still until a test moves it. Any thread; a test that advances it in a
-// handler knows that the worker looks at it after that handler.
-void setTickCountMs(std::uint32_t ms);
-void advanceTickCountMs(std::uint32_t ms);
+// Stands still until a test moves it; a test that does so in a handler knows that the worker looks
+// at it after that handler.
+inline std::atomic<std::uint32_t> tickCountMs{0};
 
 } // namespace lxtest
 
