@@ -1,39 +1,26 @@
 #include "Session.h"
 
-#include "EndTable.h"
+#include "Summary.h"
 
 #include <QuoteSource.h>
 
-#include <QCoreApplication>
-#include <QDateTime>
 #include <QFileInfo>
 
 #include <cstdio>
-#include <unistd.h>
-
-using lxclient::grouped;
 
 namespace {
 
 constexpr int TickMs = 2;
-constexpr int ProgressMs = 200;
 
 QString baseOf(const QString& id)
 {
     return id.section(QLatin1Char('#'), 0, 0);
 }
 
-void print(std::FILE* file, const QString& text)
-{
-    std::fputs(text.toLocal8Bit().constData(), file);
-    std::fflush(file);
-}
-
 } // namespace
 
 Session::Session(const Options& options)
     : m_options(options)
-    , m_show_progress(::isatty(STDERR_FILENO) == 1)
 {
     connect(&m_timer, &QTimer::timeout, this, &Session::tick);
 }
@@ -81,7 +68,7 @@ QString Session::start()
     }
     m_tap.start(m_settings.value(lxclient::setting::Symbols).toStringList());
     m_played.start();
-    m_progress_age.start();
+    m_progress.emplace();
     m_host.startInputs();
     m_timer.start(TickMs);
     return QString();
@@ -96,32 +83,16 @@ void Session::interrupt()
 // The verdict is on the reports that follow the shutdown: only then are all accounts closed.
 ExitCode Session::finish()
 {
-    clearProgress();
+    m_progress.reset();
     m_host.shutDown();
     m_tap.stop();
     const QVector<NamedReport> last = reports();
     const Ledger ledger(last);
-
-    quint64 deliveries = 0;
-    for (const NamedReport& named : last)
-        deliveries += named.report.messages + named.report.quotations + named.report.events;
-    const double seconds = static_cast<double>(m_played_ns) / 1e9;
-    const auto perSecond = [&](quint64 count) {
-        return grouped(seconds > 0 ? qRound64(static_cast<double>(count) / seconds) : 0);
-    };
-    const quint64 quotes = m_tap.progress().quotes;
-    print(stdout, endTable(last, ledger));
-    print(stdout,
-          QStringLiteral("%1 quotes in %2 s%3: %4 quotes/s, %5 deliveries/s.\n")
-              .arg(grouped(static_cast<qint64>(quotes)))
-              .arg(seconds, 0, 'f', 2)
-              .arg(QLatin1String(m_interrupted ? ", interrupted" : ""))
-              .arg(perSecond(quotes), perSecond(deliveries)));
-    if (!m_options.record_file.isEmpty()) {
-        print(stdout,
-              QStringLiteral("%1 quotes recorded in %2.\n")
-                  .arg(grouped(static_cast<qint64>(m_tap.recorded())), m_options.record_file));
-    }
+    const QString text = summary(last, ledger,
+                                 {m_tap.progress().quotes, m_played_ns, m_interrupted,
+                                  m_options.record_file, m_tap.recorded()});
+    std::fputs(qPrintable(text), stdout);
+    std::fflush(stdout);
     return ledger.balances() ? ExitBalanced : ExitUnbalanced;
 }
 
@@ -193,7 +164,7 @@ QVector<NamedReport> Session::reports() const
 
 void Session::tick()
 {
-    showProgress();
+    m_progress->show(m_tap);
     if (m_state == State::Playing && m_host.inputsEnded()) {
         m_state = State::Settling;
         m_standstill.start();
@@ -215,33 +186,14 @@ void Session::settle()
         return;
     m_played_ns = m_played.nsecsElapsed();
     if (!settled) {
-        clearProgress();
-        print(stderr,
-              QStringLiteral("lxclient: the ledger has not changed for %1 s and does not "
-                             "balance; giving up waiting.\n")
-                  .arg(SettleLimitMs / 1000));
+        m_progress->clear();
+        std::fprintf(
+            stderr,
+            "lxclient: the ledger has not changed for %d s and does not balance; giving up "
+            "waiting.\n",
+            SettleLimitMs / 1000);
     }
     m_state = State::Ended;
     m_timer.stop();
     emit ended();
-}
-
-void Session::showProgress()
-{
-    if (!m_show_progress || m_progress_age.elapsed() < ProgressMs)
-        return;
-    m_progress_age.restart();
-    const Tap::Progress progress = m_tap.progress();
-    print(stderr,
-          QStringLiteral("\r\033[K%1 quotes, %2 UTC, %3 s")
-              .arg(grouped(static_cast<qint64>(progress.quotes)),
-                   QDateTime::fromMSecsSinceEpoch(progress.time_ms, Qt::UTC)
-                       .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")))
-              .arg(m_played.elapsed() / 1000));
-}
-
-void Session::clearProgress()
-{
-    if (m_show_progress)
-        print(stderr, QStringLiteral("\r\033[K"));
 }
