@@ -11,9 +11,7 @@
 #include <memory>
 #include <vector>
 
-class QFileInfo;
 class QObject;
-class QPluginLoader;
 
 // What one participant reports, under its ID.
 struct NamedReport
@@ -22,7 +20,8 @@ struct NamedReport
     lxclient::Report report;
 };
 
-// On the main thread. See <lxclient/Plugin.h> for what is called when.
+// On the main thread. See <lxclient/Plugin.h> for what is called when. Errors name the file of the
+// library that they are about.
 class PluginHost
 {
 public:
@@ -31,15 +30,14 @@ public:
     ~PluginHost();
     Q_DISABLE_COPY(PluginHost)
 
-    // Loads every library in the folder and makes the plugin objects. Nothing, or what is wrong
-    // with the name of the file.
-    QString load(const QString& folder, const QVariantMap& settings);
+    // Loads every library in the folder and makes the plugin objects.
+    lxclient::Error load(const QString& folder, const QVariantMap& settings);
 
     // IDs of all plugin objects, in the order in which they are initialised.
     QStringList ids() const;
 
-    // Initialises the object of this ID. Nothing, or what is wrong with the name of its file.
-    QString initialise(const QString& id, const QVariantMap& settings);
+    // Initialises the object of this ID.
+    lxclient::Error initialise(const QString& id, const QVariantMap& settings);
 
     void startInputs();
     void stopInputs();
@@ -54,18 +52,19 @@ private:
     struct Instance
     {
         QString id;
-        QString file;
+        const Library* library = nullptr;
         std::unique_ptr<QObject> owned; // null for the root object, which is the loader's
         lxclient::Plugin* plugin = nullptr;
         lxclient::Input* input = nullptr; // null: no input
         bool initialised = false;
     };
 
-    QString loadLibrary(const QString& file);
-    QString makeInstances(const Library& library, const QVariantMap& settings);
-    QString addInstance(const Library& library, const QString& id, QObject* object, bool owned);
+    lxclient::Error addLibrary(Library library);
+    lxclient::Error makeInstances(const Library& library, const QVariantMap& settings);
+    lxclient::Error addInstance(const Library& library, const QString& id, QObject* object,
+                                bool owned);
 
-    std::vector<Library> m_libraries;
+    std::vector<Library> m_libraries;  // sorted by ID; unchanged once there are instances
     std::vector<Instance> m_instances; // destroyed before the libraries are unloaded
 };
 

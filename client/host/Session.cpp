@@ -2,11 +2,15 @@
 
 #include "Summary.h"
 
-#include <QuoteSource.h>
+#include <Recordings.h>
+#include <SyntheticSession.h>
 
 #include <QFileInfo>
 
 #include <cstdio>
+
+using lxclient::Error;
+namespace setting = lxclient::setting;
 
 namespace {
 
@@ -22,34 +26,35 @@ QString baseOf(const QString& id)
 Session::Session(const Options& options)
     : m_options(options)
 {
+    m_settings = options.plugin_settings;
+    const QVariantMap own{
+        {setting::Quotes, options.recordings},
+        {setting::Speed, options.speed},
+        {setting::SyntheticQuotes, options.synthetic_quotes},
+        {setting::SyntheticSeed, options.synthetic_seed},
+        {setting::Boards, options.boards},
+        {setting::Journal, options.journal_file},
+    };
+    for (auto it = own.constBegin(); it != own.constEnd(); ++it)
+        m_settings.insert(it.key(), it.value());
     connect(&m_timer, &QTimer::timeout, this, &Session::tick);
 }
 
 Session::~Session() = default;
 
-QString Session::start()
+Error Session::start()
 {
-    m_settings = m_options.plugin_settings;
-    const QVariantMap own{
-        {QStringLiteral("quotes"), m_options.recordings},
-        {QStringLiteral("speed"), m_options.speed},
-        {QStringLiteral("synthetic.quotes"), m_options.synthetic_quotes},
-        {QStringLiteral("synthetic.seed"), m_options.synthetic_seed},
-        {QStringLiteral("boards"), m_options.boards},
-        {QStringLiteral("journal"), m_options.journal_file},
-    };
-    for (auto it = own.constBegin(); it != own.constEnd(); ++it) {
-        if (m_settings.contains(it.key()))
-            return QStringLiteral("--set %1: has an option of its own, see --help").arg(it.key());
-        m_settings.insert(it.key(), it.value());
+    for (const QString& key : setting::ofTheHost()) {
+        if (m_options.plugin_settings.contains(key)) {
+            return Error(QStringLiteral("has an option of its own, see --help"))
+                .about(QStringLiteral("--set %1").arg(key));
+        }
     }
-
-    QString error = takeSymbols();
-    if (error.isEmpty())
-        error = m_host.load(m_options.plugin_folder, m_settings);
-    if (error.isEmpty())
-        error = linkPlugins();
-    if (!error.isEmpty())
+    if (const Error error = takeSymbols())
+        return error;
+    if (const Error error = m_host.load(m_options.plugin_folder, m_settings))
+        return error;
+    if (const Error error = linkPlugins())
         return error;
 
     auto* const center = CMessageCenter::GetInstance();
@@ -57,21 +62,19 @@ QString Session::start()
     center->Start();
     const QStringList ids = m_host.ids();
     for (const QString& id : ids) {
-        error = m_host.initialise(id, settingsFor(id));
-        if (!error.isEmpty())
+        if (const Error error = m_host.initialise(id, settingsFor(id)))
             return error;
     }
     if (!m_options.record_file.isEmpty()) {
-        error = m_tap.recordTo(m_options.record_file);
-        if (!error.isEmpty())
+        if (const Error error = m_tap.recordTo(m_options.record_file))
             return error;
     }
-    m_tap.start(m_settings.value(lxclient::setting::Symbols).toStringList());
+    m_tap.start(m_settings.value(setting::Symbols).toStringList());
     m_played.start();
     m_progress.emplace();
     m_host.startInputs();
     m_timer.start(TickMs);
-    return QString();
+    return {};
 }
 
 void Session::interrupt()
@@ -98,29 +101,28 @@ ExitCode Session::finish()
 
 // What can be quoted has to be known before the first quote, so that plugins can subscribe to it.
 // Recordings are therefore read through once before they are played.
-QString Session::takeSymbols()
+Error Session::takeSymbols()
 {
-    QString error;
     QStringList symbols = SyntheticSession::symbols();
     if (!m_options.recordings.isEmpty()) {
         const QFileInfo target(m_options.record_file);
         for (const QString& recording : m_options.recordings) {
             if (target.exists()
                 && target.canonicalFilePath() == QFileInfo(recording).canonicalFilePath()) {
-                return QStringLiteral("%1: cannot be played and recorded to at the same time")
-                    .arg(recording);
+                return Error(QStringLiteral("cannot be played and recorded to at the same time"))
+                    .about(recording);
             }
         }
-        const auto scanned = scanSymbols(m_options.recordings, error);
-        symbols = scanned.value_or(QStringList());
+        if (const Error error = scanSymbols(m_options.recordings, symbols))
+            return error;
     }
     symbols.sort(); // the same whichever was quoted first
-    m_settings.insert(lxclient::setting::Symbols, symbols);
-    return error;
+    m_settings.insert(setting::Symbols, symbols);
+    return {};
 }
 
 // A group is filed under the base ID of each window in it, so that each of them reaches the others.
-QString Session::linkPlugins()
+Error Session::linkPlugins()
 {
     const QStringList known = m_host.ids();
     for (auto link = m_options.links.constBegin(); link != m_options.links.constEnd(); ++link) {
@@ -129,8 +131,8 @@ QString Session::linkPlugins()
             if (known.contains(id)) {
                 group.append(id);
             } else if (!m_options.links_by_default) {
-                return QStringLiteral("--link: there is no plugin %1; there are %2")
-                    .arg(id, known.join(QLatin1String(", ")));
+                return Error(QStringLiteral("--link: there is no plugin %1; there are %2")
+                                 .arg(id, known.join(QLatin1String(", "))));
             }
         }
         for (const QString& sender : qAsConst(group)) {
@@ -139,7 +141,7 @@ QString Session::linkPlugins()
                                          1);
         }
     }
-    return QString();
+    return {};
 }
 
 QVariantMap Session::settingsFor(const QString& id) const
@@ -151,7 +153,7 @@ QVariantMap Session::settingsFor(const QString& id) const
             linked = group;
     }
     linked.removeAll(id);
-    settings.insert(lxclient::setting::Linked, linked);
+    settings.insert(setting::Linked, linked);
     return settings;
 }
 

@@ -31,8 +31,8 @@ public:
     explicit Session(const Options& options);
     ~Session() override;
 
-    // Starts everything. Nothing, or what is wrong; then the session is over.
-    QString start();
+    // Starts everything. After an error the session is over.
+    lxclient::Error start();
 
     // Ends it early. Any number of times.
     void interrupt();
@@ -46,8 +46,8 @@ signals:
 private:
     enum class State { Playing, Settling, Ended };
 
-    QString takeSymbols();
-    QString linkPlugins();
+    lxclient::Error takeSymbols();
+    lxclient::Error linkPlugins();
     QVariantMap settingsFor(const QString& id) const;
     QVector<NamedReport> reports() const;
     void tick();

@@ -11,12 +11,24 @@
 
 #include <cstdio>
 
+namespace {
+
+ExitCode refuse(const lxclient::Error& error, ExitCode code)
+{
+    std::fprintf(stderr, "lxclient: %s\n", qPrintable(error.words()));
+    return code;
+}
+
+} // namespace
+
 int main(int argc, char** argv)
 {
     QCoreApplication program(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("lxclient"));
     QCoreApplication::setApplicationVersion(QStringLiteral(LXCLIENT_VERSION));
-    const Options options = Options::parse(program);
+    Options options;
+    if (const lxclient::Error error = Options::parse(QCoreApplication::arguments(), options))
+        return refuse(error, ExitBadCommandLine);
     if (!options.verbose) // QT_LOGGING_RULES still has the last word
         QLoggingCategory::setFilterRules(QStringLiteral("lxbase.debug=false"));
     lxclient::registerPayloads();
@@ -24,11 +36,8 @@ int main(int argc, char** argv)
     Session session(options);
     const SignalWatcher signalWatcher([&] { session.interrupt(); });
     QObject::connect(&session, &Session::ended, &program, &QCoreApplication::quit);
-    const QString error = session.start();
-    if (!error.isEmpty()) {
-        std::fprintf(stderr, "lxclient: %s\n", qPrintable(error));
-        return ExitCannotStart;
-    }
+    if (const lxclient::Error error = session.start())
+        return refuse(error, ExitCannotStart);
     QCoreApplication::exec();
     return session.finish();
 }
