@@ -25,7 +25,8 @@ const char description[] =
     "Exit codes:\n"
     "  0  played to the end, or interrupted, and the ledger balances\n"
     "  1  the command line is wrong\n"
-    "  2  cannot start: a recording, a plugin, the journal or the recording to be written\n"
+    "  2  cannot start: a recording, a plugin or its settings, the journal or the recording to be\n"
+    "     written\n"
     "  3  the ledger does not balance: something was lost, doubled, reordered or not written";
 
 constexpr const char* colorNames[] = {"red", "orange", "yellow", "green", "cyan", "blue", "violet"};
@@ -121,7 +122,7 @@ Error linksFrom(const QStringList& texts, QMap<RelationColor_t, QStringList>& li
     return {};
 }
 
-Error settingsFrom(const QStringList& texts, QVariantMap& settings)
+Error settingsFrom(const QStringList& texts, QMap<QString, QString>& settings)
 {
     for (const QString& text : texts) {
         const int equals = text.indexOf(QLatin1Char('='));
@@ -179,9 +180,10 @@ Error Options::parse(const QStringList& arguments, Options& options)
              .arg(defaultPluginFolder()),
          QStringLiteral("DIR"), defaultPluginFolder()},
         {QStringLiteral("set"),
-         QStringLiteral("Hand a setting to the plugins; see their headers for what they take, such "
-                        "as orders.max-open=20. May be given several times."),
+         QStringLiteral("Give a setting of a plugin another value than its default, such as "
+                        "orders.max-open=20. May be given several times."),
          QStringLiteral("KEY=VALUE")},
+        {QStringLiteral("settings"), QStringLiteral("List the settings of all plugins, and end.")},
         {QStringLiteral("verbose"),
          QStringLiteral("Show the debug records of the bus (category \"lxbase\") on stderr.")},
     });
@@ -201,6 +203,7 @@ Error Options::parse(const QStringList& arguments, Options& options)
     read.recordings = parser.values(QStringLiteral("quotes"));
     read.record_file = parser.value(QStringLiteral("record"));
     read.journal_file = parser.value(QStringLiteral("journal"));
+    read.list_settings = parser.isSet(QStringLiteral("settings"));
     read.verbose = parser.isSet(QStringLiteral("verbose"));
     read.links_by_default = !parser.isSet(QStringLiteral("link"));
     const QStringList links = read.links_by_default

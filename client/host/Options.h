@@ -9,7 +9,6 @@
 #include <QMap>
 #include <QString>
 #include <QStringList>
-#include <QVariantMap>
 
 enum ExitCode {
     ExitBalanced = 0,
@@ -32,7 +31,8 @@ struct Options
     QString journal_file;
     CMessageCenter::IdlePolicy idle = CMessageCenter::IdlePolicy::Park;
     bool verbose = false;
-    QVariantMap plugin_settings; // given with --set
+    QMap<QString, QString> plugin_settings; // given with --set, by name
+    bool list_settings = false;             // and no more
 
     // From the arguments of the program. Does not return if they ask for help or the version.
     static lxclient::Error parse(const QStringList& arguments, Options& options);

@@ -1,6 +1,7 @@
 #include "PluginHost.h"
 
 #include <lxbase/MessageInterface.h>
+#include <lxclient/Protocol.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -16,12 +17,24 @@ using lxclient::Error;
 
 struct PluginHost::Library
 {
-    QString id;
-    QString instances_setting; // empty: there is one, the root object
     std::unique_ptr<QPluginLoader> loader;
+    MetaData meta_data;
+    QVariantMap settings; // what it has declared, with its values
 
     QString file() const { return loader->fileName(); }
 };
+
+namespace {
+
+// No name is in both: plugins declare none of the host's.
+QVariantMap united(QVariantMap common, const QVariantMap& own)
+{
+    for (auto it = own.constBegin(); it != own.constEnd(); ++it)
+        common.insert(it.key(), it.value());
+    return common;
+}
+
+} // namespace
 
 PluginHost::PluginHost() = default;
 
@@ -35,8 +48,9 @@ PluginHost::~PluginHost()
         library->loader->unload();
 }
 
-Error PluginHost::load(const QString& folder, const QVariantMap& settings)
+Error PluginHost::readMetaData(const QString& folder)
 {
+    m_folder = folder;
     const QDir dir(folder);
     if (!dir.exists())
         return Error(QStringLiteral("there is no such plugin folder")).about(folder);
@@ -52,15 +66,59 @@ Error PluginHost::load(const QString& folder, const QVariantMap& settings)
             return error.about(file.absoluteFilePath());
     }
     std::sort(m_libraries.begin(), m_libraries.end(),
-              [](const Library& a, const Library& b) { return a.id < b.id; });
+              [](const Library& a, const Library& b) { return a.meta_data.id < b.meta_data.id; });
+    return {};
+}
+
+QVector<MetaData> PluginHost::metaData() const
+{
+    QVector<MetaData> all;
+    for (const Library& library : m_libraries)
+        all.append(library.meta_data);
+    return all;
+}
+
+Error PluginHost::set(const QMap<QString, QString>& texts)
+{
+    QMap<QString, QString> left = texts;
+    QStringList known;
+    for (Library& library : m_libraries) {
+        for (const Setting& setting : qAsConst(library.meta_data.settings)) {
+            known.append(setting.name);
+            if (!left.contains(setting.name))
+                continue;
+            const QString text = left.take(setting.name);
+            if (const Error error = setting.parse(text, library.settings[setting.name]))
+                return error.about(QStringLiteral("--set %1=%2").arg(setting.name, text));
+        }
+    }
+    if (left.isEmpty())
+        return {};
+    const QString name = left.firstKey();
+    const Error error = lxclient::setting::ofTheHost().contains(name)
+        ? Error(QStringLiteral("is set by the client itself; see --help for its options"))
+        : Error(
+            QStringLiteral("no plugin has this setting; there are %1")
+                .arg(known.isEmpty() ? QStringLiteral("none") : known.join(QLatin1String(", "))));
+    return error.about(QStringLiteral("--set %1").arg(name));
+}
+
+Error PluginHost::load(const QVariantMap& common)
+{
     for (const Library& library : m_libraries) {
-        if (const Error error = makeInstances(library, settings))
+        if (!library.loader->load()) {
+            return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()))
+                .about(library.file());
+        }
+    }
+    for (const Library& library : m_libraries) {
+        if (const Error error = makeInstances(library, common))
             return error.about(library.file());
     }
     const bool anyInput = std::any_of(m_instances.begin(), m_instances.end(),
                                       [](const Instance& instance) { return instance.input; });
     return anyInput ? Error()
-                    : Error(QStringLiteral("no plugin there brings in quotes")).about(folder);
+                    : Error(QStringLiteral("no plugin there brings in quotes")).about(m_folder);
 }
 
 QStringList PluginHost::ids() const
@@ -71,12 +129,13 @@ QStringList PluginHost::ids() const
     return ids;
 }
 
-Error PluginHost::initialise(const QString& id, const QVariantMap& settings)
+Error PluginHost::initialise(const QString& id, const QVariantMap& common)
 {
     for (Instance& instance : m_instances) {
         if (instance.id != id)
             continue;
-        if (const Error error = instance.plugin->initialise(id, settings)) {
+        if (const Error error =
+                instance.plugin->initialise(id, united(common, instance.library->settings))) {
             return error.about(QStringLiteral("plugin %1 cannot start").arg(id))
                 .about(instance.library->file());
         }
@@ -135,30 +194,36 @@ Error PluginHost::addLibrary(Library library)
         return Error(QStringLiteral("lacks the interface %1, it offers \"%2\"")
                          .arg(QStringLiteral(LxClientPlugin_iid), offered));
     }
-    const QJsonObject ours = json.value(QStringLiteral("MetaData")).toObject();
-    library.id = ours.value(QStringLiteral("id")).toString();
-    library.instances_setting = ours.value(QStringLiteral("instances")).toString();
-    if (!library.loader->load())
-        return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()));
-    if (library.id.isEmpty() || library.id.contains(QLatin1Char('#')))
-        return Error(QStringLiteral("its metadata names no \"id\", or one with a #"));
+    if (const Error error =
+            MetaData::read(json.value(QStringLiteral("MetaData")).toObject(), library.meta_data))
+        return error;
     for (const Library& other : m_libraries) {
-        if (other.id == library.id)
-            return Error(QStringLiteral("repeats the ID %1 of %2").arg(other.id, other.file()));
+        if (other.meta_data.id == library.meta_data.id)
+            return Error(
+                QStringLiteral("repeats the ID %1 of %2").arg(other.meta_data.id, other.file()));
+    }
+    for (const Setting& setting : qAsConst(library.meta_data.settings)) {
+        for (const Library& other : m_libraries) {
+            if (other.settings.contains(setting.name)) {
+                return Error(
+                    QStringLiteral("repeats the setting %1 of %2").arg(setting.name, other.file()));
+            }
+        }
+        library.settings.insert(setting.name, setting.default_value);
     }
     m_libraries.push_back(std::move(library));
     return {};
 }
 
-Error PluginHost::makeInstances(const Library& library, const QVariantMap& settings)
+Error PluginHost::makeInstances(const Library& library, const QVariantMap& common)
 {
-    const QString& id = library.id;
-    const QString& setting = library.instances_setting;
+    const QString& id = library.meta_data.id;
+    const QString& setting = library.meta_data.instances;
     QObject* const root = library.loader->instance();
     if (setting.isEmpty())
         return addInstance(library, id, root, false);
 
-    const int count = settings.value(setting).toInt();
+    const int count = united(common, library.settings).value(setting).toInt();
     if (count < 1) {
         return Error(
             QStringLiteral("the setting \"%1\" says how many there are of it, and is not a "

@@ -2,8 +2,11 @@
 #ifndef LXCLIENT_PLUGINHOST_H
 #define LXCLIENT_PLUGINHOST_H
 
+#include "MetaData.h"
+
 #include <lxclient/Plugin.h>
 
+#include <QMap>
 #include <QStringList>
 #include <QVariantMap>
 #include <QVector>
@@ -30,14 +33,25 @@ public:
     ~PluginHost();
     Q_DISABLE_COPY(PluginHost)
 
-    // Loads every library in the folder and makes the plugin objects.
-    lxclient::Error load(const QString& folder, const QVariantMap& settings);
+    // Reads the metadata of every library in the folder, without loading one. Called first.
+    lxclient::Error readMetaData(const QString& folder);
+
+    // In the order of the IDs.
+    QVector<MetaData> metaData() const;
+
+    // Gives settings that plugins have declared the values that the user has written, by name; the
+    // others have their defaults.
+    lxclient::Error set(const QMap<QString, QString>& texts);
+
+    // Loads the libraries and makes the plugin objects. `common` are the settings of the host,
+    // which may say how many objects of a class there are.
+    lxclient::Error load(const QVariantMap& common);
 
     // IDs of all plugin objects, in the order in which they are initialised.
     QStringList ids() const;
 
-    // Initialises the object of this ID.
-    lxclient::Error initialise(const QString& id, const QVariantMap& settings);
+    // Initialises the object of this ID with `common` and what its plugin has declared.
+    lxclient::Error initialise(const QString& id, const QVariantMap& common);
 
     void startInputs();
     void stopInputs();
@@ -60,10 +74,11 @@ private:
     };
 
     lxclient::Error addLibrary(Library library);
-    lxclient::Error makeInstances(const Library& library, const QVariantMap& settings);
+    lxclient::Error makeInstances(const Library& library, const QVariantMap& common);
     lxclient::Error addInstance(const Library& library, const QString& id, QObject* object,
                                 bool owned);
 
+    QString m_folder;
     std::vector<Library> m_libraries;  // sorted by ID; unchanged once there are instances
     std::vector<Instance> m_instances; // destroyed before the libraries are unloaded
 };

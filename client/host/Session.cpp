@@ -26,8 +26,7 @@ QString baseOf(const QString& id)
 Session::Session(const Options& options)
     : m_options(options)
 {
-    m_settings = options.plugin_settings;
-    const QVariantMap own{
+    m_settings = {
         {setting::Quotes, options.recordings},
         {setting::Speed, options.speed},
         {setting::SyntheticQuotes, options.synthetic_quotes},
@@ -35,8 +34,6 @@ Session::Session(const Options& options)
         {setting::Boards, options.boards},
         {setting::Journal, options.journal_file},
     };
-    for (auto it = own.constBegin(); it != own.constEnd(); ++it)
-        m_settings.insert(it.key(), it.value());
     connect(&m_timer, &QTimer::timeout, this, &Session::tick);
 }
 
@@ -44,15 +41,13 @@ Session::~Session() = default;
 
 Error Session::start()
 {
-    for (const QString& key : setting::ofTheHost()) {
-        if (m_options.plugin_settings.contains(key)) {
-            return Error(QStringLiteral("has an option of its own, see --help"))
-                .about(QStringLiteral("--set %1").arg(key));
-        }
-    }
     if (const Error error = takeSymbols())
         return error;
-    if (const Error error = m_host.load(m_options.plugin_folder, m_settings))
+    if (const Error error = m_host.readMetaData(m_options.plugin_folder))
+        return error;
+    if (const Error error = m_host.set(m_options.plugin_settings))
+        return error;
+    if (const Error error = m_host.load(m_settings))
         return error;
     if (const Error error = linkPlugins())
         return error;

@@ -54,7 +54,7 @@ private:
     void settle();
 
     const Options m_options;
-    QVariantMap m_settings; // the same for every plugin
+    QVariantMap m_settings; // the host's own, the same for every plugin
     QMap<RelationColor_t, QStringList> m_links;
     Tap m_tap; // outlives the plugins, which put to its queues
     PluginHost m_host;

@@ -3,6 +3,7 @@
 #include "Options.h"
 #include "Session.h"
 #include "SignalWatcher.h"
+#include "TextTable.h"
 
 #include <lxclient/Protocol.h>
 
@@ -19,6 +20,27 @@ ExitCode refuse(const lxclient::Error& error, ExitCode code)
     return code;
 }
 
+// Reads the metadata alone: no code of a plugin runs.
+ExitCode listSettings(const QString& pluginFolder)
+{
+    PluginHost host;
+    if (const lxclient::Error error = host.readMetaData(pluginFolder))
+        return refuse(error, ExitCannotStart);
+    TextTable table({QStringLiteral("Plugin"), QStringLiteral("Setting"), QStringLiteral("Type"),
+                     QStringLiteral("Range"), QStringLiteral("Default"),
+                     QStringLiteral("Description")});
+    for (int column : {1, 2, 3, 5})
+        table.alignLeft(column);
+    for (const MetaData& plugin : host.metaData()) {
+        for (const Setting& setting : plugin.settings) {
+            table.addRow({plugin.id, setting.name, setting.typeName(), setting.range(),
+                          setting.default_value.toString(), setting.description});
+        }
+    }
+    std::fputs(qPrintable(table.toString()), stdout);
+    return ExitBalanced;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -29,6 +51,8 @@ int main(int argc, char** argv)
     Options options;
     if (const lxclient::Error error = Options::parse(QCoreApplication::arguments(), options))
         return refuse(error, ExitBadCommandLine);
+    if (options.list_settings)
+        return listSettings(options.plugin_folder);
     if (!options.verbose) // QT_LOGGING_RULES still has the last word
         QLoggingCategory::setFilterRules(QStringLiteral("lxbase.debug=false"));
     lxclient::registerPayloads();

@@ -37,9 +37,7 @@ OrdersPlugin::OrdersPlugin()
 Error OrdersPlugin::onInitialise(const QVariantMap& settings)
 {
     m_symbols = settings.value(setting::Symbols).toStringList();
-    m_max_open = settings.value(QStringLiteral("orders.max-open"), 1000).toLongLong();
-    if (m_max_open < 1)
-        return Error(QStringLiteral("orders.max-open must be a whole number from 1 on"));
+    m_max_open = settings.value(QStringLiteral("orders.max-open")).toLongLong();
     m_audit.expect(m_symbols);
     subscribeQuotes(settings);
     subscribe(lxclient::ExecutionType); // acknowledgements are addressed to us

@@ -18,14 +18,11 @@ StrategyPlugin::StrategyPlugin()
 
 Error StrategyPlugin::onInitialise(const QVariantMap& settings)
 {
-    m_fast = settings.value(QStringLiteral("strategy.fast"), 100).toLongLong();
-    m_slow = settings.value(QStringLiteral("strategy.slow"), 500).toLongLong();
-    m_lot = settings.value(QStringLiteral("strategy.lot"), 10000).toLongLong();
-    if (m_fast < 1 || m_slow <= m_fast || m_lot < 1) {
-        return Error(
-            QStringLiteral("strategy.fast, strategy.slow and strategy.lot must be whole numbers "
-                           "from 1 on, and fast less than slow"));
-    }
+    m_fast = settings.value(QStringLiteral("strategy.fast")).toLongLong();
+    m_slow = settings.value(QStringLiteral("strategy.slow")).toLongLong();
+    m_lot = settings.value(QStringLiteral("strategy.lot")).toLongLong();
+    if (m_slow <= m_fast)
+        return Error(QStringLiteral("strategy.slow must be more than strategy.fast"));
     m_audit.expect(settings.value(setting::Symbols).toStringList());
     subscribeQuotes(settings);
     return {};

@@ -22,12 +22,19 @@ namespace lxclient {
 ///         Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "board.json")
 ///         Q_INTERFACES(lxclient::Plugin)
 ///
-/// Metadata (the JSON file):
+/// Metadata (the JSON file), which the host reads and checks before it loads any library:
 ///  - "id": the plugin's ID on the bus, required, without a "#"; no other plugin in the folder has
 ///    it.
-///  - "instances": optional, the name of a setting that holds a number N: there are then N
+///  - "instances": optional, the name of an int setting that holds a number N: there are then N
 ///    objects of the class, with the IDs id#1 to id#N. The class needs a constructor without
 ///    arguments that is declared Q_INVOKABLE.
+///  - "settings": optional, a list of the settings that the user can give with --set NAME=VALUE:
+///
+///        { "name": "orders.max-open", "type": "int", "default": 1000, "min": 1,
+///          "description": "So many orders may be open at once." }
+///
+///    Begin the name with the plugin's ID, for no other plugin in the folder may declare it. "type"
+///    is int, double, string or bool; "min" and "max" are optional, for numbers.
 ///
 /// A folder needs one plugin at least that is an Input.
 ///
