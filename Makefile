@@ -84,8 +84,8 @@ lint: deps ## static analysis
 
 format: ## lay the sources out as .clang-format says
 	@$(INSTALL) clang-format-14
-	clang-format-14 -i $(SOURCES)
+	@clang-format-14 -i $(SOURCES)
 
 format-check: ## fail where `make format` would change something
 	@$(INSTALL) clang-format-14
-	clang-format-14 --dry-run --Werror $(SOURCES)
+	@clang-format-14 --dry-run --Werror $(SOURCES)

@@ -5,8 +5,8 @@
 #include <QDir>
 
 #include <cmath>
-#include <cstdio>
-#include <cstdlib>
+
+using lxclient::Error;
 
 namespace {
 
@@ -25,101 +25,117 @@ const char description[] =
     "Exit codes:\n"
     "  0  played to the end, or interrupted, and the ledger balances\n"
     "  1  the command line is wrong\n"
-    "  2  cannot start: a recording, a plugin, the journal or the recording to be written\n"
+    "  2  cannot start: a recording, a plugin or its settings, the journal or the recording to be\n"
+    "     written\n"
     "  3  the ledger does not balance: something was lost, doubled, reordered or not written";
 
 constexpr const char* colorNames[] = {"red", "orange", "yellow", "green", "cyan", "blue", "violet"};
 
-[[noreturn]] void refuse(const QString& message)
-{
-    std::fprintf(stderr, "lxclient: %s\n", qPrintable(message));
-    std::exit(ExitBadCommandLine);
-}
-
-int wholeNumber(const QCommandLineParser& parser, const QString& option, int least, int most)
+Error wholeNumber(const QCommandLineParser& parser, const QString& option, int least, int most,
+                  int& number)
 {
     bool ok = false;
-    const int number = parser.value(option).toInt(&ok);
-    if (!ok || number < least || number > most) {
-        refuse(QStringLiteral("--%1 %2: a whole number from %3 to %4 is expected.")
-                   .arg(option, parser.value(option))
-                   .arg(least)
-                   .arg(most));
+    const int given = parser.value(option).toInt(&ok);
+    if (!ok || given < least || given > most) {
+        return Error(QStringLiteral("--%1 %2: a whole number from %3 to %4 is expected.")
+                         .arg(option, parser.value(option))
+                         .arg(least)
+                         .arg(most));
     }
-    return number;
+    number = given;
+    return {};
 }
 
-double speedFrom(const QString& text)
+Error speedFrom(const QString& text, double& speed)
 {
-    if (text == QLatin1String("max"))
-        return 0;
     bool ok = false;
-    const double speed = text.toDouble(&ok);
-    if (!ok || !std::isfinite(speed) || speed <= 0)
-        refuse(QStringLiteral("--speed %1: \"max\" or a number above 0 is expected.").arg(text));
-    return speed;
+    const double given = text.toDouble(&ok);
+    const bool max = text == QLatin1String("max");
+    if (!max && (!ok || !std::isfinite(given) || given <= 0)) {
+        return Error(
+            QStringLiteral("--speed %1: \"max\" or a number above 0 is expected.").arg(text));
+    }
+    speed = max ? 0 : given;
+    return {};
 }
 
-CMessageCenter::IdlePolicy idleFrom(const QString& text)
+Error seedFrom(const QString& text, quint64& seed)
+{
+    bool ok = false;
+    const quint64 given = text.toULongLong(&ok);
+    if (!ok)
+        return Error(QStringLiteral("--seed %1: a whole number is expected.").arg(text));
+    seed = given;
+    return {};
+}
+
+Error idleFrom(const QString& text, CMessageCenter::IdlePolicy& idle)
 {
     if (text == QLatin1String("park"))
-        return CMessageCenter::IdlePolicy::Park;
-    if (text == QLatin1String("poll"))
-        return CMessageCenter::IdlePolicy::Poll;
-    refuse(QStringLiteral("--idle %1: \"poll\" or \"park\" is expected.").arg(text));
+        idle = CMessageCenter::IdlePolicy::Park;
+    else if (text == QLatin1String("poll"))
+        idle = CMessageCenter::IdlePolicy::Poll;
+    else
+        return Error(QStringLiteral("--idle %1: \"poll\" or \"park\" is expected.").arg(text));
+    return {};
 }
 
-RelationColor_t colorFrom(const QString& name, const QString& link)
+Error colorFrom(const QString& name, RelationColor_t& color)
 {
     QStringList known;
-    for (int color = RELATION_RED; color <= RELATION_VIOLET; ++color) {
-        known.append(QLatin1String(colorNames[color]));
-        if (name == known.last())
-            return static_cast<RelationColor_t>(color);
-    }
-    refuse(QStringLiteral("--link %1: the colours are %2.")
-               .arg(link, known.join(QLatin1String(", "))));
+    for (const char* const colorName : colorNames)
+        known.append(QLatin1String(colorName));
+    if (!known.contains(name))
+        return Error(QStringLiteral("the colours are %1.").arg(known.join(QLatin1String(", "))));
+    color = static_cast<RelationColor_t>(RELATION_RED + known.indexOf(name));
+    return {};
 }
 
-QMap<RelationColor_t, QStringList> linksFrom(const QStringList& texts)
+// Adds the group of one --link; `linked` has the IDs of all groups so far.
+Error linkFrom(const QString& text, QMap<RelationColor_t, QStringList>& links, QStringList& linked)
 {
-    QMap<RelationColor_t, QStringList> links;
+    const int colon = text.indexOf(QLatin1Char(':'));
+    if (colon < 0)
+        return Error(QStringLiteral("COLOR:ID,ID,... is expected."));
+    RelationColor_t color = RELATION_RED;
+    if (const Error error = colorFrom(text.left(colon), color))
+        return error;
+    const QStringList ids = text.mid(colon + 1).split(QLatin1Char(','));
+    for (const QString& id : ids) {
+        if (id.isEmpty())
+            return Error(QStringLiteral("an ID is missing."));
+        if (linked.contains(id))
+            return Error(QStringLiteral("%1 has a colour already.").arg(id));
+        linked.append(id);
+        links[color].append(id);
+    }
+    return {};
+}
+
+Error linksFrom(const QStringList& texts, QMap<RelationColor_t, QStringList>& links)
+{
     QStringList linked;
     for (const QString& text : texts) {
-        const int colon = text.indexOf(QLatin1Char(':'));
-        if (colon < 0)
-            refuse(QStringLiteral("--link %1: COLOR:ID,ID,... is expected.").arg(text));
-        QStringList& group = links[colorFrom(text.left(colon), text)];
-        const QStringList ids = text.mid(colon + 1).split(QLatin1Char(','));
-        for (const QString& id : ids) {
-            if (id.isEmpty() || linked.contains(id)) {
-                refuse(QStringLiteral("--link %1: %2")
-                           .arg(text,
-                                id.isEmpty() ? QStringLiteral("an ID is missing.")
-                                             : id + QLatin1String(" has a colour already.")));
-            }
-            linked.append(id);
-            group.append(id);
-        }
+        if (const Error error = linkFrom(text, links, linked))
+            return error.about(QStringLiteral("--link %1").arg(text));
     }
-    return links;
+    return {};
 }
 
-QVariantMap settingsFrom(const QStringList& texts)
+Error settingsFrom(const QStringList& texts, QMap<QString, QString>& settings)
 {
-    QVariantMap settings;
     for (const QString& text : texts) {
         const int equals = text.indexOf(QLatin1Char('='));
         if (equals < 1)
-            refuse(QStringLiteral("--set %1: KEY=VALUE is expected.").arg(text));
+            return Error(QStringLiteral("--set %1: KEY=VALUE is expected.").arg(text));
         settings.insert(text.left(equals), text.mid(equals + 1));
     }
-    return settings;
+    return {};
 }
 
 } // namespace
 
-Options Options::parse(const QCoreApplication& program)
+Error Options::parse(const QStringList& arguments, Options& options)
 {
     QCommandLineParser parser;
     parser.setApplicationDescription(QLatin1String(description));
@@ -164,40 +180,51 @@ Options Options::parse(const QCoreApplication& program)
              .arg(defaultPluginFolder()),
          QStringLiteral("DIR"), defaultPluginFolder()},
         {QStringLiteral("set"),
-         QStringLiteral("Hand a setting to the plugins; see their headers for what they take, such "
-                        "as orders.max-open=20. May be given several times."),
+         QStringLiteral("Give a setting of a plugin another value than its default, such as "
+                        "orders.max-open=20. May be given several times."),
          QStringLiteral("KEY=VALUE")},
+        {QStringLiteral("settings"), QStringLiteral("List the settings of all plugins, and end.")},
         {QStringLiteral("verbose"),
          QStringLiteral("Show the debug records of the bus (category \"lxbase\") on stderr.")},
     });
-    parser.process(program);
+    if (!parser.parse(arguments))
+        return Error(parser.errorText());
+    if (parser.isSet(QStringLiteral("version")))
+        parser.showVersion();
+    if (parser.isSet(QStringLiteral("help")))
+        parser.showHelp();
     if (!parser.positionalArguments().isEmpty()) {
-        refuse(QStringLiteral("Unexpected argument '%1'. Recordings are named with --quotes.")
-                   .arg(parser.positionalArguments().first()));
+        return Error(QStringLiteral("Unexpected argument '%1'. Recordings are named with --quotes.")
+                         .arg(parser.positionalArguments().first()));
     }
 
-    Options options;
-    options.plugin_folder = parser.value(QStringLiteral("plugins"));
-    options.recordings = parser.values(QStringLiteral("quotes"));
-    options.speed = speedFrom(parser.value(QStringLiteral("speed")));
-    options.synthetic_quotes =
-        wholeNumber(parser, QStringLiteral("synthetic-quotes"), 0, 100'000'000);
-    bool seedOk = false;
-    options.synthetic_seed = parser.value(QStringLiteral("seed")).toULongLong(&seedOk);
-    if (!seedOk)
-        refuse(QStringLiteral("--seed %1: a whole number is expected.")
-                   .arg(parser.value(QStringLiteral("seed"))));
-    options.boards = wholeNumber(parser, QStringLiteral("boards"), 1, 100);
-    options.links = linksFrom(parser.values(QStringLiteral("link")));
-    options.links_by_default = !parser.isSet(QStringLiteral("link"));
-    if (options.links_by_default)
-        options.links = linksFrom({QStringLiteral("red:board#1,board#2")});
-    options.record_file = parser.value(QStringLiteral("record"));
-    options.journal_file = parser.value(QStringLiteral("journal"));
-    options.idle = idleFrom(parser.value(QStringLiteral("idle")));
-    options.verbose = parser.isSet(QStringLiteral("verbose"));
-    options.plugin_settings = settingsFrom(parser.values(QStringLiteral("set")));
-    return options;
+    Options read;
+    read.plugin_folder = parser.value(QStringLiteral("plugins"));
+    read.recordings = parser.values(QStringLiteral("quotes"));
+    read.record_file = parser.value(QStringLiteral("record"));
+    read.journal_file = parser.value(QStringLiteral("journal"));
+    read.list_settings = parser.isSet(QStringLiteral("settings"));
+    read.verbose = parser.isSet(QStringLiteral("verbose"));
+    read.links_by_default = !parser.isSet(QStringLiteral("link"));
+    const QStringList links = read.links_by_default
+        ? QStringList(QStringLiteral("red:board#1,board#2"))
+        : parser.values(QStringLiteral("link"));
+    const Error errors[] = {
+        speedFrom(parser.value(QStringLiteral("speed")), read.speed),
+        wholeNumber(parser, QStringLiteral("synthetic-quotes"), 0, 100'000'000,
+                    read.synthetic_quotes),
+        seedFrom(parser.value(QStringLiteral("seed")), read.synthetic_seed),
+        wholeNumber(parser, QStringLiteral("boards"), 1, 100, read.boards),
+        linksFrom(links, read.links),
+        idleFrom(parser.value(QStringLiteral("idle")), read.idle),
+        settingsFrom(parser.values(QStringLiteral("set")), read.plugin_settings),
+    };
+    for (const Error& error : errors) {
+        if (error)
+            return error;
+    }
+    options = read;
+    return {};
 }
 
 QString Options::defaultPluginFolder()

@@ -4,13 +4,11 @@
 
 #include <lxbase/MessageCenter.h>
 #include <lxbase/RelationColor.h>
+#include <lxclient/Error.h>
 
 #include <QMap>
 #include <QString>
 #include <QStringList>
-#include <QVariantMap>
-
-class QCoreApplication;
 
 enum ExitCode {
     ExitBalanced = 0,
@@ -33,11 +31,11 @@ struct Options
     QString journal_file;
     CMessageCenter::IdlePolicy idle = CMessageCenter::IdlePolicy::Park;
     bool verbose = false;
-    QVariantMap plugin_settings; // given with --set
+    QMap<QString, QString> plugin_settings; // given with --set, by name
+    bool list_settings = false;             // and no more
 
-    // From the arguments of the program. Does not return if they are wrong, or if they ask for help
-    // or the version.
-    static Options parse(const QCoreApplication& program);
+    // From the arguments of the program. Does not return if they ask for help or the version.
+    static lxclient::Error parse(const QStringList& arguments, Options& options);
 
     // Where the plugins are unless the user says otherwise: beside the program in the build tree,
     // in the library folder once installed.

@@ -1,6 +1,7 @@
 #include "PluginHost.h"
 
 #include <lxbase/MessageInterface.h>
+#include <lxclient/Protocol.h>
 
 #include <QCoreApplication>
 #include <QDir>
@@ -12,14 +13,28 @@
 #include <algorithm>
 #include <utility>
 
+using lxclient::Error;
+
 struct PluginHost::Library
 {
-    QString id;
-    QString instances_setting; // empty: there is one, the root object
     std::unique_ptr<QPluginLoader> loader;
+    MetaData meta_data;
+    QVariantMap settings; // what it has declared, with its values
 
     QString file() const { return loader->fileName(); }
 };
+
+namespace {
+
+// No name is in both: plugins declare none of the host's.
+QVariantMap united(QVariantMap common, const QVariantMap& own)
+{
+    for (auto it = own.constBegin(); it != own.constEnd(); ++it)
+        common.insert(it.key(), it.value());
+    return common;
+}
+
+} // namespace
 
 PluginHost::PluginHost() = default;
 
@@ -33,30 +48,77 @@ PluginHost::~PluginHost()
         library->loader->unload();
 }
 
-QString PluginHost::load(const QString& folder, const QVariantMap& settings)
+Error PluginHost::readMetaData(const QString& folder)
 {
+    m_folder = folder;
     const QDir dir(folder);
     if (!dir.exists())
-        return QStringLiteral("%1: there is no such plugin folder").arg(folder);
+        return Error(QStringLiteral("there is no such plugin folder")).about(folder);
     const QFileInfoList files = dir.entryInfoList(QDir::Files, QDir::Name);
     for (const QFileInfo& file : files) {
         if (!QLibrary::isLibrary(file.fileName()))
             continue;
-        const QString error = loadLibrary(file.absoluteFilePath());
-        if (!error.isEmpty())
-            return error;
+        Library library;
+        library.loader = std::make_unique<QPluginLoader>(file.absoluteFilePath());
+        // when it is loaded, not in the middle of a run
+        library.loader->setLoadHints(QLibrary::ResolveAllSymbolsHint);
+        if (const Error error = addLibrary(std::move(library)))
+            return error.about(file.absoluteFilePath());
     }
     std::sort(m_libraries.begin(), m_libraries.end(),
-              [](const Library& a, const Library& b) { return a.id < b.id; });
+              [](const Library& a, const Library& b) { return a.meta_data.id < b.meta_data.id; });
+    return {};
+}
+
+QVector<MetaData> PluginHost::metaData() const
+{
+    QVector<MetaData> all;
+    for (const Library& library : m_libraries)
+        all.append(library.meta_data);
+    return all;
+}
+
+Error PluginHost::set(const QMap<QString, QString>& texts)
+{
+    QMap<QString, QString> left = texts;
+    QStringList known;
+    for (Library& library : m_libraries) {
+        for (const Setting& setting : qAsConst(library.meta_data.settings)) {
+            known.append(setting.name);
+            if (!left.contains(setting.name))
+                continue;
+            const QString text = left.take(setting.name);
+            if (const Error error = setting.parse(text, library.settings[setting.name]))
+                return error.about(QStringLiteral("--set %1=%2").arg(setting.name, text));
+        }
+    }
+    if (left.isEmpty())
+        return {};
+    const QString name = left.firstKey();
+    const Error error = lxclient::setting::ofTheHost().contains(name)
+        ? Error(QStringLiteral("is set by the client itself; see --help for its options"))
+        : Error(
+            QStringLiteral("no plugin has this setting; there are %1")
+                .arg(known.isEmpty() ? QStringLiteral("none") : known.join(QLatin1String(", "))));
+    return error.about(QStringLiteral("--set %1").arg(name));
+}
+
+Error PluginHost::load(const QVariantMap& common)
+{
     for (const Library& library : m_libraries) {
-        const QString error = makeInstances(library, settings);
-        if (!error.isEmpty())
-            return error;
+        if (!library.loader->load()) {
+            return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()))
+                .about(library.file());
+        }
+    }
+    for (const Library& library : m_libraries) {
+        if (const Error error = makeInstances(library, common))
+            return error.about(library.file());
     }
     const bool anyInput = std::any_of(m_instances.begin(), m_instances.end(),
                                       [](const Instance& instance) { return instance.input; });
-    return anyInput ? QString()
-                    : QStringLiteral("%1: no plugin there brings in quotes").arg(folder);
+    return anyInput ? Error()
+                    : Error(QStringLiteral("no plugin there brings in quotes")).about(m_folder);
 }
 
 QStringList PluginHost::ids() const
@@ -67,17 +129,19 @@ QStringList PluginHost::ids() const
     return ids;
 }
 
-QString PluginHost::initialise(const QString& id, const QVariantMap& settings)
+Error PluginHost::initialise(const QString& id, const QVariantMap& common)
 {
     for (Instance& instance : m_instances) {
         if (instance.id != id)
             continue;
-        QString reason;
-        instance.initialised = instance.plugin->initialise(id, settings, reason);
-        if (!instance.initialised)
-            return QStringLiteral("%1: plugin %2 cannot start: %3").arg(instance.file, id, reason);
+        if (const Error error =
+                instance.plugin->initialise(id, united(common, instance.library->settings))) {
+            return error.about(QStringLiteral("plugin %1 cannot start").arg(id))
+                .about(instance.library->file());
+        }
+        instance.initialised = true;
     }
-    return QString();
+    return {};
 }
 
 void PluginHost::startInputs()
@@ -119,82 +183,85 @@ QVector<NamedReport> PluginHost::reports() const
     return reports;
 }
 
-// The metadata is read without running the library's code; what is no plugin of ours is refused
-// before it is loaded.
-QString PluginHost::loadLibrary(const QString& file)
+// What is no plugin of ours is refused before it is loaded.
+Error PluginHost::addLibrary(Library library)
 {
-    Library library;
-    library.loader = std::make_unique<QPluginLoader>(file);
-    library.loader->setLoadHints(
-        QLibrary::ResolveAllSymbolsHint); // now, not in the middle of a run
-    const QJsonObject metaData = library.loader->metaData();
-    const QString offered = metaData.value(QStringLiteral("IID")).toString();
-    if (!metaData.isEmpty() && offered != QLatin1String(LxClientPlugin_iid)) {
-        return QStringLiteral("%1: lacks the interface %2, it offers \"%3\"")
-            .arg(file, QStringLiteral(LxClientPlugin_iid), offered);
+    const QJsonObject json = library.loader->metaData();
+    if (json.isEmpty())
+        return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()));
+    const QString offered = json.value(QStringLiteral("IID")).toString();
+    if (offered != QLatin1String(LxClientPlugin_iid)) {
+        return Error(QStringLiteral("lacks the interface %1, it offers \"%2\"")
+                         .arg(QStringLiteral(LxClientPlugin_iid), offered));
     }
-    const QJsonObject ours = metaData.value(QStringLiteral("MetaData")).toObject();
-    library.id = ours.value(QStringLiteral("id")).toString();
-    library.instances_setting = ours.value(QStringLiteral("instances")).toString();
-    if (!library.loader->load()) {
-        return QStringLiteral("%1: cannot be loaded: %2").arg(file, library.loader->errorString());
-    }
-    if (library.id.isEmpty() || library.id.contains(QLatin1Char('#')))
-        return QStringLiteral("%1: its metadata names no \"id\", or one with a #").arg(file);
+    if (const Error error =
+            MetaData::read(json.value(QStringLiteral("MetaData")).toObject(), library.meta_data))
+        return error;
     for (const Library& other : m_libraries) {
-        if (other.id == library.id) {
-            return QStringLiteral("%1: repeats the ID %2 of %3")
-                .arg(file, library.id, other.file());
+        if (other.meta_data.id == library.meta_data.id)
+            return Error(
+                QStringLiteral("repeats the ID %1 of %2").arg(other.meta_data.id, other.file()));
+    }
+    for (const Setting& setting : qAsConst(library.meta_data.settings)) {
+        for (const Library& other : m_libraries) {
+            if (other.settings.contains(setting.name)) {
+                return Error(
+                    QStringLiteral("repeats the setting %1 of %2").arg(setting.name, other.file()));
+            }
         }
+        library.settings.insert(setting.name, setting.default_value);
     }
     m_libraries.push_back(std::move(library));
-    return QString();
+    return {};
 }
 
-QString PluginHost::makeInstances(const Library& library, const QVariantMap& settings)
+Error PluginHost::makeInstances(const Library& library, const QVariantMap& common)
 {
+    const QString& id = library.meta_data.id;
+    const QString& setting = library.meta_data.instances;
     QObject* const root = library.loader->instance();
-    if (library.instances_setting.isEmpty())
-        return addInstance(library, library.id, root, false);
+    if (setting.isEmpty())
+        return addInstance(library, id, root, false);
 
-    const int count = settings.value(library.instances_setting).toInt();
+    const int count = united(common, library.settings).value(setting).toInt();
     if (count < 1) {
-        return QStringLiteral("%1: the setting \"%2\" says how many there are of it, and is not a "
-                              "number from 1 on")
-            .arg(library.file(), library.instances_setting);
+        return Error(
+            QStringLiteral("the setting \"%1\" says how many there are of it, and is not a "
+                           "number from 1 on")
+                .arg(setting));
     }
     for (int i = 1; i <= count; ++i) {
-        const QString id = QStringLiteral("%1#%2").arg(library.id).arg(i);
         const bool first = i == 1;
         QObject* const object = first ? root : root->metaObject()->newInstance();
-        const QString error = addInstance(library, id, object, !first);
-        if (!error.isEmpty())
+        if (const Error error =
+                addInstance(library, QStringLiteral("%1#%2").arg(id).arg(i), object, !first))
             return error;
     }
-    return QString();
+    return {};
 }
 
-QString PluginHost::addInstance(const Library& library, const QString& id, QObject* object,
-                                bool owned)
+Error PluginHost::addInstance(const Library& library, const QString& id, QObject* object,
+                              bool owned)
 {
     Instance instance;
     instance.id = id;
-    instance.file = library.file();
+    instance.library = &library;
     if (owned)
         instance.owned.reset(object);
     if (!object) {
-        return QStringLiteral("%1: makes no object for %2; its class needs a Q_INVOKABLE "
-                              "constructor without arguments")
-            .arg(instance.file, id);
+        return Error(QStringLiteral("makes no object for %1; its class needs a Q_INVOKABLE "
+                                    "constructor without arguments")
+                         .arg(id));
     }
     instance.plugin = qobject_cast<lxclient::Plugin*>(object);
     instance.input = qobject_cast<lxclient::Input*>(object);
     if (!instance.plugin || !qobject_cast<IMessageInterface*>(object)) {
-        return QStringLiteral("%1: lacks the interface %2: its class must derive from "
-                              "IMessageInterface and from lxclient::Plugin, and name the latter in "
-                              "Q_INTERFACES")
-            .arg(instance.file, QStringLiteral(LxClientPlugin_iid));
+        return Error(
+            QStringLiteral("lacks the interface %1: its class must derive from "
+                           "IMessageInterface and from lxclient::Plugin, and name the latter "
+                           "in Q_INTERFACES")
+                .arg(QStringLiteral(LxClientPlugin_iid)));
     }
     m_instances.push_back(std::move(instance));
-    return QString();
+    return {};
 }

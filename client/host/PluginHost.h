@@ -2,8 +2,11 @@
 #ifndef LXCLIENT_PLUGINHOST_H
 #define LXCLIENT_PLUGINHOST_H
 
+#include "MetaData.h"
+
 #include <lxclient/Plugin.h>
 
+#include <QMap>
 #include <QStringList>
 #include <QVariantMap>
 #include <QVector>
@@ -11,9 +14,7 @@
 #include <memory>
 #include <vector>
 
-class QFileInfo;
 class QObject;
-class QPluginLoader;
 
 // What one participant reports, under its ID.
 struct NamedReport
@@ -22,7 +23,8 @@ struct NamedReport
     lxclient::Report report;
 };
 
-// On the main thread. See <lxclient/Plugin.h> for what is called when.
+// On the main thread. See <lxclient/Plugin.h> for what is called when. Errors name the file of the
+// library that they are about.
 class PluginHost
 {
 public:
@@ -31,15 +33,25 @@ public:
     ~PluginHost();
     Q_DISABLE_COPY(PluginHost)
 
-    // Loads every library in the folder and makes the plugin objects. Nothing, or what is wrong
-    // with the name of the file.
-    QString load(const QString& folder, const QVariantMap& settings);
+    // Reads the metadata of every library in the folder, without loading one. Called first.
+    lxclient::Error readMetaData(const QString& folder);
+
+    // In the order of the IDs.
+    QVector<MetaData> metaData() const;
+
+    // Gives settings that plugins have declared the values that the user has written, by name; the
+    // others have their defaults.
+    lxclient::Error set(const QMap<QString, QString>& texts);
+
+    // Loads the libraries and makes the plugin objects. `common` are the settings of the host,
+    // which may say how many objects of a class there are.
+    lxclient::Error load(const QVariantMap& common);
 
     // IDs of all plugin objects, in the order in which they are initialised.
     QStringList ids() const;
 
-    // Initialises the object of this ID. Nothing, or what is wrong with the name of its file.
-    QString initialise(const QString& id, const QVariantMap& settings);
+    // Initialises the object of this ID with `common` and what its plugin has declared.
+    lxclient::Error initialise(const QString& id, const QVariantMap& common);
 
     void startInputs();
     void stopInputs();
@@ -54,18 +66,20 @@ private:
     struct Instance
     {
         QString id;
-        QString file;
+        const Library* library = nullptr;
         std::unique_ptr<QObject> owned; // null for the root object, which is the loader's
         lxclient::Plugin* plugin = nullptr;
         lxclient::Input* input = nullptr; // null: no input
         bool initialised = false;
     };
 
-    QString loadLibrary(const QString& file);
-    QString makeInstances(const Library& library, const QVariantMap& settings);
-    QString addInstance(const Library& library, const QString& id, QObject* object, bool owned);
+    lxclient::Error addLibrary(Library library);
+    lxclient::Error makeInstances(const Library& library, const QVariantMap& common);
+    lxclient::Error addInstance(const Library& library, const QString& id, QObject* object,
+                                bool owned);
 
-    std::vector<Library> m_libraries;
+    QString m_folder;
+    std::vector<Library> m_libraries;  // sorted by ID; unchanged once there are instances
     std::vector<Instance> m_instances; // destroyed before the libraries are unloaded
 };
 

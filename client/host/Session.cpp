@@ -1,68 +1,55 @@
 #include "Session.h"
 
-#include "EndTable.h"
+#include "Summary.h"
 
-#include <QuoteSource.h>
+#include <Recordings.h>
+#include <SyntheticSession.h>
 
-#include <QCoreApplication>
-#include <QDateTime>
 #include <QFileInfo>
 
 #include <cstdio>
-#include <unistd.h>
 
-using lxclient::grouped;
+using lxclient::Error;
+namespace setting = lxclient::setting;
 
 namespace {
 
 constexpr int TickMs = 2;
-constexpr int ProgressMs = 200;
 
 QString baseOf(const QString& id)
 {
     return id.section(QLatin1Char('#'), 0, 0);
 }
 
-void print(std::FILE* file, const QString& text)
-{
-    std::fputs(text.toLocal8Bit().constData(), file);
-    std::fflush(file);
-}
-
 } // namespace
 
 Session::Session(const Options& options)
     : m_options(options)
-    , m_show_progress(::isatty(STDERR_FILENO) == 1)
 {
+    m_settings = {
+        {setting::Quotes, options.recordings},
+        {setting::Speed, options.speed},
+        {setting::SyntheticQuotes, options.synthetic_quotes},
+        {setting::SyntheticSeed, options.synthetic_seed},
+        {setting::Boards, options.boards},
+        {setting::Journal, options.journal_file},
+    };
     connect(&m_timer, &QTimer::timeout, this, &Session::tick);
 }
 
 Session::~Session() = default;
 
-QString Session::start()
+Error Session::start()
 {
-    m_settings = m_options.plugin_settings;
-    const QVariantMap own{
-        {QStringLiteral("quotes"), m_options.recordings},
-        {QStringLiteral("speed"), m_options.speed},
-        {QStringLiteral("synthetic.quotes"), m_options.synthetic_quotes},
-        {QStringLiteral("synthetic.seed"), m_options.synthetic_seed},
-        {QStringLiteral("boards"), m_options.boards},
-        {QStringLiteral("journal"), m_options.journal_file},
-    };
-    for (auto it = own.constBegin(); it != own.constEnd(); ++it) {
-        if (m_settings.contains(it.key()))
-            return QStringLiteral("--set %1: has an option of its own, see --help").arg(it.key());
-        m_settings.insert(it.key(), it.value());
-    }
-
-    QString error = takeSymbols();
-    if (error.isEmpty())
-        error = m_host.load(m_options.plugin_folder, m_settings);
-    if (error.isEmpty())
-        error = linkPlugins();
-    if (!error.isEmpty())
+    if (const Error error = takeSymbols())
+        return error;
+    if (const Error error = m_host.readMetaData(m_options.plugin_folder))
+        return error;
+    if (const Error error = m_host.set(m_options.plugin_settings))
+        return error;
+    if (const Error error = m_host.load(m_settings))
+        return error;
+    if (const Error error = linkPlugins())
         return error;
 
     auto* const center = CMessageCenter::GetInstance();
@@ -70,21 +57,19 @@ QString Session::start()
     center->Start();
     const QStringList ids = m_host.ids();
     for (const QString& id : ids) {
-        error = m_host.initialise(id, settingsFor(id));
-        if (!error.isEmpty())
+        if (const Error error = m_host.initialise(id, settingsFor(id)))
             return error;
     }
     if (!m_options.record_file.isEmpty()) {
-        error = m_tap.recordTo(m_options.record_file);
-        if (!error.isEmpty())
+        if (const Error error = m_tap.recordTo(m_options.record_file))
             return error;
     }
-    m_tap.start(m_settings.value(lxclient::setting::Symbols).toStringList());
+    m_tap.start(m_settings.value(setting::Symbols).toStringList());
     m_played.start();
-    m_progress_age.start();
+    m_progress.emplace();
     m_host.startInputs();
     m_timer.start(TickMs);
-    return QString();
+    return {};
 }
 
 void Session::interrupt()
@@ -96,60 +81,43 @@ void Session::interrupt()
 // The verdict is on the reports that follow the shutdown: only then are all accounts closed.
 ExitCode Session::finish()
 {
-    clearProgress();
+    m_progress.reset();
     m_host.shutDown();
     m_tap.stop();
     const QVector<NamedReport> last = reports();
     const Ledger ledger(last);
-
-    quint64 deliveries = 0;
-    for (const NamedReport& named : last)
-        deliveries += named.report.messages + named.report.quotations + named.report.events;
-    const double seconds = static_cast<double>(m_played_ns) / 1e9;
-    const auto perSecond = [&](quint64 count) {
-        return grouped(seconds > 0 ? qRound64(static_cast<double>(count) / seconds) : 0);
-    };
-    const quint64 quotes = m_tap.progress().quotes;
-    print(stdout, endTable(last, ledger));
-    print(stdout,
-          QStringLiteral("%1 quotes in %2 s%3: %4 quotes/s, %5 deliveries/s.\n")
-              .arg(grouped(static_cast<qint64>(quotes)))
-              .arg(seconds, 0, 'f', 2)
-              .arg(QLatin1String(m_interrupted ? ", interrupted" : ""))
-              .arg(perSecond(quotes), perSecond(deliveries)));
-    if (!m_options.record_file.isEmpty()) {
-        print(stdout,
-              QStringLiteral("%1 quotes recorded in %2.\n")
-                  .arg(grouped(static_cast<qint64>(m_tap.recorded())), m_options.record_file));
-    }
+    const QString text = summary(last, ledger,
+                                 {m_tap.progress().quotes, m_played_ns, m_interrupted,
+                                  m_options.record_file, m_tap.recorded()});
+    std::fputs(qPrintable(text), stdout);
+    std::fflush(stdout);
     return ledger.balances() ? ExitBalanced : ExitUnbalanced;
 }
 
 // What can be quoted has to be known before the first quote, so that plugins can subscribe to it.
 // Recordings are therefore read through once before they are played.
-QString Session::takeSymbols()
+Error Session::takeSymbols()
 {
-    QString error;
     QStringList symbols = SyntheticSession::symbols();
     if (!m_options.recordings.isEmpty()) {
         const QFileInfo target(m_options.record_file);
         for (const QString& recording : m_options.recordings) {
             if (target.exists()
                 && target.canonicalFilePath() == QFileInfo(recording).canonicalFilePath()) {
-                return QStringLiteral("%1: cannot be played and recorded to at the same time")
-                    .arg(recording);
+                return Error(QStringLiteral("cannot be played and recorded to at the same time"))
+                    .about(recording);
             }
         }
-        const auto scanned = scanSymbols(m_options.recordings, error);
-        symbols = scanned.value_or(QStringList());
+        if (const Error error = scanSymbols(m_options.recordings, symbols))
+            return error;
     }
     symbols.sort(); // the same whichever was quoted first
-    m_settings.insert(lxclient::setting::Symbols, symbols);
-    return error;
+    m_settings.insert(setting::Symbols, symbols);
+    return {};
 }
 
 // A group is filed under the base ID of each window in it, so that each of them reaches the others.
-QString Session::linkPlugins()
+Error Session::linkPlugins()
 {
     const QStringList known = m_host.ids();
     for (auto link = m_options.links.constBegin(); link != m_options.links.constEnd(); ++link) {
@@ -158,8 +126,8 @@ QString Session::linkPlugins()
             if (known.contains(id)) {
                 group.append(id);
             } else if (!m_options.links_by_default) {
-                return QStringLiteral("--link: there is no plugin %1; there are %2")
-                    .arg(id, known.join(QLatin1String(", ")));
+                return Error(QStringLiteral("--link: there is no plugin %1; there are %2")
+                                 .arg(id, known.join(QLatin1String(", "))));
             }
         }
         for (const QString& sender : qAsConst(group)) {
@@ -168,7 +136,7 @@ QString Session::linkPlugins()
                                          1);
         }
     }
-    return QString();
+    return {};
 }
 
 QVariantMap Session::settingsFor(const QString& id) const
@@ -180,7 +148,7 @@ QVariantMap Session::settingsFor(const QString& id) const
             linked = group;
     }
     linked.removeAll(id);
-    settings.insert(lxclient::setting::Linked, linked);
+    settings.insert(setting::Linked, linked);
     return settings;
 }
 
@@ -193,7 +161,7 @@ QVector<NamedReport> Session::reports() const
 
 void Session::tick()
 {
-    showProgress();
+    m_progress->show(m_tap);
     if (m_state == State::Playing && m_host.inputsEnded()) {
         m_state = State::Settling;
         m_standstill.start();
@@ -215,33 +183,14 @@ void Session::settle()
         return;
     m_played_ns = m_played.nsecsElapsed();
     if (!settled) {
-        clearProgress();
-        print(stderr,
-              QStringLiteral("lxclient: the ledger has not changed for %1 s and does not "
-                             "balance; giving up waiting.\n")
-                  .arg(SettleLimitMs / 1000));
+        m_progress->clear();
+        std::fprintf(
+            stderr,
+            "lxclient: the ledger has not changed for %d s and does not balance; giving up "
+            "waiting.\n",
+            SettleLimitMs / 1000);
     }
     m_state = State::Ended;
     m_timer.stop();
     emit ended();
-}
-
-void Session::showProgress()
-{
-    if (!m_show_progress || m_progress_age.elapsed() < ProgressMs)
-        return;
-    m_progress_age.restart();
-    const Tap::Progress progress = m_tap.progress();
-    print(stderr,
-          QStringLiteral("\r\033[K%1 quotes, %2 UTC, %3 s")
-              .arg(grouped(static_cast<qint64>(progress.quotes)),
-                   QDateTime::fromMSecsSinceEpoch(progress.time_ms, Qt::UTC)
-                       .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss")))
-              .arg(m_played.elapsed() / 1000));
-}
-
-void Session::clearProgress()
-{
-    if (m_show_progress)
-        print(stderr, QStringLiteral("\r\033[K"));
 }

@@ -5,11 +5,14 @@
 #include "Ledger.h"
 #include "Options.h"
 #include "PluginHost.h"
+#include "ProgressLine.h"
 #include "Tap.h"
 
 #include <QElapsedTimer>
 #include <QObject>
 #include <QTimer>
+
+#include <optional>
 
 // On the main thread, inside its event loop.
 //
@@ -28,13 +31,13 @@ public:
     explicit Session(const Options& options);
     ~Session() override;
 
-    // Starts everything. Nothing, or what is wrong; then the session is over.
-    QString start();
+    // Starts everything. After an error the session is over.
+    lxclient::Error start();
 
     // Ends it early. Any number of times.
     void interrupt();
 
-    // After `ended`: shuts the plugins down and says how it went.
+    // After `ended`: shuts the plugins down and prints how it went.
     ExitCode finish();
 
 signals:
@@ -43,17 +46,15 @@ signals:
 private:
     enum class State { Playing, Settling, Ended };
 
-    QString takeSymbols();
-    QString linkPlugins();
+    lxclient::Error takeSymbols();
+    lxclient::Error linkPlugins();
     QVariantMap settingsFor(const QString& id) const;
     QVector<NamedReport> reports() const;
     void tick();
     void settle();
-    void showProgress();
-    void clearProgress();
 
     const Options m_options;
-    QVariantMap m_settings; // the same for every plugin
+    QVariantMap m_settings; // the host's own, the same for every plugin
     QMap<RelationColor_t, QStringList> m_links;
     Tap m_tap; // outlives the plugins, which put to its queues
     PluginHost m_host;
@@ -62,11 +63,10 @@ private:
     bool m_interrupted = false;
     Ledger m_last_ledger;
     QTimer m_timer;
-    QElapsedTimer m_played;       // since the inputs were started
-    QElapsedTimer m_standstill;   // since a count changed
-    QElapsedTimer m_progress_age; // since the progress line was written
+    QElapsedTimer m_played;     // since the inputs were started
+    QElapsedTimer m_standstill; // since a count changed
     qint64 m_played_ns = 0;
-    const bool m_show_progress;
+    std::optional<ProgressLine> m_progress; // while it plays and settles
 };
 
 #endif

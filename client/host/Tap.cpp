@@ -1,10 +1,14 @@
 #include "Tap.h"
 
+#include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
 
 #include <chrono>
 
+using lxclient::Error;
 using lxclient::Quote;
+namespace account = lxclient::account;
+namespace counted = lxclient::counted;
 
 Tap::Tap() = default;
 
@@ -13,10 +17,10 @@ Tap::~Tap()
     stop();
 }
 
-QString Tap::recordTo(const QString& fileName)
+Error Tap::recordTo(const QString& fileName)
 {
     m_recording = std::make_unique<RecordingWriter>();
-    return m_recording->open(fileName) ? QString() : m_recording->errorString();
+    return m_recording->open(fileName);
 }
 
 void Tap::start(const QStringList& symbols)
@@ -45,11 +49,10 @@ lxclient::Report Tap::report() const
     const QMutexLocker locker(&m_mutex);
     m_audit.post(report);
     report.messages = m_acknowledged + m_executed;
-    const QString orders = QStringLiteral("orders");
-    report.postings.append({orders, QStringLiteral("acknowledged"), m_acknowledged});
-    report.postings.append({orders, QStringLiteral("executed"), m_executed});
-    if (!m_recording_error.isEmpty())
-        report.faults.append(m_recording_error);
+    report.post(account::Orders, counted::Acknowledged, m_acknowledged);
+    report.post(account::Orders, counted::Executed, m_executed);
+    if (m_recording_error)
+        report.faults.append(m_recording_error.words());
     return report;
 }
 
@@ -76,9 +79,10 @@ void Tap::listen()
             unflushed = true;
             continue;
         }
-        if (m_recording && unflushed && !m_recording->flush()) {
+        if (m_recording && unflushed) {
+            const Error error = m_recording->flush();
             const QMutexLocker locker(&m_mutex);
-            m_recording_error = m_recording->errorString();
+            m_recording_error = error;
         }
         unflushed = false;
         if (last)
@@ -112,11 +116,10 @@ void Tap::hear(CMessageCommon& msg)
     if (payload.userType() != qMetaTypeId<Quote>())
         return;
     const auto quote = payload.value<Quote>();
-    const bool written = m_recording && m_recording->write(quote);
+    const Error error = m_recording ? m_recording->write(quote) : Error();
     const QMutexLocker locker(&m_mutex);
     m_audit.count(quote);
     m_time_ms = quote.time_ms;
-    m_recorded += written ? 1 : 0;
-    if (m_recording && !written)
-        m_recording_error = m_recording->errorString();
+    m_recorded += m_recording && !error ? 1 : 0;
+    m_recording_error = error;
 }

@@ -24,8 +24,8 @@ public:
     ~Tap();
     Q_DISABLE_COPY(Tap)
 
-    // Records the quotes to this file. Nothing, or what is wrong. Called before start.
-    QString recordTo(const QString& fileName);
+    // Records the quotes to this file. Called before start.
+    lxclient::Error recordTo(const QString& fileName);
 
     // Registers the queues and begins to drain them. Called before quotes, of these symbols, flow.
     void start(const QStringList& symbols);
@@ -65,7 +65,7 @@ private:
     quint64 m_executed = 0;
     quint64 m_recorded = 0;
     qint64 m_time_ms = 0;
-    QString m_recording_error;
+    lxclient::Error m_recording_error;
 };
 
 #endif

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 using lxclient::Decimal;
+using lxclient::Error;
 using lxclient::Quote;
 
 namespace {
@@ -42,36 +43,27 @@ const char* flawOf(const QString& symbol)
 
 } // namespace
 
-std::optional<Quote> quotetext::parseRow(const QByteArray& row, QString& reason)
+Error quotetext::parseRow(const QByteArray& row, Quote& quote)
 {
     const QList<QByteArray> fields = row.split(',');
-    if (fields.size() != 4) {
-        reason = QStringLiteral("4 fields expected, %1 found").arg(fields.size());
-        return {};
-    }
-    Quote quote;
+    if (fields.size() != 4)
+        return Error(QStringLiteral("4 fields expected, %1 found").arg(fields.size()));
     const auto time = parseTime(fields[0].trimmed());
     if (!time) {
-        reason = QStringLiteral("timestamp %1 is not of the form 2020-01-31T17:00:00.065Z")
-                     .arg(shown(fields[0]));
-        return {};
+        return Error(QStringLiteral("timestamp %1 is not of the form 2020-01-31T17:00:00.065Z")
+                         .arg(shown(fields[0])));
     }
-    quote.time_ms = *time;
-    quote.symbol = QString::fromUtf8(fields[1].trimmed());
-    if (const char* flaw = flawOf(quote.symbol)) {
-        reason = QStringLiteral("symbol %1 %2").arg(shown(fields[1]), QLatin1String(flaw));
-        return {};
+    const QString symbol = QString::fromUtf8(fields[1].trimmed());
+    if (const char* flaw = flawOf(symbol))
+        return Error(QStringLiteral("symbol %1 %2").arg(shown(fields[1]), QLatin1String(flaw)));
+    const auto bid = parseDecimal(fields[2].trimmed());
+    const auto ask = parseDecimal(fields[3].trimmed());
+    if (!bid || !ask) {
+        return Error(QStringLiteral("%1 %2 is not a price such as 1.121200")
+                         .arg(QLatin1String(bid ? "ask" : "bid"), shown(fields[bid ? 3 : 2])));
     }
-    for (int side : {2, 3}) {
-        const auto price = parseDecimal(fields[side].trimmed());
-        if (!price) {
-            reason = QStringLiteral("%1 %2 is not a price such as 1.121200")
-                         .arg(QLatin1String(side == 2 ? "bid" : "ask"), shown(fields[side]));
-            return {};
-        }
-        (side == 2 ? quote.bid : quote.ask) = *price;
-    }
-    return quote;
+    quote = {symbol, 0, *time, *bid, *ask};
+    return {};
 }
 
 QByteArray quotetext::formatRow(const Quote& quote)

@@ -2,31 +2,39 @@
 
 #include "QuoteText.h"
 
-bool RecordingWriter::open(const QString& fileName)
+using lxclient::Error;
+
+Error RecordingWriter::open(const QString& fileName)
 {
     m_file.setFileName(fileName);
-    return m_file.open(QIODevice::WriteOnly | QIODevice::Truncate) && put(quotetext::Header + '\n')
-        && flush();
+    if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+        fail();
+    if (const Error error = put(quotetext::Header + '\n'))
+        return error;
+    return flush();
 }
 
-bool RecordingWriter::write(const lxclient::Quote& quote)
+Error RecordingWriter::write(const lxclient::Quote& quote)
 {
     return put(quotetext::formatRow(quote));
 }
 
-bool RecordingWriter::flush()
+Error RecordingWriter::flush()
 {
-    m_failed = m_failed || !m_file.flush();
-    return !m_failed;
+    if (!m_error && !m_file.flush())
+        fail();
+    return m_error;
 }
 
-QString RecordingWriter::errorString() const
+Error RecordingWriter::put(const QByteArray& bytes)
 {
-    return QStringLiteral("%1: cannot be written: %2").arg(m_file.fileName(), m_file.errorString());
+    if (!m_error && m_file.write(bytes) != bytes.size())
+        fail();
+    return m_error;
 }
 
-bool RecordingWriter::put(const QByteArray& bytes)
+void RecordingWriter::fail()
 {
-    m_failed = m_failed || m_file.write(bytes) != bytes.size();
-    return !m_failed;
+    m_error = Error(QStringLiteral("cannot be written: %1").arg(m_file.errorString()))
+                  .about(m_file.fileName());
 }

@@ -2,6 +2,7 @@
 #ifndef LXCLIENT_RECORDINGWRITER_H
 #define LXCLIENT_RECORDINGWRITER_H
 
+#include <lxclient/Error.h>
 #include <lxclient/Protocol.h>
 
 #include <QFile>
@@ -11,21 +12,20 @@
 class RecordingWriter
 {
 public:
-    // Replaces the file. False: it cannot be written, see errorString.
-    bool open(const QString& fileName);
+    // Replaces the file.
+    lxclient::Error open(const QString& fileName);
 
-    // False: something could not be written, now or before; later quotes are not written then, so
-    // that the recording has no gaps.
-    bool write(const lxclient::Quote& quote);
-    bool flush();
-
-    QString errorString() const;
+    // After an error, here or before, later quotes are not written either, and the same error comes
+    // again: the recording has no gaps.
+    lxclient::Error write(const lxclient::Quote& quote);
+    lxclient::Error flush();
 
 private:
-    bool put(const QByteArray& bytes);
+    lxclient::Error put(const QByteArray& bytes);
+    void fail();
 
     QFile m_file;
-    bool m_failed = false;
+    lxclient::Error m_error; // the first one
 };
 
 #endif

@@ -106,7 +106,7 @@ int main(int argc, char* argv[])
     // The group is filed under the base ID, the part before the "#", and holds full IDs.
     for (const char* member : {"Board#1", "Board#2"}) {
         first.setRelation(QStringLiteral("Board"), QLatin1String(member), SymbolSelected,
-                          RELATION_RED, OperAdd);
+                          RELATION_RED, IMessageInterface::OperAdd);
     }
 
     first.select(QStringLiteral("EUR/USD"));

@@ -1,27 +1,19 @@
 #include "RangePlugin.h"
 
-#include <lxclient/Protocol.h>
+RangePlugin::RangePlugin()
+    : PluginBase(QuotationThread) // what it receives
+{ }
 
-bool RangePlugin::initialise(const QString& id, const QVariantMap& settings, QString&)
+lxclient::Error RangePlugin::onInitialise(const QVariantMap& settings)
 {
-    m_id = id;
-    const QStringList symbols = settings.value(lxclient::setting::Symbols).toStringList();
-    m_audit.expect(symbols);
-    Reg(m_id, this, QuotationThread); // the handler may run from here on
-    for (const QString& symbol : symbols)
-        Sub(m_id, lxclient::quoteType(settings, symbol), 1);
-    return true;
-}
-
-void RangePlugin::shutDown()
-{
-    UnReg(m_id);
+    m_audit.expect(settings.value(lxclient::setting::Symbols).toStringList());
+    subscribeQuotes(settings);
+    return {};
 }
 
 // On the quotation worker.
-void RangePlugin::RecvQuotationMsg(QString, QVariant, QVariant data)
+void RangePlugin::onQuote(const lxclient::Quote& quote)
 {
-    const auto quote = data.value<lxclient::Quote>();
     const double bid = quote.bid.toDouble();
 
     const QMutexLocker locker(&m_mutex);
@@ -44,8 +36,8 @@ lxclient::Report RangePlugin::report() const
     const QMutexLocker locker(&m_mutex);
     m_audit.post(report);
     for (auto range = m_ranges.constBegin(); range != m_ranges.constEnd(); ++range) {
-        report.cells.append({range.key(), QStringLiteral("Low"), range->low.toString()});
-        report.cells.append({range.key(), QStringLiteral("High"), range->high.toString()});
+        report.show(range.key(), QStringLiteral("Low"), range->low.toString());
+        report.show(range.key(), QStringLiteral("High"), range->high.toString());
     }
     return report;
 }

@@ -2,26 +2,21 @@
 #ifndef RANGEPLUGIN_H
 #define RANGEPLUGIN_H
 
-#include <lxbase/MessageInterface.h>
-#include <lxclient/Plugin.h>
+#include <lxclient/PluginBase.h>
 #include <lxclient/QuoteAudit.h>
 
 #include <QMap>
 #include <QMutex>
 
-class RangePlugin : public IMessageInterface, public lxclient::Plugin
+class RangePlugin : public lxclient::PluginBase
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "range.json")
     Q_INTERFACES(lxclient::Plugin)
 public:
-    bool initialise(const QString& id, const QVariantMap& settings, QString& reason) override;
-    void shutDown() override;
-    lxclient::Report report() const override;
+    RangePlugin();
 
-    void RecvMsg(QString, QVariant, QVariant) override { }
-    void RecvEvent(QString, QVariant, QVariant) override { }
-    void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) override;
+    lxclient::Report report() const override;
 
 private:
     struct Range
@@ -30,7 +25,8 @@ private:
         lxclient::Decimal high;
     };
 
-    QString m_id; // constant after initialise
+    lxclient::Error onInitialise(const QVariantMap& settings) override;
+    void onQuote(const lxclient::Quote& quote) override;
 
     mutable QMutex m_mutex;
     // guarded by m_mutex: written on the quotation worker, read by report on the main thread

@@ -22,8 +22,8 @@ void TestRangePlugin::reportsTheHighestAndTheLowestBid()
     const QString symbol = QStringLiteral("EUR/USD");
     const QVariantMap settings{{lxclient::setting::Symbols, QStringList{symbol}}};
     RangePlugin plugin;
-    QString reason;
-    QVERIFY2(plugin.initialise(QStringLiteral("range"), settings, reason), qPrintable(reason));
+    const lxclient::Error error = plugin.initialise(QStringLiteral("range"), settings);
+    QVERIFY2(!error, qPrintable(error.words()));
 
     quint64 sequence = 0;
     for (const qint64 bid : {11000, 10990, 11020}) {

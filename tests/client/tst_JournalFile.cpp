@@ -50,7 +50,7 @@ private slots:
                 QVERIFY(QSqlQuery(db).exec(statement));
             db.close();
             const QByteArray before = contentOf(file);
-            const QString error = JournalFile().open(file);
+            const QString error = JournalFile().open(file).words();
             QVERIFY2(error.startsWith(file + ": ") && error.contains(reason), qPrintable(error));
             QCOMPARE(contentOf(file), before);
         }
@@ -61,11 +61,11 @@ private slots:
         const QTemporaryDir dir;
         for (int session = 0; session < 2; ++session) {
             JournalFile journal;
-            QCOMPARE(journal.open(dir.filePath("trades.db")), QString());
-            QCOMPARE(journal.write(batchOf({1, 2})), QString());
-            QVERIFY(journal.write(batchOf({3, 2})).contains("trades.db: ")); // 2 is there
+            QCOMPARE(journal.open(dir.filePath("trades.db")).words(), QString());
+            QCOMPARE(journal.write(batchOf({1, 2})).words(), QString());
+            QVERIFY(journal.write(batchOf({3, 2})).words().contains("trades.db: ")); // 2 is there
             QCOMPARE(journal.countExecutions(), quint64(2));
-            QCOMPARE(journal.write(batchOf({3})), QString());
+            QCOMPARE(journal.write(batchOf({3})).words(), QString());
             QCOMPARE(journal.countExecutions(), quint64(3));
         }
     }

@@ -1,6 +1,7 @@
 // Reading, merging and making up quotes.
-#include <QuoteSource.h>
 #include <QuoteText.h>
+#include <Recordings.h>
+#include <SyntheticSession.h>
 
 #include <QBuffer>
 #include <QTemporaryDir>
@@ -99,19 +100,20 @@ private slots:
                                       "2020-01-01T00:00:01.000Z,B,1,1\n"
                                       "2020-01-01T00:00:03.000Z,B,2,2\n"
                                       "2020-01-01T00:00:05.000Z,B,3,3\n")};
-        QString error;
-        const auto merger = QuoteMerger::open(files, {}, error);
-        QVERIFY2(merger, qPrintable(error));
+        QuoteMerger merger({});
+        QCOMPARE(merger.open(files).words(), QString());
         QStringList order;
         qint64 start = 0;
-        while (const auto timed = merger->next()) {
+        while (const auto timed = merger.next()) {
             start = start ? start : timed->due_ms;
             order << QString("%1 %2 %3 s")
                          .arg(timed->quote.symbol, timed->quote.bid.toString())
                          .arg((timed->due_ms - start) / 1000);
         }
         QCOMPARE(order.join(", "), QString("A 1 0 s, B 1 0 s, B 2 2 s, A 2 3 s, A 3 3 s, B 3 4 s"));
-        QCOMPARE(scanSymbols(files, error).value(), QStringList({"A", "B"}));
+        QStringList symbols;
+        QCOMPARE(scanSymbols(files, symbols).words(), QString());
+        QCOMPARE(symbols, QStringList({"A", "B"}));
     }
 
     void aSyntheticSessionRepeatsWithItsSeed()

@@ -146,6 +146,9 @@ private slots:
             {1, {"--speed", "0"}, "--speed 0"},
             {1, {"--boards", "0"}, "--boards 0"},
             {1, {"--link", "red:a", "--link", "blue:a"}, "--link blue:a"},
+            {2, {"--set", "a=9"}, "--set a: no plugin has this setting; there are orders.max-open"},
+            {2, {"--set", "orders.max-open=0"}, "--set orders.max-open=0: a whole number from 1"},
+            {2, {"--set", "linked=board#1"}, "--set linked: is set by the client itself"},
             {2, {"--quotes", "/nowhere.csv"}, "/nowhere.csv: cannot be read"},
             {2, {"--quotes", LXCLIENT}, LXCLIENT ": is no recording"},
             {2, {"--plugins", "/nowhere"}, "/nowhere: "},
@@ -242,6 +245,11 @@ private slots:
         QCOMPARE(said.join(", "),
                  QString("stranger#1 initialised, stranger#2 initialised, stranger#2 shut down, "
                          "stranger#1 shut down, , stranger#1 destroyed, stranger#2 destroyed"));
+        const Outcome listed = run({"--plugins", folder.path(), "--settings"});
+        VERIFY_CODE(listed, 0);
+        QVERIFY(
+            listed.out.contains(QRegularExpression("\nstranger +strangers +int +from 1 +1  H")));
+        QCOMPARE(listed.err, QString()); // nothing ran
         const Outcome faulty = runBriefly(
             {"--plugins", folder.path(), "--set", "strangers=1", "--set", "fault=stranger#1"});
         VERIFY_CODE(faulty, 3);

@@ -1,7 +1,7 @@
 // Feeds the reader of recordings with whatever the fuzzer thinks of. It must not crash, must get to
 // the end, and keep what is required below.
-#include <QuoteSource.h>
 #include <QuoteText.h>
+#include <Recordings.h>
 
 #include <QBuffer>
 
@@ -22,10 +22,10 @@ bool readsBack(const lxclient::Quote& quote)
     const auto isSame = [](const lxclient::Decimal& a, const lxclient::Decimal& b) {
         return a.units == b.units && a.decimals == b.decimals;
     };
-    QString reason;
-    const auto again = quotetext::parseRow(quotetext::formatRow(quote).trimmed(), reason);
-    return again && again->time_ms == quote.time_ms && again->symbol == quote.symbol
-        && isSame(again->bid, quote.bid) && isSame(again->ask, quote.ask);
+    lxclient::Quote again;
+    return !quotetext::parseRow(quotetext::formatRow(quote).trimmed(), again)
+        && again.time_ms == quote.time_ms && again.symbol == quote.symbol
+        && isSame(again.bid, quote.bid) && isSame(again.ask, quote.ask);
 }
 
 } // namespace

@@ -1,5 +1,6 @@
 #include "BoardPlugin.h"
 
+#include <lxclient/Accounts.h>
 #include <lxevent/EventMessageCommon.h>
 
 #include <QDateTime>
@@ -7,34 +8,23 @@
 #include <utility>
 
 using lxclient::Quote;
+namespace account = lxclient::account;
+namespace counted = lxclient::counted;
+namespace setting = lxclient::setting;
 
-namespace {
+BoardPlugin::BoardPlugin()
+    : PluginBase(MessageThread | QuotationThread | EventThread)
+{ }
 
-QString selectionsOf(const QString& id)
+lxclient::Error BoardPlugin::onInitialise(const QVariantMap& settings)
 {
-    return QStringLiteral("selections of ") + id;
-}
-
-} // namespace
-
-bool BoardPlugin::initialise(const QString& id, const QVariantMap& settings, QString&)
-{
-    m_id = id;
-    m_linked = settings.value(lxclient::setting::Linked).toStringList();
-    const QStringList symbols = settings.value(lxclient::setting::Symbols).toStringList();
+    m_linked = settings.value(setting::Linked).toStringList();
+    const QStringList symbols = settings.value(setting::Symbols).toStringList();
     m_selected = symbols.value(0);
     m_audit.expect(symbols);
-
-    Reg(m_id, this, MessageThread | QuotationThread | EventThread);
-    SubEvent(m_id, lxclient::PositionType, 1);
-    for (const QString& symbol : symbols)
-        Sub(m_id, lxclient::quoteType(settings, symbol), 1);
-    return true;
-}
-
-void BoardPlugin::shutDown()
-{
-    UnReg(m_id);
+    subscribeQuotes(settings);
+    subscribeEvent(lxclient::PositionType);
+    return {};
 }
 
 lxclient::Report BoardPlugin::report() const
@@ -43,29 +33,27 @@ lxclient::Report BoardPlugin::report() const
     const QMutexLocker locker(&m_mutex);
     m_audit.post(report);
     for (const Quote& quote : m_quotes) {
-        report.cells.append({quote.symbol, QStringLiteral("Time"),
-                             QDateTime::fromMSecsSinceEpoch(quote.time_ms, Qt::UTC)
-                                 .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"))});
-        report.cells.append({quote.symbol, QStringLiteral("Bid"), quote.bid.toString()});
-        report.cells.append({quote.symbol, QStringLiteral("Ask"), quote.ask.toString()});
-        report.cells.append({quote.symbol, QStringLiteral("Quotes"),
-                             lxclient::grouped(static_cast<qint64>(quote.sequence))});
-        report.cells.append({quote.symbol, QStringLiteral("Position"),
-                             lxclient::grouped(m_positions.value(quote.symbol))});
+        const QString time = QDateTime::fromMSecsSinceEpoch(quote.time_ms, Qt::UTC)
+                                 .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
+        report.show(quote.symbol, QStringLiteral("Time"), time);
+        report.show(quote.symbol, QStringLiteral("Bid"), quote.bid.toString());
+        report.show(quote.symbol, QStringLiteral("Ask"), quote.ask.toString());
+        report.show(quote.symbol, QStringLiteral("Quotes"),
+                    lxclient::grouped(static_cast<qint64>(quote.sequence)));
+        report.show(quote.symbol, lxclient::column::Position,
+                    lxclient::grouped(m_positions.value(quote.symbol)));
     }
 
     for (auto it = m_signals.constBegin(); it != m_signals.constEnd(); ++it) {
         report.messages += it.value();
-        report.postings.append({QStringLiteral("signals of ") + it.key(), QString(), it.value()});
+        report.post(account::signalsOf(it.key()), it.value());
     }
     report.events = m_position_events;
-    report.postings.append({QStringLiteral("position events"), QString(), m_position_events});
+    report.post(account::PositionEvents, m_position_events);
     if (!m_linked.isEmpty())
-        report.postings.append({selectionsOf(m_id), QStringLiteral("put"), m_selections_put});
-    for (const QString& sender : m_linked) {
-        report.postings.append(
-            {selectionsOf(sender), QString(), m_selections_received.value(sender)});
-    }
+        report.post(account::selectionsOf(id()), counted::Put, m_selections_put);
+    for (const QString& sender : m_linked)
+        report.post(account::selectionsOf(sender), m_selections_received.value(sender));
     for (auto it = m_selections_received.begin(); it != m_selections_received.end(); ++it) {
         report.events += it.value();
         if (!m_linked.contains(it.key()))
@@ -78,31 +66,30 @@ lxclient::Report BoardPlugin::report() const
     return report;
 }
 
-void BoardPlugin::RecvMsg(QString srcId, QVariant type, QVariant data)
+void BoardPlugin::onMessage(const QString& sender, int type, const QVariant& payload)
 {
-    if (type.toInt() != lxclient::SignalType)
+    if (type != lxclient::SignalType)
         return;
-    select(data.value<lxclient::Signal>().symbol);
+    select(payload.value<lxclient::Signal>().symbol);
     const QMutexLocker locker(&m_mutex);
-    ++m_signals[srcId];
+    ++m_signals[sender];
 }
 
-void BoardPlugin::RecvEvent(QString srcId, QVariant type, QVariant data)
+void BoardPlugin::onEvent(const QString& sender, int type, const QVariant& payload)
 {
     const QMutexLocker locker(&m_mutex);
-    if (type.toInt() == lxclient::PositionType) {
-        const auto position = data.value<lxclient::Position>();
+    if (type == lxclient::PositionType) {
+        const auto position = payload.value<lxclient::Position>();
         m_positions[position.symbol] = position.quantity;
         ++m_position_events;
-    } else if (type.toInt() == lxclient::SelectionType) {
-        m_selected = data.value<lxclient::Selection>().symbol;
-        ++m_selections_received[srcId];
+    } else if (type == lxclient::SelectionType) {
+        m_selected = payload.value<lxclient::Selection>().symbol;
+        ++m_selections_received[sender];
     }
 }
 
-void BoardPlugin::RecvQuotationMsg(QString, QVariant, QVariant data)
+void BoardPlugin::onQuote(const Quote& quote)
 {
-    const auto quote = data.value<Quote>();
     const QMutexLocker locker(&m_mutex);
     m_quotes[quote.symbol] = quote;
     m_audit.count(quote);
@@ -116,7 +103,7 @@ void BoardPlugin::select(const QString& symbol)
             return;
         ++m_selections_put;
     }
-    PutEvent(m_id,
-             new CEventMessageCommon(m_id, QString(), lxclient::SelectionType,
+    PutEvent(id(),
+             new CEventMessageCommon(id(), QString(), lxclient::SelectionType,
                                      QVariant::fromValue(lxclient::Selection{symbol})));
 }

@@ -4,38 +4,33 @@
 #ifndef LXCLIENT_BOARDPLUGIN_H
 #define LXCLIENT_BOARDPLUGIN_H
 
-#include <lxbase/MessageInterface.h>
-#include <lxclient/Plugin.h>
+#include <lxclient/PluginBase.h>
 #include <lxclient/QuoteAudit.h>
 
 #include <QMap>
 #include <QMutex>
 
-// Setting of its own: "boards", int, how many there are.
-//
 // A signal of the strategy selects its symbol; the board then tells the linked boards. A selection
 // that a linked board has made is taken over and not told again, or it would go round for ever.
-class BoardPlugin : public IMessageInterface, public lxclient::Plugin
+class BoardPlugin : public lxclient::PluginBase
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "board.json")
     Q_INTERFACES(lxclient::Plugin)
 public:
-    Q_INVOKABLE BoardPlugin() = default; // invokable: the host makes one for each window
+    Q_INVOKABLE BoardPlugin(); // invokable: the host makes one for each window
 
-    bool initialise(const QString& id, const QVariantMap& settings, QString& reason) override;
-    void shutDown() override;
     lxclient::Report report() const override;
 
-    void RecvMsg(QString srcId, QVariant type, QVariant data) override;
-    void RecvEvent(QString srcId, QVariant type, QVariant data) override;
-    void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) override;
-
 private:
+    lxclient::Error onInitialise(const QVariantMap& settings) override;
+    void onMessage(const QString& sender, int type, const QVariant& payload) override;
+    void onEvent(const QString& sender, int type, const QVariant& payload) override;
+    void onQuote(const lxclient::Quote& quote) override;
+
     void select(const QString& symbol);
 
     // constant after initialise
-    QString m_id;
     QStringList m_linked;
 
     mutable QMutex m_mutex;

@@ -5,6 +5,10 @@
 #include <QSqlQuery>
 #include <QUuid>
 
+#include <utility>
+
+using lxclient::Error;
+
 namespace {
 
 const char* const schema[] = {
@@ -22,26 +26,25 @@ QString utc(const QDateTime& time)
     return time.toUTC().toString(Qt::ISODateWithMs);
 }
 
-// The database's own words; the framework adds what it was doing.
-QString text(const QSqlError& error)
+// In the database's own words; the framework's say what it was doing as well.
+Error errorOf(const QSqlError& error)
 {
-    return error.databaseText().isEmpty() ? error.text() : error.databaseText();
+    return Error(error.databaseText().isEmpty() ? error.text() : error.databaseText());
 }
 
-QString run(QSqlQuery& query)
+Error run(QSqlQuery& query)
 {
-    return query.exec() ? QString() : text(query.lastError());
+    return query.exec() ? Error() : errorOf(query.lastError());
 }
 
-// One number that the database answers; -1 and `error` set if it does not.
-int number(const QSqlDatabase& database, const QString& question, QString& error)
+// Asks for one number.
+Error ask(const QSqlDatabase& database, const QString& question, int& answer)
 {
     QSqlQuery query(database);
-    if (!query.exec(question) || !query.next()) {
-        error = text(query.lastError());
-        return -1;
-    }
-    return query.value(0).toInt();
+    if (!query.exec(question) || !query.next())
+        return errorOf(query.lastError());
+    answer = query.value(0).toInt();
+    return {};
 }
 
 } // namespace
@@ -58,37 +61,25 @@ JournalFile::~JournalFile()
     QSqlDatabase::removeDatabase(connection);
 }
 
-QString JournalFile::open(const QString& fileName)
+Error JournalFile::open(const QString& fileName)
 {
     m_file_name = fileName;
-    if (!m_database.isValid())
-        return named(QStringLiteral("the SQLite driver of the framework's SQL module is missing"));
+    if (!m_database.isValid()) {
+        return Error(QStringLiteral("the SQLite driver of the framework's SQL module is missing"))
+            .about(fileName);
+    }
     m_database.setDatabaseName(fileName);
     if (!m_database.open())
-        return named(text(m_database.lastError()));
-    if (!m_database.transaction())
-        return named(text(m_database.lastError()));
-    QString error = prepareSchema();
-    if (error.isEmpty()) {
-        QSqlQuery query(m_database);
-        query.prepare(QStringLiteral("INSERT INTO sessions (started) VALUES (?)"));
-        query.addBindValue(utc(QDateTime::currentDateTimeUtc()));
-        error = run(query);
-        m_session = query.lastInsertId().toLongLong();
-    }
-    if (error.isEmpty() && m_database.commit())
-        return QString();
-    return rollback(error);
+        return errorOf(m_database.lastError()).about(fileName);
+    return transact([this] {
+        const Error error = prepareSchema();
+        return error ? error : beginSession();
+    });
 }
 
-QString JournalFile::write(const JournalBatch& batch)
+Error JournalFile::write(const JournalBatch& batch)
 {
-    if (!m_database.transaction())
-        return named(text(m_database.lastError()));
-    const QString error = insert(batch);
-    if (error.isEmpty() && m_database.commit())
-        return QString();
-    return rollback(error);
+    return transact([&] { return insert(batch); });
 }
 
 quint64 JournalFile::countExecutions()
@@ -101,37 +92,53 @@ quint64 JournalFile::countExecutions()
 
 // In the transaction of open: a process that dies meanwhile leaves an empty file, not half a
 // schema.
-QString JournalFile::prepareSchema()
+Error JournalFile::prepareSchema()
 {
-    QString error;
-    const int mark = number(m_database, QStringLiteral("PRAGMA application_id"), error);
-    const int version = number(m_database, QStringLiteral("PRAGMA user_version"), error);
-    const int tables =
-        number(m_database, QStringLiteral("SELECT count(*) FROM sqlite_master"), error);
-    if (!error.isEmpty())
-        return QStringLiteral("is no journal (%1)").arg(error);
+    int mark = 0;
+    int version = 0;
+    int tables = 0;
+    const std::pair<const char*, int*> questions[] = {
+        {"PRAGMA application_id", &mark},
+        {"PRAGMA user_version", &version},
+        {"SELECT count(*) FROM sqlite_master", &tables},
+    };
+    for (const auto& [question, answer] : questions) {
+        if (const Error error = ask(m_database, QLatin1String(question), *answer))
+            return Error(QStringLiteral("is no journal (%1)").arg(error.words()));
+    }
     if (mark == ApplicationId && version == SchemaVersion)
-        return QString();
+        return {};
     if (mark == ApplicationId) {
-        return QStringLiteral("is a journal of version %1, this program writes version %2")
-            .arg(version)
-            .arg(SchemaVersion);
+        return Error(QStringLiteral("is a journal of version %1, this program writes version %2")
+                         .arg(version)
+                         .arg(SchemaVersion));
     }
     if (mark != 0 || version != 0 || tables != 0)
-        return QStringLiteral("is no journal, but another program's database");
+        return Error(QStringLiteral("is no journal, but another program's database"));
 
     QSqlQuery query(m_database);
     for (const char* statement : schema) {
         if (!query.exec(QLatin1String(statement)))
-            return text(query.lastError());
+            return errorOf(query.lastError());
     }
     if (!query.exec(QStringLiteral("PRAGMA application_id = %1").arg(ApplicationId))
         || !query.exec(QStringLiteral("PRAGMA user_version = %1").arg(SchemaVersion)))
-        return text(query.lastError());
-    return QString();
+        return errorOf(query.lastError());
+    return {};
 }
 
-QString JournalFile::insert(const JournalBatch& batch)
+Error JournalFile::beginSession()
+{
+    QSqlQuery query(m_database);
+    query.prepare(QStringLiteral("INSERT INTO sessions (started) VALUES (?)"));
+    query.addBindValue(utc(QDateTime::currentDateTimeUtc()));
+    if (const Error error = run(query))
+        return error;
+    m_session = query.lastInsertId().toLongLong();
+    return {};
+}
+
+Error JournalFile::insert(const JournalBatch& batch)
 {
     QSqlQuery execution(m_database);
     execution.prepare(QStringLiteral("INSERT INTO executions (session, trace_id, order_id, symbol,"
@@ -144,8 +151,7 @@ QString JournalFile::insert(const JournalBatch& batch)
         execution.addBindValue(e.order.quantity);
         execution.addBindValue(e.price.toString());
         execution.addBindValue(utc(QDateTime::fromMSecsSinceEpoch(e.time_ms, Qt::UTC)));
-        const QString error = run(execution);
-        if (!error.isEmpty())
+        if (const Error error = run(execution))
             return error;
     }
     QSqlQuery position(m_database);
@@ -156,22 +162,21 @@ QString JournalFile::insert(const JournalBatch& batch)
         position.addBindValue(p.symbol);
         position.addBindValue(p.quantity);
         position.addBindValue(p.trace_id);
-        const QString error = run(position);
-        if (!error.isEmpty())
+        if (const Error error = run(position))
             return error;
     }
-    return QString();
+    return {};
 }
 
-// The error of the commit if `error` is empty.
-QString JournalFile::rollback(const QString& error)
+// Does the work in one transaction: all of it stays, or nothing.
+Error JournalFile::transact(const std::function<Error()>& work)
 {
-    const QString why = error.isEmpty() ? text(m_database.lastError()) : error;
-    m_database.rollback();
-    return named(why);
-}
-
-QString JournalFile::named(const QString& error) const
-{
-    return QStringLiteral("%1: %2").arg(m_file_name, error);
+    if (!m_database.transaction())
+        return errorOf(m_database.lastError()).about(m_file_name);
+    Error error = work();
+    if (!error && !m_database.commit())
+        error = errorOf(m_database.lastError());
+    if (error)
+        m_database.rollback();
+    return error.about(m_file_name);
 }

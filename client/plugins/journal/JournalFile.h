@@ -2,11 +2,14 @@
 #ifndef LXCLIENT_JOURNALFILE_H
 #define LXCLIENT_JOURNALFILE_H
 
+#include <lxclient/Error.h>
 #include <lxclient/Protocol.h>
 
 #include <QSqlDatabase>
 #include <QString>
 #include <QVector>
+
+#include <functional>
 
 // What is written in one transaction: all of it or, if the process dies meanwhile, nothing.
 struct JournalBatch
@@ -31,21 +34,21 @@ public:
     ~JournalFile();
     Q_DISABLE_COPY(JournalFile)
 
-    // Opens the file, makes it if it does not exist or is empty, and begins a session. Nothing, or
-    // what is wrong, with the name of the file.
-    QString open(const QString& fileName);
+    // Opens the file, makes it if it does not exist or is empty, and begins a session. Errors here
+    // and below name the file.
+    lxclient::Error open(const QString& fileName);
 
-    // Writes the batch, whole or not at all. Nothing, or what is wrong, with the name of the file.
-    QString write(const JournalBatch& batch);
+    // Writes the batch, whole or not at all.
+    lxclient::Error write(const JournalBatch& batch);
 
     // The executions of this session, counted in the file.
     quint64 countExecutions();
 
 private:
-    QString prepareSchema();
-    QString insert(const JournalBatch& batch);
-    QString rollback(const QString& error);
-    QString named(const QString& error) const;
+    lxclient::Error beginSession();
+    lxclient::Error prepareSchema();
+    lxclient::Error insert(const JournalBatch& batch);
+    lxclient::Error transact(const std::function<lxclient::Error()>& work);
 
     QSqlDatabase m_database;
     QString m_file_name;

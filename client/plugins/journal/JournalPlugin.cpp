@@ -1,41 +1,47 @@
 #include "JournalPlugin.h"
 
+#include <lxclient/Accounts.h>
+
 #include <chrono>
 #include <future>
 #include <utility>
 
+using lxclient::Error;
+namespace account = lxclient::account;
+namespace counted = lxclient::counted;
+
+JournalPlugin::JournalPlugin()
+    : PluginBase(MessageThread | EventThread)
+{ }
+
 JournalPlugin::~JournalPlugin() = default;
 
 // The writer opens the file and says how that went.
-bool JournalPlugin::initialise(const QString& id, const QVariantMap& settings, QString& reason)
+Error JournalPlugin::onInitialise(const QVariantMap& settings)
 {
-    m_id = id;
-    m_file_name = settings.value(QStringLiteral("journal")).toString();
+    m_file_name = settings.value(lxclient::setting::Journal).toString();
     if (!m_file_name.isEmpty()) {
-        std::promise<QString> opened;
+        std::promise<Error> opened;
         m_writer = std::thread([this, &opened] {
             JournalFile file;
-            const QString error = file.open(m_file_name);
+            const Error error = file.open(m_file_name);
             opened.set_value(error);
-            if (error.isEmpty())
+            if (!error)
                 write(file);
         });
-        reason = opened.get_future().get();
-        if (!reason.isEmpty()) {
+        if (const Error error = opened.get_future().get()) {
             m_writer.join();
-            return false;
+            return error;
         }
     }
-    Reg(m_id, this, MessageThread | EventThread);
-    Sub(m_id, lxclient::ExecutionType, 1);
-    SubEvent(m_id, lxclient::PositionType, 1);
-    return true;
+    subscribe(lxclient::ExecutionType);
+    subscribeEvent(lxclient::PositionType);
+    return {};
 }
 
-// No handler runs any more once UnReg has returned; then the writer writes what waits, and ends.
-void JournalPlugin::shutDown()
+// No handler runs any more: the writer writes what waits, and ends.
+void JournalPlugin::onShutDown()
 {
-    UnReg(m_id);
     if (!m_writer.joinable())
         return;
     {
@@ -52,40 +58,40 @@ lxclient::Report JournalPlugin::report() const
     const std::lock_guard<std::mutex> locker(m_mutex);
     report.messages = m_executions;
     report.events = m_position_events;
-    report.postings.append({QStringLiteral("orders"), QStringLiteral("executed"), m_executions});
-    report.postings.append({QStringLiteral("position events"), QString(), m_position_events});
+    report.post(account::Orders, counted::Executed, m_executions);
+    report.post(account::PositionEvents, m_position_events);
     if (m_file_name.isEmpty()) {
         report.remarks.append(QStringLiteral("no file"));
     } else {
-        report.postings.append({QStringLiteral("orders"), QStringLiteral("rows"), m_rows});
+        report.post(account::Orders, counted::Rows, m_rows);
         report.remarks.append(QStringLiteral("rows: %1").arg(m_rows));
-        if (!m_error.isEmpty())
-            report.faults.append(m_error);
+        if (m_error)
+            report.faults.append(m_error.words());
     }
     return report;
 }
 
-void JournalPlugin::RecvMsg(QString, QVariant type, QVariant data)
+void JournalPlugin::onMessage(const QString&, int type, const QVariant& payload)
 {
-    if (type.toInt() != lxclient::ExecutionType)
+    if (type != lxclient::ExecutionType)
         return;
     {
         const std::lock_guard<std::mutex> locker(m_mutex);
         if (!m_file_name.isEmpty())
-            m_waiting.executions.append(data.value<lxclient::Execution>());
+            m_waiting.executions.append(payload.value<lxclient::Execution>());
         ++m_executions;
     }
     m_changed.notify_one();
 }
 
-void JournalPlugin::RecvEvent(QString, QVariant type, QVariant data)
+void JournalPlugin::onEvent(const QString&, int type, const QVariant& payload)
 {
-    if (type.toInt() != lxclient::PositionType)
+    if (type != lxclient::PositionType)
         return;
     {
         const std::lock_guard<std::mutex> locker(m_mutex);
         if (!m_file_name.isEmpty())
-            m_waiting.positions.append(data.value<lxclient::Position>());
+            m_waiting.positions.append(payload.value<lxclient::Position>());
         ++m_position_events;
     }
     m_changed.notify_one();
@@ -109,10 +115,10 @@ void JournalPlugin::write(JournalFile& file)
         batch.positions += std::exchange(m_waiting.positions, {});
         if (!batch.isEmpty()) {
             locker.unlock();
-            const QString error = file.write(batch);
+            const Error error = file.write(batch);
             locker.lock();
             m_error = error;
-            failed = !error.isEmpty();
+            failed = bool(error);
             if (!failed) {
                 m_rows += static_cast<quint64>(batch.executions.size());
                 batch = JournalBatch();

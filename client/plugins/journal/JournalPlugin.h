@@ -4,8 +4,7 @@
 
 #include "JournalFile.h"
 
-#include <lxbase/MessageInterface.h>
-#include <lxclient/Plugin.h>
+#include <lxclient/PluginBase.h>
 
 #include <QMutex>
 
@@ -13,33 +12,31 @@
 #include <mutex>
 #include <thread>
 
-// Setting of its own: "journal", the file; empty: nothing is written, only counted.
+// Without a file in the setting "journal" nothing is written, only counted.
 //
 // Threads: a transaction waits for the disk, so handlers do no SQL. They append to the waiting
 // batch, and a writer thread, the only one that touches the file, takes whatever has gathered since
 // its last transaction and writes that in the next one.
-class JournalPlugin : public IMessageInterface, public lxclient::Plugin
+class JournalPlugin : public lxclient::PluginBase
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "journal.json")
     Q_INTERFACES(lxclient::Plugin)
 public:
+    JournalPlugin();
     ~JournalPlugin() override;
 
-    bool initialise(const QString& id, const QVariantMap& settings, QString& reason) override;
-    void shutDown() override;
     lxclient::Report report() const override;
 
-    void RecvMsg(QString srcId, QVariant type, QVariant data) override;
-    void RecvEvent(QString srcId, QVariant type, QVariant data) override;
-    void RecvQuotationMsg(QString, QVariant, QVariant) override { }
-
 private:
+    lxclient::Error onInitialise(const QVariantMap& settings) override;
+    void onShutDown() override;
+    void onMessage(const QString& sender, int type, const QVariant& payload) override;
+    void onEvent(const QString& sender, int type, const QVariant& payload) override;
+
     void write(JournalFile& file);
 
-    // constant after initialise
-    QString m_id;
-    QString m_file_name;
+    QString m_file_name; // constant after initialise
 
     std::thread m_writer;
     mutable std::mutex m_mutex;
@@ -50,7 +47,8 @@ private:
     quint64 m_executions = 0;
     quint64 m_position_events = 0;
     quint64 m_rows = 0;
-    QString m_error; // why the last transaction failed; its batch is tried again with the next one
+    lxclient::Error
+        m_error; // why the last transaction failed; its batch is tried again with the next one
 };
 
 #endif

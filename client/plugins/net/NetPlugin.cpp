@@ -1,16 +1,23 @@
 #include "NetPlugin.h"
 
+#include <Recordings.h>
+#include <SyntheticSession.h>
+
 #include <lxbase/MessageCommonManage.h>
-#include <lxclient/QuoteAudit.h>
+#include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
 
 #include <QLoggingCategory>
 
 #include <utility>
 
+using lxclient::Error;
 using lxclient::Execution;
 using lxclient::Order;
 using lxclient::Quote;
+namespace account = lxclient::account;
+namespace counted = lxclient::counted;
+namespace setting = lxclient::setting;
 
 namespace {
 
@@ -18,41 +25,41 @@ Q_LOGGING_CATEGORY(lcNet, "lxclient.net")
 
 } // namespace
 
+NetPlugin::NetPlugin()
+    : PluginBase(MessageThread)
+{ }
+
 NetPlugin::~NetPlugin() = default;
 
-bool NetPlugin::initialise(const QString& id, const QVariantMap& settings, QString& reason)
+Error NetPlugin::onInitialise(const QVariantMap& settings)
 {
-    m_id = id;
-    m_speed = settings.value(QStringLiteral("speed")).toDouble();
-    const QStringList files = settings.value(QStringLiteral("quotes")).toStringList();
+    m_speed = settings.value(setting::Speed).toDouble();
+    const QStringList files = settings.value(setting::Quotes).toStringList();
     if (files.isEmpty()) {
-        m_source = std::make_unique<SyntheticSession>(
-            settings.value(QStringLiteral("synthetic.seed")).toULongLong(),
-            settings.value(QStringLiteral("synthetic.quotes")).toInt());
+        m_source =
+            std::make_unique<SyntheticSession>(settings.value(setting::SyntheticSeed).toULongLong(),
+                                               settings.value(setting::SyntheticQuotes).toInt());
     } else {
-        const auto onBadRow = [this](const QString& where, const QString& why) {
-            reportBadRow(where, why);
-        };
-        m_source = QuoteMerger::open(files, onBadRow, reason);
-        if (!m_source)
-            return false;
+        auto recordings = std::make_unique<QuoteMerger>(
+            [this](const QString& where, const QString& why) { reportBadRow(where, why); });
+        if (const Error error = recordings->open(files))
+            return error;
+        m_source = std::move(recordings);
     }
-    const QStringList symbols = settings.value(lxclient::setting::Symbols).toStringList();
+    const QStringList symbols = settings.value(setting::Symbols).toStringList();
     for (const QString& symbol : symbols) {
         m_line_of_symbol.insert(symbol, m_lines.size());
         m_lines.append({symbol, lxclient::quoteType(settings, symbol)});
     }
     borrowRecords();
-    Reg(m_id, this, MessageThread);
-    return true;
+    return {};
 }
 
-void NetPlugin::shutDown()
+void NetPlugin::onShutDown()
 {
     stop();
     if (m_player.joinable())
         m_player.join();
-    UnReg(m_id);
     returnRecords();
 }
 
@@ -61,17 +68,14 @@ lxclient::Report NetPlugin::report() const
     lxclient::Report report;
     const QMutexLocker locker(&m_mutex);
     for (const Line& line : m_lines)
-        report.postings.append({lxclient::QuoteAudit::account(line.symbol), QString(), line.put});
+        report.post(account::quotesOf(line.symbol), line.put);
     report.messages = m_orders;
-    report.postings.append({QStringLiteral("orders"), QStringLiteral("received"), m_orders});
-    report.postings.append(
-        {QStringLiteral("orders"), QStringLiteral("acknowledged"), m_acknowledged});
-    report.postings.append({QStringLiteral("orders"), QStringLiteral("executed"), m_executed});
+    report.post(account::Orders, counted::Received, m_orders);
+    report.post(account::Orders, counted::Acknowledged, m_acknowledged);
+    report.post(account::Orders, counted::Executed, m_executed);
     if (m_shut_down) { // before that, some are out
-        report.postings.append(
-            {QStringLiteral("pool records"), QStringLiteral("borrowed"), m_borrowed});
-        report.postings.append(
-            {QStringLiteral("pool records"), QStringLiteral("returned"), m_returned});
+        report.post(account::PoolRecords, counted::Borrowed, m_borrowed);
+        report.post(account::PoolRecords, counted::Returned, m_returned);
     }
     report.remarks.append(
         QStringLiteral("pool records: %1 borrowed, %2 returned").arg(m_borrowed).arg(m_returned));
@@ -96,10 +100,10 @@ void NetPlugin::stop()
 }
 
 // The exchange: an order comes in because it was put with the send-to-net flag.
-void NetPlugin::RecvMsg(QString srcId, QVariant type, QVariant data)
+void NetPlugin::onMessage(const QString& sender, int type, const QVariant& payload)
 {
-    if (type.toInt() == lxclient::OrderType)
-        fill(srcId, data.value<Order>());
+    if (type == lxclient::OrderType)
+        fill(sender, payload.value<Order>());
     const QMutexLocker locker(&m_mutex);
     ++m_orders;
 }
@@ -146,7 +150,7 @@ void NetPlugin::putQuote(Quote quote)
         line.last->SetMsg(QVariant::fromValue(quote));
         type = line.type;
     }
-    PutQuotationMsg(m_id, new CMessageCommon(m_id, QString(), type, QVariant::fromValue(quote)));
+    PutQuotationMsg(id(), new CMessageCommon(id(), QString(), type, QVariant::fromValue(quote)));
 }
 
 // The acknowledgement goes to who put the order, the execution to everybody who subscribed.
@@ -171,16 +175,16 @@ void NetPlugin::fill(const QString& customer, const Order& order)
         ++m_acknowledged;
         ++m_executed;
     }
-    auto* const acknowledgement = new CMessageCommon(m_id, customer, lxclient::AcknowledgementType,
+    auto* const acknowledgement = new CMessageCommon(id(), customer, lxclient::AcknowledgementType,
                                                      QVariant::fromValue(order));
     acknowledgement->setTraceId(order.trace_id);
-    PutNetMsg(m_id, acknowledgement);
+    PutNetMsg(id(), acknowledgement);
 
     const Execution filled{order, order.quantity > 0 ? last.ask : last.bid, last.time_ms};
     auto* const execution =
-        new CMessageCommon(m_id, QString(), lxclient::ExecutionType, QVariant::fromValue(filled));
+        new CMessageCommon(id(), QString(), lxclient::ExecutionType, QVariant::fromValue(filled));
     execution->setTraceId(order.trace_id);
-    PutNetMsg(m_id, execution);
+    PutNetMsg(id(), execution);
 }
 
 void NetPlugin::reportBadRow(const QString& where, const QString& reason)

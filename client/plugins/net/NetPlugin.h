@@ -5,9 +5,7 @@
 
 #include <QuoteSource.h>
 
-#include <lxbase/MessageInterface.h>
-#include <lxclient/Plugin.h>
-#include <lxclient/Protocol.h>
+#include <lxclient/PluginBase.h>
 
 #include <QHash>
 #include <QMutex>
@@ -23,33 +21,25 @@
 
 class CMessageCommon;
 
-// Settings of its own:
-//     "quotes"           QStringList, recordings to play; empty: a synthetic session of
-//     "synthetic.quotes" int, so many quotes, made from
-//     "synthetic.seed"   qulonglong
-//     "speed"            double, times real time; 0: as fast as possible
+// Plays the recordings of the setting "quotes" or, if there are none, a synthetic session; see
+// Protocol.h for these settings.
 //
-// Threads: the player thread puts the quotes; RecvMsg fills orders on the plugin's message worker.
-// They meet at the last quotes.
-class NetPlugin : public IMessageInterface, public lxclient::Plugin, public lxclient::Input
+// Threads: the player thread puts the quotes; onMessage fills orders on the plugin's message
+// worker, each at the last quote of its symbol, which the player has left there under m_mutex.
+class NetPlugin : public lxclient::PluginBase, public lxclient::Input
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "net.json")
     Q_INTERFACES(lxclient::Plugin lxclient::Input)
 public:
+    NetPlugin();
     ~NetPlugin() override;
 
-    bool initialise(const QString& id, const QVariantMap& settings, QString& reason) override;
-    void shutDown() override;
     lxclient::Report report() const override;
 
     void start() override;
     void stop() override;
     bool ended() const override { return m_ended; }
-
-    void RecvMsg(QString srcId, QVariant type, QVariant data) override;
-    void RecvEvent(QString, QVariant, QVariant) override { }
-    void RecvQuotationMsg(QString, QVariant, QVariant) override { }
 
 private:
     // What is played of one symbol.
@@ -60,6 +50,10 @@ private:
         quint64 put = 0;                // guarded by m_mutex
         CMessageCommon* last = nullptr; // borrowed from the pool; its payload is guarded by m_mutex
     };
+
+    lxclient::Error onInitialise(const QVariantMap& settings) override;
+    void onShutDown() override;
+    void onMessage(const QString& sender, int type, const QVariant& payload) override;
 
     void play();
     bool waitUntilDue(qint64 dueMs);
@@ -72,7 +66,6 @@ private:
     void returnRecords();
 
     // constant after initialise
-    QString m_id;
     double m_speed = 0;
     QHash<QString, int> m_line_of_symbol; // index into m_lines
 

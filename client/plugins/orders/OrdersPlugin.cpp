@@ -1,12 +1,17 @@
 #include "OrdersPlugin.h"
 
+#include <lxclient/Accounts.h>
 #include <lxevent/EventMessageCommon.h>
 #include <lxmsg/MessageCommon.h>
 
+using lxclient::Error;
 using lxclient::Execution;
 using lxclient::Order;
 using lxclient::OrderRequest;
 using lxclient::Quote;
+namespace account = lxclient::account;
+namespace counted = lxclient::counted;
+namespace setting = lxclient::setting;
 
 namespace {
 
@@ -25,31 +30,22 @@ QString valueOf(qint64 position, const lxclient::Decimal& price)
 
 } // namespace
 
-bool OrdersPlugin::initialise(const QString& id, const QVariantMap& settings, QString& reason)
-{
-    m_id = id;
-    m_symbols = settings.value(lxclient::setting::Symbols).toStringList();
-    m_max_open = settings.value(QStringLiteral("orders.max-open"), 1000).toInt();
-    if (m_max_open < 1) {
-        reason = QStringLiteral("orders.max-open must be a whole number from 1 on");
-        return false;
-    }
-    m_audit.expect(m_symbols);
-    Reg(m_id, this, MessageThread | QuotationThread);
-    Sub(m_id, lxclient::ExecutionType, 1); // acknowledgements are addressed to us
-    for (const QString& symbol : qAsConst(m_symbols))
-        Sub(m_id, lxclient::quoteType(settings, symbol), 1);
-    return true;
-}
+OrdersPlugin::OrdersPlugin()
+    : PluginBase(MessageThread | QuotationThread)
+{ }
 
-void OrdersPlugin::shutDown()
+Error OrdersPlugin::onInitialise(const QVariantMap& settings)
 {
-    UnReg(m_id);
+    m_symbols = settings.value(setting::Symbols).toStringList();
+    m_max_open = settings.value(QStringLiteral("orders.max-open")).toLongLong();
+    m_audit.expect(m_symbols);
+    subscribeQuotes(settings);
+    subscribe(lxclient::ExecutionType); // acknowledgements are addressed to us
+    return {};
 }
 
 lxclient::Report OrdersPlugin::report() const
 {
-    const QString orders = QStringLiteral("orders");
     lxclient::Report report;
     const QMutexLocker locker(&m_mutex);
     m_audit.post(report);
@@ -57,9 +53,8 @@ lxclient::Report OrdersPlugin::report() const
         const qint64 position = m_positions.value(quote.symbol);
         // what closing it now would bring
         const lxclient::Decimal& price = position > 0 ? quote.bid : quote.ask;
-        report.cells.append(
-            {quote.symbol, QStringLiteral("Position"), lxclient::grouped(position)});
-        report.cells.append({quote.symbol, QStringLiteral("Value"), valueOf(position, price)});
+        report.show(quote.symbol, lxclient::column::Position, lxclient::grouped(position));
+        report.show(quote.symbol, QStringLiteral("Value"), valueOf(position, price));
     }
     report.messages = m_acknowledged + m_executed;
     quint64 refusals = 0;
@@ -67,16 +62,13 @@ lxclient::Report OrdersPlugin::report() const
         const quint64 refused = m_refused.value(it.key());
         report.messages += it.value();
         refusals += refused;
-        report.postings.append(
-            {QStringLiteral("order requests of ") + it.key(), QString(), it.value()});
-        report.postings.append(
-            {QStringLiteral("refusals to ") + it.key(), QStringLiteral("put"), refused});
+        report.post(account::orderRequestsOf(it.key()), it.value());
+        report.post(account::refusalsTo(it.key()), counted::Put, refused);
     }
-    report.postings.append({orders, QStringLiteral("put"), m_sent});
-    report.postings.append({orders, QStringLiteral("acknowledged"), m_acknowledged});
-    report.postings.append({orders, QStringLiteral("executed"), m_executed});
-    report.postings.append(
-        {QStringLiteral("position events"), QStringLiteral("put"), m_position_events});
+    report.post(account::Orders, counted::Put, m_sent);
+    report.post(account::Orders, counted::Acknowledged, m_acknowledged);
+    report.post(account::Orders, counted::Executed, m_executed);
+    report.post(account::PositionEvents, counted::Put, m_position_events);
     report.remarks.append(QStringLiteral("orders: %1, acknowledged: %2, executed: %3, refused: %4")
                               .arg(m_sent)
                               .arg(m_acknowledged)
@@ -86,24 +78,23 @@ lxclient::Report OrdersPlugin::report() const
     return report;
 }
 
-void OrdersPlugin::RecvMsg(QString srcId, QVariant type, QVariant data)
+void OrdersPlugin::onMessage(const QString& sender, int type, const QVariant& payload)
 {
-    switch (type.toInt()) {
+    switch (type) {
     case lxclient::OrderRequestType:
-        recvRequest(srcId, data.value<OrderRequest>());
+        recvRequest(sender, payload.value<OrderRequest>());
         break;
     case lxclient::AcknowledgementType:
-        recvAcknowledgement(data.value<Order>());
+        recvAcknowledgement(payload.value<Order>());
         break;
     case lxclient::ExecutionType:
-        recvExecution(data.value<Execution>());
+        recvExecution(payload.value<Execution>());
         break;
     }
 }
 
-void OrdersPlugin::RecvQuotationMsg(QString, QVariant, QVariant data)
+void OrdersPlugin::onQuote(const Quote& quote)
 {
-    const auto quote = data.value<Quote>();
     const QMutexLocker locker(&m_mutex);
     m_quotes[quote.symbol] = quote;
     m_audit.count(quote);
@@ -112,8 +103,8 @@ void OrdersPlugin::RecvQuotationMsg(QString, QVariant, QVariant data)
 void OrdersPlugin::recvRequest(const QString& customer, OrderRequest request)
 {
     CMessageCommon* answer = nullptr;
-    request.reason = flawOf(request);
-    if (request.reason.isEmpty()) {
+    const Error error = check(request);
+    if (!error) {
         Order order{request.trace_id, 0, request.symbol,
                     request.side == OrderRequest::Buy ? request.quantity : -request.quantity};
         {
@@ -122,18 +113,19 @@ void OrdersPlugin::recvRequest(const QString& customer, OrderRequest request)
             m_open.insert(order.order_id, State::Sent);
         }
         answer =
-            new CMessageCommon(m_id, QString(), lxclient::OrderType, QVariant::fromValue(order));
+            new CMessageCommon(id(), QString(), lxclient::OrderType, QVariant::fromValue(order));
         answer->SetSendToNetFlag(true);
     } else {
         {
             const QMutexLocker locker(&m_mutex);
             ++m_refused[customer];
         }
-        answer = new CMessageCommon(m_id, customer, lxclient::OrderRefusedType,
+        request.reason = error.words();
+        answer = new CMessageCommon(id(), customer, lxclient::OrderRefusedType,
                                     QVariant::fromValue(request));
     }
     answer->setTraceId(request.trace_id);
-    Put(m_id, answer);
+    Put(id(), answer);
 
     const QMutexLocker locker(&m_mutex);
     ++m_requests[customer];
@@ -165,22 +157,21 @@ void OrdersPlugin::recvExecution(const Execution& execution)
         position.quantity = m_positions[order.symbol] += order.quantity;
         ++m_position_events;
     }
-    PutEvent(m_id,
-             new CEventMessageCommon(m_id, QString(), lxclient::PositionType,
+    PutEvent(id(),
+             new CEventMessageCommon(id(), QString(), lxclient::PositionType,
                                      QVariant::fromValue(position)));
     const QMutexLocker locker(&m_mutex);
     ++m_executed;
 }
 
-// What is wrong with the request; empty if nothing is.
-QString OrdersPlugin::flawOf(const OrderRequest& request) const
+Error OrdersPlugin::check(const OrderRequest& request) const
 {
     if (!m_symbols.contains(request.symbol))
-        return QStringLiteral("unknown symbol %1").arg(request.symbol);
+        return Error(QStringLiteral("unknown symbol %1").arg(request.symbol));
     if (request.quantity <= 0)
-        return QStringLiteral("the quantity %1 is not positive").arg(request.quantity);
+        return Error(QStringLiteral("the quantity %1 is not positive").arg(request.quantity));
     const QMutexLocker locker(&m_mutex);
     if (m_open.size() >= m_max_open)
-        return QStringLiteral("%1 orders are open, the limit").arg(m_open.size());
-    return QString();
+        return Error(QStringLiteral("%1 orders are open, the limit").arg(m_open.size()));
+    return {};
 }

@@ -3,41 +3,40 @@
 #ifndef LXCLIENT_ORDERSPLUGIN_H
 #define LXCLIENT_ORDERSPLUGIN_H
 
-#include <lxbase/MessageInterface.h>
-#include <lxclient/Plugin.h>
+#include <lxclient/PluginBase.h>
 #include <lxclient/QuoteAudit.h>
 
 #include <QHash>
 #include <QMap>
 #include <QMutex>
 
-// Setting of its own, for --set: "orders.max-open", how many orders may be open, 1000.
-class OrdersPlugin : public IMessageInterface, public lxclient::Plugin
+// Threads: requests, acknowledgements and executions come on the message worker, quotes on the
+// quotation worker.
+class OrdersPlugin : public lxclient::PluginBase
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "orders.json")
     Q_INTERFACES(lxclient::Plugin)
 public:
-    bool initialise(const QString& id, const QVariantMap& settings, QString& reason) override;
-    void shutDown() override;
-    lxclient::Report report() const override;
+    OrdersPlugin();
 
-    void RecvMsg(QString srcId, QVariant type, QVariant data) override;
-    void RecvEvent(QString, QVariant, QVariant) override { }
-    void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) override;
+    lxclient::Report report() const override;
 
 private:
     enum class State { Sent, Acknowledged };
 
+    lxclient::Error onInitialise(const QVariantMap& settings) override;
+    void onMessage(const QString& sender, int type, const QVariant& payload) override;
+    void onQuote(const lxclient::Quote& quote) override;
+
     void recvRequest(const QString& customer, lxclient::OrderRequest request);
     void recvAcknowledgement(const lxclient::Order& order);
     void recvExecution(const lxclient::Execution& execution);
-    QString flawOf(const lxclient::OrderRequest& request) const;
+    lxclient::Error check(const lxclient::OrderRequest& request) const;
 
     // constant after initialise
-    QString m_id;
     QStringList m_symbols;
-    int m_max_open = 0;
+    qint64 m_max_open = 0;
 
     mutable QMutex m_mutex;
     // guarded by m_mutex

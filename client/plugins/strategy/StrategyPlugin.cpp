@@ -1,35 +1,31 @@
 #include "StrategyPlugin.h"
 
+#include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
 
 #include <utility>
 
+using lxclient::Error;
 using lxclient::OrderRequest;
 using lxclient::Quote;
+namespace account = lxclient::account;
+namespace counted = lxclient::counted;
+namespace setting = lxclient::setting;
 
-bool StrategyPlugin::initialise(const QString& id, const QVariantMap& settings, QString& reason)
-{
-    m_id = id;
-    m_fast = settings.value(QStringLiteral("strategy.fast"), 100).toInt();
-    m_slow = settings.value(QStringLiteral("strategy.slow"), 500).toInt();
-    m_lot = settings.value(QStringLiteral("strategy.lot"), 10000).toLongLong();
-    if (m_fast < 1 || m_slow <= m_fast || m_lot < 1) {
-        reason =
-            QStringLiteral("strategy.fast, strategy.slow and strategy.lot must be whole numbers "
-                           "from 1 on, and fast less than slow");
-        return false;
-    }
-    const QStringList symbols = settings.value(lxclient::setting::Symbols).toStringList();
-    m_audit.expect(symbols);
-    Reg(m_id, this, MessageThread | QuotationThread);
-    for (const QString& symbol : symbols)
-        Sub(m_id, lxclient::quoteType(settings, symbol), 1);
-    return true;
-}
+StrategyPlugin::StrategyPlugin()
+    : PluginBase(MessageThread | QuotationThread)
+{ }
 
-void StrategyPlugin::shutDown()
+Error StrategyPlugin::onInitialise(const QVariantMap& settings)
 {
-    UnReg(m_id);
+    m_fast = settings.value(QStringLiteral("strategy.fast")).toLongLong();
+    m_slow = settings.value(QStringLiteral("strategy.slow")).toLongLong();
+    m_lot = settings.value(QStringLiteral("strategy.lot")).toLongLong();
+    if (m_slow <= m_fast)
+        return Error(QStringLiteral("strategy.slow must be more than strategy.fast"));
+    m_audit.expect(settings.value(setting::Symbols).toStringList());
+    subscribeQuotes(settings);
+    return {};
 }
 
 lxclient::Report StrategyPlugin::report() const
@@ -38,32 +34,28 @@ lxclient::Report StrategyPlugin::report() const
     const QMutexLocker locker(&m_mutex);
     m_audit.post(report);
     report.messages = m_refusals;
-    const auto post = [&](const QString& account, const QString& what, quint64 count) {
-        report.postings.append({account + m_id, what, count});
-    };
-    post(QStringLiteral("signals of "), QStringLiteral("put"), m_signals);
-    post(QStringLiteral("order requests of "), QStringLiteral("put"), m_requests);
-    post(QStringLiteral("refusals to "), QString(), m_refusals);
+    report.post(account::signalsOf(id()), counted::Put, m_signals);
+    report.post(account::orderRequestsOf(id()), counted::Put, m_requests);
+    report.post(account::refusalsTo(id()), m_refusals);
     report.remarks.append(QStringLiteral("signals: %1").arg(m_signals));
     report.remarks.append(QStringLiteral("order requests: %1").arg(m_requests));
     return report;
 }
 
 // A refused request changes nothing that is held.
-void StrategyPlugin::RecvMsg(QString, QVariant type, QVariant data)
+void StrategyPlugin::onMessage(const QString&, int type, const QVariant& payload)
 {
-    if (type.toInt() != lxclient::OrderRefusedType)
+    if (type != lxclient::OrderRefusedType)
         return;
-    const auto refused = data.value<OrderRequest>();
+    const auto refused = payload.value<OrderRequest>();
     const QMutexLocker locker(&m_mutex);
     m_targets[refused.symbol] -=
         refused.side == OrderRequest::Buy ? refused.quantity : -refused.quantity;
     ++m_refusals;
 }
 
-void StrategyPlugin::RecvQuotationMsg(QString, QVariant, QVariant data)
+void StrategyPlugin::onQuote(const Quote& quote)
 {
-    const auto quote = data.value<Quote>();
     if (const int direction = turn(m_trends[quote.symbol], quote)) {
         signalTurn(quote.symbol, direction > 0);
         qint64 quantity = direction * m_lot;
@@ -99,7 +91,8 @@ int StrategyPlugin::turn(Trend& trend, const Quote& quote) const
     }
     if (trend.mids.size() < slow)
         return 0;
-    const double lead = trend.fast_sum / m_fast - trend.slow_sum / m_slow;
+    const double lead =
+        trend.fast_sum / static_cast<double>(m_fast) - trend.slow_sum / static_cast<double>(m_slow);
     if (qAbs(lead) <= ask - bid)
         return 0;
     const int direction = lead > 0 ? 1 : -1;
@@ -112,8 +105,8 @@ void StrategyPlugin::signalTurn(const QString& symbol, bool rising)
         const QMutexLocker locker(&m_mutex);
         ++m_signals;
     }
-    Put(m_id,
-        new CMessageCommon(m_id, lxclient::FirstBoardId, lxclient::SignalType,
+    Put(id(),
+        new CMessageCommon(id(), lxclient::FirstBoardId, lxclient::SignalType,
                            QVariant::fromValue(lxclient::Signal{symbol, rising})));
 }
 
@@ -127,10 +120,10 @@ void StrategyPlugin::request(const QString& symbol, qint64 quantity)
     {
         const QMutexLocker locker(&m_mutex);
         m_targets[symbol] += quantity;
-        request.trace_id = QStringLiteral("%1-%2").arg(m_id).arg(++m_requests);
+        request.trace_id = QStringLiteral("%1-%2").arg(id()).arg(++m_requests);
     }
-    auto* const msg = new CMessageCommon(m_id, lxclient::OrdersId, lxclient::OrderRequestType,
+    auto* const msg = new CMessageCommon(id(), lxclient::OrdersId, lxclient::OrderRequestType,
                                          QVariant::fromValue(request));
     msg->setTraceId(request.trace_id);
-    Put(m_id, msg);
+    Put(id(), msg);
 }

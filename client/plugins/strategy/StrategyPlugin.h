@@ -4,8 +4,7 @@
 #ifndef LXCLIENT_STRATEGYPLUGIN_H
 #define LXCLIENT_STRATEGYPLUGIN_H
 
-#include <lxbase/MessageInterface.h>
-#include <lxclient/Plugin.h>
+#include <lxclient/PluginBase.h>
 #include <lxclient/QuoteAudit.h>
 
 #include <QHash>
@@ -13,25 +12,17 @@
 
 #include <deque>
 
-// Settings of its own, for --set:
-//     "strategy.fast", "strategy.slow"  quotes in the averages, 100 and 500
-//     "strategy.lot"                    units per position, 10000
-//
 // What it does follows from the sequence of quotes alone, so a session that is played again trades
 // alike.
-class StrategyPlugin : public IMessageInterface, public lxclient::Plugin
+class StrategyPlugin : public lxclient::PluginBase
 {
     Q_OBJECT
     Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "strategy.json")
     Q_INTERFACES(lxclient::Plugin)
 public:
-    bool initialise(const QString& id, const QVariantMap& settings, QString& reason) override;
-    void shutDown() override;
-    lxclient::Report report() const override;
+    StrategyPlugin();
 
-    void RecvMsg(QString srcId, QVariant type, QVariant data) override;
-    void RecvEvent(QString, QVariant, QVariant) override { }
-    void RecvQuotationMsg(QString srcId, QVariant type, QVariant data) override;
+    lxclient::Report report() const override;
 
 private:
     // The averages of one symbol.
@@ -43,14 +34,17 @@ private:
         int direction = 0; // 1 rising, -1 falling, 0 not known yet
     };
 
+    lxclient::Error onInitialise(const QVariantMap& settings) override;
+    void onMessage(const QString& sender, int type, const QVariant& payload) override;
+    void onQuote(const lxclient::Quote& quote) override;
+
     int turn(Trend& trend, const lxclient::Quote& quote) const;
     void signalTurn(const QString& symbol, bool rising);
     void request(const QString& symbol, qint64 quantity);
 
     // constant after initialise
-    QString m_id;
-    int m_fast = 0;
-    int m_slow = 0;
+    qint64 m_fast = 0; // quotes in the averages
+    qint64 m_slow = 0;
     qint64 m_lot = 0;
 
     // the quotation worker's alone

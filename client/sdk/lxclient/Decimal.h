@@ -1,4 +1,5 @@
-// Decimal: a price with as many decimals as it was written with.
+/// \file
+/// Decimal: a price with as many decimals as it was written with.
 #ifndef LXCLIENT_DECIMAL_H
 #define LXCLIENT_DECIMAL_H
 
@@ -6,16 +7,17 @@
 
 namespace lxclient {
 
-// A number of units of 10^-decimals. Prices are kept like this, not as floating point, so that they
-// are shown, recorded and played again exactly as they were quoted: 1.121200 stays 1.121200.
+/// A number of units of 10^-decimals. Prices are kept like this, not as floating point, so that
+/// they are shown, recorded and played again exactly as they were quoted: 1.121200 stays 1.121200.
 struct Decimal
 {
-    static constexpr int MaxDecimals = 9;
-    static constexpr int MaxDigits = 15; // in all; a double still holds such a number exactly
+    static constexpr int MaxDecimals = 9; ///< behind the point
+    static constexpr int MaxDigits = 15;  ///< in all; a double still holds such a number exactly
 
-    qint64 units = 0;
-    int decimals = 0; // 0 to MaxDecimals
+    qint64 units = 0; ///< the digits without the point
+    int decimals = 0; ///< 0 to MaxDecimals
 
+    /// The nearest floating-point number.
     double toDouble() const
     {
         double scale = 1;
@@ -24,7 +26,7 @@ struct Decimal
         return static_cast<double>(units) / scale;
     }
 
-    // As it was written.
+    /// As it was written.
     QString toString() const
     {
         QString digits =

@@ -1,7 +1,9 @@
-// The contract between lxclient and the plugins that it loads.
+/// \file
+/// The contract between lxclient and the plugins that it loads.
 #ifndef LXCLIENT_PLUGIN_H
 #define LXCLIENT_PLUGIN_H
 
+#include <lxclient/Error.h>
 #include <lxclient/Report.h>
 
 #include <QString>
@@ -10,89 +12,107 @@
 
 namespace lxclient {
 
-// A plugin of lxclient is a library with one root object, whose class derives from both
-// IMessageInterface (<lxbase/MessageInterface.h>) and this interface:
-//
-//     class Board : public IMessageInterface, public lxclient::Plugin
-//     {
-//         Q_OBJECT
-//         Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "board.json")
-//         Q_INTERFACES(lxclient::Plugin)
-//
-// Metadata (the JSON file):
-//     "id"         the plugin's ID on the bus, required, without a "#"; no other plugin in the
-//                  folder has it
-//     "instances"  optional, the name of a setting that holds a number N: there are then N objects
-//                  of the class, with the IDs id#1 to id#N. The class needs a constructor without
-//                  arguments that is declared Q_INVOKABLE.
-// A folder needs one plugin at least that is an Input.
-//
-// Life, all on the host's main thread, which runs an event loop:
-//  1. Every library in the plugin folder is loaded and its root object made. Constructors touch
-//     neither the bus nor anything that can fail.
-//  2. initialise, in the order of the IDs. The bus has been started.
-//  3. Plugins that are an Input as well are started when all plugins have been initialised: whoever
-//     subscribes in initialise misses nothing.
-//  4. report, as often as the host likes, also while handlers run.
-//  5. The inputs have ended, by themselves or stopped at an interruption, and the host waits until
-//     the ledger balances and stands still; it gives up when nothing has moved for 30 seconds.
-//  6. shutDown, in the reverse order of 2.
-//  7. report, once more; then the object is destroyed and its library unloaded.
-// Another way to the end: if a library is refused or an initialise fails, those already initialised
-// are shut down in reverse order and the client ends with exit code 2.
-//
-// The host owns the objects. Nothing of a plugin may outlive its shutDown: no thread, no timer, no
-// registration on the bus, no value of a type of its own in somebody else's hands; the library's
-// code goes away soon after. A plugin that is destroyed while it is registered crashes the client.
-//
-// The handlers of IMessageInterface are called on the bus's worker threads, never on the main
-// thread: whatever they share with the operations below needs a lock. Hold it briefly, and never
-// while you put to the bus or wait for a thread.
+/// A plugin of lxclient is a library with one root object, whose class derives from both
+/// IMessageInterface (<lxbase/MessageInterface.h>) and this interface. PluginBase (PluginBase.h)
+/// does so and takes over what is alike in all plugins:
+///
+///     class Board : public lxclient::PluginBase
+///     {
+///         Q_OBJECT
+///         Q_PLUGIN_METADATA(IID LxClientPlugin_iid FILE "board.json")
+///         Q_INTERFACES(lxclient::Plugin)
+///
+/// Metadata (the JSON file), which the host reads and checks before it loads any library:
+///  - "id": the plugin's ID on the bus, required, without a "#"; no other plugin in the folder has
+///    it.
+///  - "instances": optional, the name of an int setting that holds a number N: there are then N
+///    objects of the class, with the IDs id#1 to id#N. The class needs a constructor without
+///    arguments that is declared Q_INVOKABLE.
+///  - "settings": optional, a list of the settings that the user can give with --set NAME=VALUE:
+///
+///        { "name": "orders.max-open", "type": "int", "default": 1000, "min": 1,
+///          "description": "So many orders may be open at once." }
+///
+///    Begin the name with the plugin's ID, for no other plugin in the folder may declare it. "type"
+///    is int, double, string or bool; "min" and "max" are optional, for numbers.
+///
+/// A folder needs one plugin at least that is an Input.
+///
+/// Life, all on the host's main thread, which runs an event loop:
+///  1. Every library in the plugin folder is loaded and its root object made. Constructors touch
+///     neither the bus nor anything that can fail.
+///  2. initialise, in the order of the IDs. The bus has been started.
+///  3. Those that are an Input as well are started, when all have been initialised: whoever
+///     subscribes in initialise misses nothing.
+///  4. report, as often as the host likes, also while handlers run.
+///  5. The inputs have ended, by themselves or stopped at an interruption, and the host waits until
+///     the ledger balances and stands still; it gives up when nothing has moved for 30 seconds.
+///  6. shutDown, in the reverse order of 2.
+///  7. report, once more; then the object is destroyed and its library unloaded.
+///
+/// Another way to the end: if a library is refused or an initialise fails, those already
+/// initialised are shut down in reverse order and the client ends with exit code 2.
+///
+/// The host owns the objects. Nothing of a plugin may outlive its shutDown: no thread, no timer, no
+/// registration on the bus, no value of a type of its own in somebody else's hands; the library's
+/// code goes away soon after. A plugin that is destroyed while it is registered crashes the client.
+///
+/// The handlers of IMessageInterface are called on the bus's worker threads, never on the main
+/// thread: whatever they share with the operations below needs a lock. Hold it briefly, and never
+/// while you put to the bus or wait for a thread.
 class Plugin
 {
 public:
+    /// On the main thread, after shutDown.
     virtual ~Plugin() = default;
 
-    // Registers on the bus under `id`, subscribes, and makes ready. `id` is the ID of the metadata,
-    // with #1, #2, ... for one of several instances; `settings` is described in Protocol.h. False:
-    // it could not be done, `reason` says why in words for the user, and nothing is left behind (no
-    // registration, no thread); shutDown is then not called.
-    virtual bool initialise(const QString& id, const QVariantMap& settings, QString& reason) = 0;
+    /// Registers on the bus under `id`, subscribes, and makes ready. `id` is the ID of the
+    /// metadata, with #1, #2, ... for one of several instances. `settings` has those that the
+    /// metadata declares, each with a value of its type (int: qlonglong) within its range, and the
+    /// host's own (see Protocol.h). If it fails, nothing is left behind (no registration, no
+    /// thread), and shutDown is not called.
+    virtual Error initialise(const QString& id, const QVariantMap& settings) = 0;
 
-    // Ends what initialise began: unregisters first, then releases. Called once if initialise
-    // returned true. Whatever was put before has been handled by then, unless the host gave up
-    // waiting for it.
+    /// Ends what initialise began: unregisters first, then releases. Called once if initialise
+    /// succeeded. Whatever was put before has been handled by then, unless the host gave up waiting
+    /// for it.
     virtual void shutDown() = 0;
 
-    // What the plugin has to say about itself at the moment; quick, and without side effects.
-    // Called from the end of initialise on, after shutDown as well: keep the figures.
+    /// What the plugin has to say about itself at the moment; quick, and without side effects.
+    /// Called from the end of initialise on, after shutDown as well: keep the figures.
     virtual Report report() const = 0;
 };
 
-// A plugin that brings something in by itself (the net plugin brings quotes). In addition:
-//     Q_INTERFACES(lxclient::Plugin lxclient::Input)
-// All called on the main thread.
+/// A plugin that brings something in by itself (the net plugin brings quotes). In addition:
+///
+///     Q_INTERFACES(lxclient::Plugin lxclient::Input)
+///
+/// All called on the main thread.
 class Input
 {
 public:
+    /// On the main thread, after shutDown.
     virtual ~Input() = default;
 
-    // Begins to put, on a thread of its own. Called once.
+    /// Begins to put, on a thread of its own. Called once.
     virtual void start() = 0;
 
-    // Asks it to put nothing more; returns at once. It has followed when ended() says so. May come
-    // several times, and after the end.
+    /// Asks it to put nothing more; returns at once. It has followed when ended() says so. May come
+    /// several times, and after the end.
     virtual void stop() = 0;
 
-    // Whether it will put nothing more, because it is through or was stopped.
+    /// Whether it will put nothing more, because it is through or was stopped.
     virtual bool ended() const = 0;
 };
 
 } // namespace lxclient
 
-// The number grows when a change breaks plugins that were compiled before; the host refuses those.
-#define LxClientPlugin_iid "lxclient.Plugin/1"
+/// \{
+/// The names of the interfaces. The number grows when a change breaks plugins that were compiled
+/// before; the host refuses those.
+#define LxClientPlugin_iid "lxclient.Plugin/2"
 #define LxClientInput_iid "lxclient.Input/1"
+/// \}
 Q_DECLARE_INTERFACE(lxclient::Plugin, LxClientPlugin_iid)
 Q_DECLARE_INTERFACE(lxclient::Input, LxClientInput_iid)
 

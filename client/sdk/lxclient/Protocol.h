@@ -1,5 +1,6 @@
-// What the plugins of lxclient say to one another: message and event types, the payload of each,
-// and the settings that the host hands to every plugin.
+/// \file
+/// What the plugins of lxclient say to one another: message and event types, the payload of each,
+/// and the settings that the host hands to every plugin.
 #ifndef LXCLIENT_PROTOCOL_H
 #define LXCLIENT_PROTOCOL_H
 
@@ -15,64 +16,64 @@ namespace lxclient {
 // ---- payloads --------------------------------------------------------------------------------
 // Travel by value in the payload variant: put QVariant::fromValue(quote), take data.value<Quote>().
 
-// One change of the best bid and ask of a symbol.
+/// One change of the best bid and ask of a symbol.
 struct Quote
 {
-    QString symbol;
-    quint64 sequence = 0; // of this symbol in this session, from 1 on without gaps
-    qint64 time_ms = 0;   // of the quotation, UTC, milliseconds since 1970
-    Decimal bid;
-    Decimal ask;
+    QString symbol;       ///< one of the setting "symbols"
+    quint64 sequence = 0; ///< of this symbol in this session, from 1 on without gaps
+    qint64 time_ms = 0;   ///< of the quotation, UTC, milliseconds since 1970
+    Decimal bid;          ///< at which one can sell
+    Decimal ask;          ///< at which one can buy
 };
 
-// The strategy's wish for an order, or its refusal: then `reason` says why.
+/// The strategy's wish for an order, or its refusal: then `reason` says why.
 struct OrderRequest
 {
-    QString trace_id; // chosen by who asks; goes with everything that follows from the request
-    QString symbol;
-    qint64 quantity = 0; // positive
-    // Which way the position goes.
+    QString trace_id;    ///< chosen by who asks; goes with everything that follows from the request
+    QString symbol;      ///< what to trade
+    qint64 quantity = 0; ///< positive
+    /// Which way the position goes.
     enum Side { Buy, Sell };
-    Side side = Buy;
-    QString reason;
+    Side side = Buy; ///< see there
+    QString reason;  ///< why it was refused, in words for the user
 };
 
-// An order on its way to the exchange; its acknowledgement is the order sent back.
+/// An order on its way to the exchange; its acknowledgement is the order sent back.
 struct Order
 {
-    QString trace_id;
-    quint64 order_id = 0;
-    QString symbol;
-    qint64 quantity = 0; // signed: negative sells
+    QString trace_id;     ///< of the request
+    quint64 order_id = 0; ///< from 1 on in each session
+    QString symbol;       ///< what to trade
+    qint64 quantity = 0;  ///< signed: negative sells
 };
 
-// An order was filled, whole.
+/// An order was filled, whole.
 struct Execution
 {
-    Order order;
-    Decimal price;
-    qint64 time_ms = 0; // of the quote at which it was filled
+    Order order;        ///< the whole order
+    Decimal price;      ///< the ask if it buys, the bid if it sells
+    qint64 time_ms = 0; ///< of the quote at which it was filled
 };
 
-// A trend turned: a chart reader would look at this symbol now.
+/// A trend turned: a chart reader would look at this symbol now.
 struct Signal
 {
-    QString symbol;
-    bool rising = false;
+    QString symbol;      ///< whose trend
+    bool rising = false; ///< the new direction
 };
 
-// What is held of a symbol since an execution changed it.
+/// What is held of a symbol since an execution changed it.
 struct Position
 {
-    QString trace_id; // of the execution
-    QString symbol;
-    qint64 quantity = 0; // signed: negative is short
+    QString trace_id;    ///< of the execution
+    QString symbol;      ///< what is held
+    qint64 quantity = 0; ///< signed: negative is short
 };
 
-// A window shows another symbol.
+/// A window shows another symbol.
 struct Selection
 {
-    QString symbol;
+    QString symbol; ///< the one that it shows now
 };
 
 // ---- types -----------------------------------------------------------------------------------
@@ -80,37 +81,59 @@ struct Selection
 // FirstFreeType on.
 
 // messages
-constexpr int OrderRequestType = 0x41001;    // OrderRequest, directed to the orders plugin
-constexpr int OrderRefusedType = 0x41002;    // OrderRequest, directed back to who asked
-constexpr int OrderType = 0x41003;           // Order, broadcast and sent to the net
-constexpr int AcknowledgementType = 0x41004; // Order, from the net to who put the order
-constexpr int ExecutionType = 0x41005;       // Execution, from the net to all who subscribed
-constexpr int SignalType = 0x41006;          // Signal, directed to the first board
+constexpr int OrderRequestType = 0x41001;    ///< OrderRequest, directed to the orders plugin
+constexpr int OrderRefusedType = 0x41002;    ///< OrderRequest, directed back to who asked
+constexpr int OrderType = 0x41003;           ///< Order, broadcast and sent to the net
+constexpr int AcknowledgementType = 0x41004; ///< Order, from the net to who put the order
+constexpr int ExecutionType = 0x41005;       ///< Execution, from the net to all who subscribed
+constexpr int SignalType = 0x41006;          ///< Signal, directed to the first board
 
 // events
-constexpr int PositionType = 0x42001;  // Position, broadcast
-constexpr int SelectionType = 0x42002; // Selection, broadcast: reaches the linked windows only
+constexpr int PositionType = 0x42001;  ///< Position, broadcast
+constexpr int SelectionType = 0x42002; ///< Selection, broadcast: reaches the linked windows only
 
 // quotations: one type per symbol, in the order of the setting "symbols"
-constexpr int FirstQuoteType = 0x50000;
-constexpr int FirstFreeType = 0x60000;
+constexpr int FirstQuoteType = 0x50000; ///< Quote, of the first symbol; see quoteType
+constexpr int FirstFreeType = 0x60000;  ///< the client's own plugins use none from here on
 
-// IDs of plugins that others address; the net plugin's is in <lxdefine/PluginID.h>.
+/// \{
+/// IDs of plugins that others address; the net plugin's is in <lxdefine/PluginID.h>.
 inline const QString OrdersId = QStringLiteral("orders");
 inline const QString FirstBoardId = QStringLiteral("board#1");
+/// \}
 
 // ---- settings --------------------------------------------------------------------------------
-// Given to every plugin. Settings of one plugin alone are described in its header; those given with
-// --set KEY=VALUE come as strings.
+
+/// Settings that the host sets itself and gives to every plugin; no plugin declares one of these
+/// names, and --set does not take them.
 namespace setting {
 
-inline const QString Symbols = QStringLiteral("symbols"); // QStringList: all that can be quoted
-inline const QString Linked = QStringLiteral("linked");   // QStringList: the instances whose window
-                                                          // has this one's colour, without itself
+/// QStringList: all that can be quoted.
+inline const QString Symbols = QStringLiteral("symbols");
+/// QStringList: the instances whose window has this one's colour, without itself.
+inline const QString Linked = QStringLiteral("linked");
+/// QStringList: the recordings to play; empty: a synthetic session.
+inline const QString Quotes = QStringLiteral("quotes");
+/// double: times real time; 0: as fast as possible.
+inline const QString Speed = QStringLiteral("speed");
+/// int: so many quotes has the synthetic session.
+inline const QString SyntheticQuotes = QStringLiteral("synthetic.quotes");
+/// qulonglong: what the synthetic session is made from.
+inline const QString SyntheticSeed = QStringLiteral("synthetic.seed");
+/// int: how many boards there are.
+inline const QString Boards = QStringLiteral("boards");
+/// QString: the journal's file; empty: none.
+inline const QString Journal = QStringLiteral("journal");
+
+/// All of them.
+inline QStringList ofTheHost()
+{
+    return {Symbols, Linked, Quotes, Speed, SyntheticQuotes, SyntheticSeed, Boards, Journal};
+}
 
 } // namespace setting
 
-// The type of the quotations of `symbol`; -1 if it is not among the symbols.
+/// The type of the quotations of `symbol`; -1 if it is not among the symbols.
 inline int quoteType(const QVariantMap& settings, const QString& symbol)
 {
     const int index = settings.value(setting::Symbols).toStringList().indexOf(symbol);
@@ -129,8 +152,8 @@ Q_DECLARE_METATYPE(lxclient::Selection)
 
 namespace lxclient {
 
-// The host calls this before it loads plugins: the framework keeps the functions of whoever
-// registers a type first, and those of an unloaded library would be gone.
+/// The host calls this before it loads plugins: the framework keeps the functions of whoever
+/// registers a type first, and those of an unloaded library would be gone.
 inline void registerPayloads()
 {
     qRegisterMetaType<Quote>();

@@ -1,7 +1,9 @@
-// QuoteAudit: a subscriber's proof that it received every quote once and in order.
+/// \file
+/// QuoteAudit: a subscriber's proof that it received every quote once and in order.
 #ifndef LXCLIENT_QUOTEAUDIT_H
 #define LXCLIENT_QUOTEAUDIT_H
 
+#include <lxclient/Accounts.h>
 #include <lxclient/Protocol.h>
 #include <lxclient/Report.h>
 
@@ -9,23 +11,20 @@
 
 namespace lxclient {
 
-// For whoever receives the quotes of a symbol from the first one on. No lock of its own: guard it
-// with that of the plugin, since the handler counts while the host's thread asks for the report.
+/// For whoever receives the quotes of a symbol from the first one on. No lock of its own: guard it
+/// with that of the plugin, since the handler counts while the host's thread asks for the report.
 class QuoteAudit
 {
 public:
-    // The account of a symbol's quotes.
-    static QString account(const QString& symbol) { return QStringLiteral("quotes ") + symbol; }
-
-    // These are to come: they are posted even if none does, so that a loss of all shows. In
-    // initialise, with the setting "symbols" or those of them that the plugin subscribes to.
+    /// These are to come: they are posted even if none does, so that a loss of all shows. While the
+    /// plugin is initialised, with the symbols that it subscribes to.
     void expect(const QStringList& symbols)
     {
         for (const QString& symbol : symbols)
             m_counts.insert(symbol, 0);
     }
 
-    // Last in the handler, see Report.h.
+    /// Last in the handler, see Report.h.
     void count(const Quote& quote)
     {
         const quint64 expected = ++m_counts[quote.symbol];
@@ -38,15 +37,15 @@ public:
         }
     }
 
-    // All quotes so far.
+    /// All quotes so far.
     quint64 total() const { return m_total; }
 
-    // Adds the counts, and the first fault, to a report.
+    /// Adds the counts, and the first fault, to a report.
     void post(Report& report) const
     {
         report.quotations = m_total;
         for (auto count = m_counts.constBegin(); count != m_counts.constEnd(); ++count)
-            report.postings.append({account(count.key()), QString(), count.value()});
+            report.post(account::quotesOf(count.key()), count.value());
         if (!m_fault.isEmpty())
             report.faults.append(m_fault);
     }

@@ -1,11 +1,8 @@
-// EndTable: what lxclient prints at the end of a session.
-#ifndef LXCLIENT_ENDTABLE_H
-#define LXCLIENT_ENDTABLE_H
+// TextTable: rows and columns of text, lined up.
+#ifndef LXCLIENT_TEXTTABLE_H
+#define LXCLIENT_TEXTTABLE_H
 
-#include "Ledger.h"
-#include "PluginHost.h"
-
-#include <QString>
+#include <QStringList>
 #include <QVector>
 
 // Lines up columns: the first and those marked left-aligned to the left, all others to the right.
@@ -24,8 +21,5 @@ private:
     QVector<QStringList> m_rows; // the header first
     QVector<int> m_left{0};
 };
-
-// The tables of symbols and plugins, then the ledger and its verdict.
-QString endTable(const QVector<NamedReport>& reports, const Ledger& ledger);
 
 #endif

@@ -1,9 +1,8 @@
-#include "EndTable.h"
+#include "Summary.h"
+
+#include "TextTable.h"
 
 #include <QMap>
-
-#include <algorithm>
-#include <utility>
 
 using lxclient::grouped;
 
@@ -92,44 +91,36 @@ QString ledgerTable(const Ledger& ledger)
     return text;
 }
 
+QString speed(const QVector<NamedReport>& reports, const SessionFigures& figures)
+{
+    quint64 deliveries = 0;
+    for (const NamedReport& named : reports)
+        deliveries += named.report.messages + named.report.quotations + named.report.events;
+    const double seconds = static_cast<double>(figures.played_ns) / 1e9;
+    const auto perSecond = [&](quint64 count) {
+        return grouped(seconds > 0 ? qRound64(static_cast<double>(count) / seconds) : 0);
+    };
+    return QStringLiteral("%1 quotes in %2 s%3: %4 quotes/s, %5 deliveries/s.\n")
+        .arg(grouped64(figures.quotes))
+        .arg(seconds, 0, 'f', 2)
+        .arg(QLatin1String(figures.interrupted ? ", interrupted" : ""))
+        .arg(perSecond(figures.quotes), perSecond(deliveries));
+}
+
 } // namespace
 
-TextTable::TextTable(QStringList header)
-    : m_rows{std::move(header)}
-{ }
-
-void TextTable::addRow(const QStringList& cells)
-{
-    m_rows.append(cells);
-}
-
-QString TextTable::toString() const
-{
-    QVector<int> widths(m_rows.first().size());
-    for (const QStringList& row : m_rows) {
-        for (int i = 0; i < row.size(); ++i)
-            widths[i] = std::max(widths[i], row[i].size());
-    }
-    QString text;
-    for (const QStringList& row : m_rows) {
-        QString line;
-        for (int i = 0; i < row.size(); ++i) {
-            line += i > 0 ? QLatin1String("  ") : QLatin1String();
-            line += m_left.contains(i) ? row[i].leftJustified(widths[i])
-                                       : row[i].rightJustified(widths[i]);
-        }
-        while (line.endsWith(QLatin1Char(' ')))
-            line.chop(1);
-        text += line + QLatin1Char('\n');
-    }
-    return text;
-}
-
-QString endTable(const QVector<NamedReport>& reports, const Ledger& ledger)
+QString summary(const QVector<NamedReport>& reports, const Ledger& ledger,
+                const SessionFigures& figures)
 {
     const QString verdict = ledger.balances()
-        ? QStringLiteral("The ledger balances: everything was delivered exactly once, in order.")
-        : QStringLiteral("THE LEDGER DOES NOT BALANCE.");
-    return symbolTable(reports) + QLatin1Char('\n') + pluginTable(reports) + QLatin1Char('\n')
-        + ledgerTable(ledger) + QLatin1Char('\n') + verdict + QLatin1Char('\n');
+        ? QStringLiteral("The ledger balances: everything was delivered exactly once, in order.\n")
+        : QStringLiteral("THE LEDGER DOES NOT BALANCE.\n");
+    QString text = symbolTable(reports) + QLatin1Char('\n') + pluginTable(reports)
+        + QLatin1Char('\n') + ledgerTable(ledger) + QLatin1Char('\n') + verdict
+        + speed(reports, figures);
+    if (!figures.record_file.isEmpty()) {
+        text += QStringLiteral("%1 quotes recorded in %2.\n")
+                    .arg(grouped64(figures.recorded), figures.record_file);
+    }
+    return text;
 }

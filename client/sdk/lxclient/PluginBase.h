@@ -1,0 +1,143 @@
+/// \file
+/// PluginBase: what is alike in all plugins of lxclient.
+#ifndef LXCLIENT_PLUGINBASE_H
+#define LXCLIENT_PLUGINBASE_H
+
+#include <lxclient/Plugin.h>
+#include <lxclient/Protocol.h>
+
+#include <lxbase/MessageInterface.h>
+
+#include <utility>
+
+namespace lxclient {
+
+/// Holds the plugin's ID, registers and unregisters, and hands what the bus delivers to the hooks
+/// below. A plugin says in its constructor what it wants to receive, overrides the hooks that it
+/// needs, and report():
+///
+///     class Board : public lxclient::PluginBase
+///     {
+///     public:
+///         Board() : PluginBase(QuotationThread) { }
+///         lxclient::Report report() const override;
+///
+///     private:
+///         lxclient::Error onInitialise(const QVariantMap& settings) override;
+///         void onQuote(const lxclient::Quote& quote) override;
+///
+/// onInitialise and onShutDown run on the main thread; the others each on a worker thread of the
+/// bus: calls of one never overlap, calls of different ones may. None runs before onInitialise has
+/// returned or after onShutDown has begun.
+///
+/// A plugin that is destroyed without shutDown, a mistake of whoever owns it, has handlers that run
+/// in an object half gone. It says so in the log and unregisters.
+class PluginBase : public IMessageInterface, public Plugin
+{
+public:
+    /// `kinds` is what the plugin receives, combined with |.
+    explicit PluginBase(ThreadType kinds)
+        : m_kinds(kinds)
+    { }
+
+    /// On the main thread, after shutDown.
+    ~PluginBase() override
+    {
+        if (m_registered) {
+            qCritical("lxclient: plugin %s is destroyed without having been shut down",
+                      qPrintable(m_id));
+            UnReg(m_id);
+        }
+    }
+
+    Q_DISABLE_COPY(PluginBase)
+
+    /// Calls onInitialise, then registers.
+    Error initialise(const QString& id, const QVariantMap& settings) final
+    {
+        m_id = id;
+        if (const Error error = onInitialise(settings)) {
+            UnReg(m_id); // its subscriptions
+            return error;
+        }
+        Reg(m_id, this, m_kinds);
+        m_registered = true;
+        return {};
+    }
+
+    /// Unregisters, then calls onShutDown.
+    void shutDown() final
+    {
+        UnReg(m_id);
+        m_registered = false;
+        onShutDown();
+    }
+
+protected:
+    /// Makes ready and subscribes. If it fails, it leaves nothing behind but subscriptions, which
+    /// are ended for it; onShutDown is then not called.
+    virtual Error onInitialise(const QVariantMap& settings) = 0;
+
+    /// Releases what onInitialise took.
+    virtual void onShutDown() { }
+
+    /// A message of `type` from the plugin `sender`. Needs MessageThread.
+    virtual void onMessage(const QString& /*sender*/, int /*type*/, const QVariant& /*payload*/) { }
+
+    /// An event of `type` from the plugin `sender`. Needs EventThread.
+    virtual void onEvent(const QString& /*sender*/, int /*type*/, const QVariant& /*payload*/) { }
+
+    /// A quote. Needs QuotationThread. A quotation with another payload does not come here.
+    virtual void onQuote(const Quote& /*quote*/) { }
+
+    /// The ID on the bus, from onInitialise on.
+    const QString& id() const { return m_id; }
+
+    /// \{
+    /// Subscribes to a type of message or quotation, or of event, until shutDown.
+    void subscribe(int type) { Sub(m_id, type, OperAdd); }
+    void subscribeEvent(int type) { SubEvent(m_id, type, OperAdd); }
+    /// \}
+
+    /// \{
+    /// Subscribes to the quotes of these symbols, or of all, until shutDown. What is not in the
+    /// setting "symbols" is passed over.
+    void subscribeQuotes(const QVariantMap& settings, const QStringList& symbols)
+    {
+        for (const QString& symbol : symbols) {
+            const int type = quoteType(settings, symbol);
+            if (type >= 0)
+                subscribe(type);
+        }
+    }
+    void subscribeQuotes(const QVariantMap& settings)
+    {
+        subscribeQuotes(settings, settings.value(setting::Symbols).toStringList());
+    }
+    /// \}
+
+private:
+    void RecvMsg(QString srcId, QVariant type, QVariant data) final
+    {
+        onMessage(srcId, type.toInt(), data);
+    }
+
+    void RecvEvent(QString srcId, QVariant type, QVariant data) final
+    {
+        onEvent(srcId, type.toInt(), data);
+    }
+
+    void RecvQuotationMsg(QString, QVariant, QVariant data) final
+    {
+        if (data.userType() == qMetaTypeId<Quote>())
+            onQuote(data.value<Quote>());
+    }
+
+    const ThreadType m_kinds;
+    QString m_id; // constant after initialise
+    bool m_registered = false;
+};
+
+} // namespace lxclient
+
+#endif
