@@ -121,36 +121,7 @@ const ChildScenario registeredByAHandler("registeredByAHandler", [] {
     return 0;
 });
 
-// A handler goes on putting until it is told that the path is gone: the center waits for it.
-std::atomic<bool> turnedAway{false};
 QtMessageHandler nextHandler = nullptr;
-
-const ChildScenario putUntilTurnedAway("putUntilTurnedAway", [] {
-    isChild = true;
-    nextHandler = qInstallMessageHandler(
-        [](QtMsgType level, const QMessageLogContext& context, const QString& text) {
-            nextHandler(level, context, text);
-            if (text.startsWith(QStringLiteral("net recv list is NULL")))
-                turnedAway = true;
-        });
-    QLoggingCategory::setFilterRules("lxbase.debug=false");
-    center().Start();
-    plugins[0] = new Plugin("stays", M);
-    static Latch entered;
-    plugins[0]->onCall([](const Call&) {
-        ++handlersRunning;
-        entered.signal();
-        while (!turnedAway) {
-            center().PutNetMsg("", toNet({}));
-            QThread::usleep(100);
-        }
-        center().Put("", toNet("nobody")); // turned away too: not even reported
-        --handlersRunning;
-    });
-    deliverTo("stays", M, 1);
-    entered.wait();
-    return 0;
-});
 
 // A call is inside the center when its end comes: the end waits for it.
 const ChildScenario callInProgress("callInProgress", [] {
@@ -326,10 +297,6 @@ private slots:
             << QStringList{stopped + "(\"first\", \"second\")", balanced};
         QTest::newRow("a call in progress")
             << QByteArray("callInProgress") << QStringList{balanced};
-        QTest::newRow("a put that comes too late")
-            << QByteArray("putUntilTurnedAway")
-            << QStringList{"warning lxbase: net recv list is NULL,maybe no init netmodule",
-                           stopped + "(\"stays\")", balanced};
     }
     void aProcessEndsCleanly()
     {
