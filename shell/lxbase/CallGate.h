@@ -3,9 +3,12 @@
 #ifndef LXBASE_CALLGATE_H
 #define LXBASE_CALLGATE_H
 
+#include <lxbase/ThreadLocal.h>
+
 #include <QDeadlineTimer>
 
 #include <atomic>
+#include <chrono>
 #include <cstdint>
 #include <thread>
 
@@ -68,16 +71,19 @@ private:
     bool begin(Era era, std::uint64_t calls, QDeadlineTimer deadline)
     {
         const std::uint64_t old = m_entries.exchange(std::uint64_t(era) << EraShift);
-        while (m_exits[old >> EraShift].load() + calls != countOf(old)) {
+        for (int polls = 0; m_exits[old >> EraShift].load() + calls != countOf(old); ++polls) {
             if (deadline.hasExpired())
                 return false;
-            std::this_thread::yield();
+            if (polls < 1000)
+                std::this_thread::yield();
+            else
+                std::this_thread::sleep_for(std::chrono::milliseconds(1));
         }
         return true;
     }
 
     // The calls that the present thread is inside of.
-    inline static thread_local std::uint64_t callsOfThisThread = 0;
+    LXBASE_THREAD_LOCAL inline static thread_local std::uint64_t callsOfThisThread = 0;
 
     // the era in the two highest bits, below them the entries since it began
     std::atomic<std::uint64_t> m_entries{0};

@@ -47,8 +47,11 @@ public:
     // not registered are passed over.
     Routed route(const QString& dstId, const SubscriptionTable& subscriptions, Sender sender)
     {
-        if (!dstId.isEmpty()) // the only receiver may have the sender's ID itself
-            return queue(dstId, std::move(m_src_id)) ? Routed::Done : Routed::UnknownDestination;
+        if (!dstId.isEmpty()) { // the only receiver may have the values themselves
+            return queue(dstId, std::move(m_src_id), std::move(m_type))
+                ? Routed::Done
+                : Routed::UnknownDestination;
+        }
         const bool known = subscriptions.forEachSubscriber(m_type, [&](const QString& id) {
             if (sender == Sender::Included || id != m_src_id)
                 alsoTo(id);
@@ -57,35 +60,50 @@ public:
     }
 
     // After a broadcast: to one receiver more.
-    void alsoTo(const QString& id) { queue(id, m_src_id); }
+    void alsoTo(const QString& id) { queue(id, m_src_id, m_type); }
 
     const QString& srcId() const { return m_src_id; }
 
-    // With no lock held, after all: writes a critical record if a receiver went without.
-    void logFailure(const LogPlace& place) const
+    // With no lock held, after all: writes a critical record if a receiver went without. The type
+    // is asked for then; the one that was given may have been given away.
+    template<class TypeOf>
+    void logFailures(const LogPlace& place, const TypeOf& typeOf) const
     {
-        if (!m_failure || !lcLxbase().isCriticalEnabled())
+        if (!m_failures || !lcLxbase().isCriticalEnabled())
             return;
+        const auto log = [&](const char* exception) {
+            place.logger().critical()
+                << "not delivered to" << m_failures->firstId << "and" << m_failures->count - 1
+                << "others, type:" << typeOf() << ", exception:" << exception;
+        };
         try {
-            std::rethrow_exception(m_failure);
+            std::rethrow_exception(m_failures->first);
         } catch (const std::exception& e) {
-            logFailure(place, e.what());
+            log(e.what());
         } catch (...) {
-            logFailure(place, "of an unknown class");
+            log("of an unknown class");
         }
     }
 
 private:
-    using Item = std::remove_pointer_t<std::invoke_result_t<MakeItem, QString, const QVariant&>>;
+    using Item = std::remove_pointer_t<std::invoke_result_t<MakeItem, QString, QVariant>>;
+
+    // Receivers that went without.
+    struct Failures
+    {
+        std::exception_ptr first;
+        QString firstId;
+        int count = 0;
+    };
 
     // False: the ID is not registered. A record without that inbox gets nothing. The registry's
     // mutex is held until the item is in the inbox, so that the receiver cannot be released in
     // between.
-    bool queue(const QString& id, QString srcId)
+    bool queue(const QString& id, QString srcId, QVariant type)
     {
         try {
             if (!m_item)
-                m_item.reset(m_make_item(std::move(srcId), m_type));
+                m_item.reset(m_make_item(std::move(srcId), std::move(type)));
             const QMutexLocker locker(&m_registry_mutex);
             const auto record = m_registry.constFind(id);
             if (record == m_registry.constEnd())
@@ -95,20 +113,17 @@ private:
                 static_cast<void>(m_item.release()); // the inbox has it
             }
         } catch (...) {
-            ++m_failures;
-            if (!m_failure) {
-                m_failure = std::current_exception();
-                m_first_without = id;
+            const QMutexLocker locker(&m_registry_mutex);
+            const auto record = m_registry.constFind(id);
+            if (record == m_registry.constEnd())
+                return false;
+            if (m_inbox_of(**record)) { // else it would have gone without in any case
+                if (!m_failures)
+                    m_failures.reset(new Failures{std::current_exception(), id});
+                ++m_failures->count;
             }
         }
         return true;
-    }
-
-    void logFailure(const LogPlace& place, const char* exception) const
-    {
-        place.logger().critical() << "not delivered to" << m_first_without << "and"
-                                  << m_failures - 1 << "others, type:" << m_type
-                                  << ", exception:" << exception;
     }
 
     const Registry& m_registry;
@@ -118,10 +133,7 @@ private:
     QVariant m_type;
     const MakeItem m_make_item;
     std::unique_ptr<Item> m_item; // made for somebody who could not take it: the next one's
-
-    std::exception_ptr m_failure; // the first
-    QString m_first_without;
-    int m_failures = 0;
+    std::unique_ptr<Failures> m_failures;
 };
 
 } // namespace lxbase::detail

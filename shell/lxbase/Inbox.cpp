@@ -48,10 +48,13 @@ void InboxBase::idle(const std::atomic<bool>& stop, Backoff& backoff) const
 
 void InboxBase::wake() const
 {
-    if (!state || !mutex->tryLock(MaxLockMs))
+    if (!state)
         return;
-    const bool waits = state->claimWaiter();
-    mutex->unlock();
+    bool waits = true; // for all that is known: a wake-up too many costs a poll
+    if (mutex->tryLock(MaxLockMs)) {
+        waits = state->claimWaiter();
+        mutex->unlock();
+    }
     if (waits)
         state->m_wake_ups.release();
 }

@@ -30,14 +30,23 @@ Retired& retired()
     return *all;
 }
 
+// For a mutex that nobody holds for longer than moments: save a call that a signal has interrupted
+// for ever, because its handler ends the process.
+template<class Work>
+void withRetired(const Work& work)
+{
+    constexpr int maxLockMs = 1000;
+    if (!retired().mutex.tryLock(maxLockMs))
+        return;
+    work(retired().workers);
+    retired().mutex.unlock();
+}
+
 } // namespace
 
 CInboxWorkerBase::~CInboxWorkerBase()
 {
-    {
-        const QMutexLocker locker(&retired().mutex);
-        retired().workers.remove(this);
-    }
+    withRetired([this](QSet<CInboxWorkerBase*>& workers) { workers.remove(this); });
     delete m_state;
     delete m_mutex;
 }
@@ -66,27 +75,24 @@ void CInboxWorkerBase::setInterface(IMessageInterface* pInterface)
 
 void CInboxWorkerBase::retire()
 {
-    {
-        const QMutexLocker locker(&retired().mutex);
-        retired().workers.insert(this);
-    }
+    withRetired([this](QSet<CInboxWorkerBase*>& workers) { workers.insert(this); });
     deleteLater();
 }
 
 // A worker whose deletion has begun on another thread waits there for the mutex, so those in the
 // set may be asked for their thread. That is null if its QThread object has been deleted, such as
-// that of a worker whose handler registered this one.
+// that of a worker whose handler registered this one. A thread that says it is
+// finished may still be deleting; only a wait tells when it is through.
 void CInboxWorkerBase::deleteRetired()
 {
     QVector<CInboxWorkerBase*> left;
-    {
-        const QMutexLocker locker(&retired().mutex);
-        for (CInboxWorkerBase* worker : qAsConst(retired().workers)) {
-            const QThread* const thread = worker->thread();
-            if (!thread || thread == QThread::currentThread() || thread->isFinished())
+    withRetired([&](const QSet<CInboxWorkerBase*>& workers) {
+        for (CInboxWorkerBase* worker : workers) {
+            QThread* const thread = worker->thread();
+            if (!thread || thread == QThread::currentThread() || thread->wait(QDeadlineTimer(0)))
                 left.append(worker);
         }
-    }
+    });
     qDeleteAll(left);
 }
 

@@ -1,5 +1,7 @@
 #include <lxbase/ItemRecycler.h>
 
+#include <lxbase/ThreadLocal.h>
+
 #include <atomic>
 #include <mutex>
 #include <new>
@@ -91,7 +93,7 @@ struct ThreadCache
     Chain spare; // full or empty
     bool ended;
 };
-thread_local ThreadCache threadCache{{}, {}, false};
+LXBASE_THREAD_LOCAL thread_local ThreadCache threadCache{{}, {}, false};
 
 struct EndOfThread
 {

@@ -5,6 +5,7 @@
 #include <lxbase/Delivery.h>
 #include <lxbase/DispatchThread.h>
 #include <lxbase/EventWorkerThread.h>
+#include <lxbase/LiveWorkers.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageCommonManage.h>
 #include <lxbase/MessageWorkerThread.h>
@@ -28,6 +29,9 @@ namespace {
 
 // How long the end of the center waits for the calls inside, and for its threads.
 constexpr int MaxEndMs = 5000;
+
+// How long it then waits for a mutex that a call may have for ever.
+constexpr int MaxLockMs = 1000;
 
 Inbox<MsgQueueItem*> messageInbox(const MsgRegInfo& record)
 {
@@ -55,12 +59,12 @@ CMessageCenter::CMessageCenter()
 CMessageCenter::~CMessageCenter()
 {
     const qint64 process = m_state->process_of_threads;
-    const bool threadsAreHere = process == 0 || process == QCoreApplication::applicationPid();
-    if (threadsAreHere && endOrderly())
+    const bool forked = process != 0 && process != QCoreApplication::applicationPid();
+    if (!forked && endOrderly())
         delete m_state;
     else
-        keepRemains();
-    centerGate.seal(QDeadlineTimer(MaxEndMs));
+        keepRemains(forked ? 0 : MaxLockMs);
+    centerGate.seal(QDeadlineTimer(forked ? 0 : MaxEndMs));
 }
 
 void CMessageCenter::Reg(QString id, IMessageInterface* pInterface,
@@ -114,8 +118,8 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
     const QString dst = msg->GetDstid();
     Delivery delivery(
         m_msg_reg_hash, m_msg_reg_mutex, messageInbox, std::move(srcId), msg->GetType(),
-        [&](QString src, const QVariant& type) {
-            return new MsgQueueItem{std::move(src), type, msg->traceId(), msg->GetMsg()};
+        [&](QString src, QVariant type) {
+            return new MsgQueueItem{std::move(src), std::move(type), msg->traceId(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::LeftOut);
     if (routed == Routed::UnknownDestination) {
@@ -124,7 +128,7 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
     }
     if (dst.isEmpty() && msg->GetSendToNetFlag())
         delivery.alsoTo(PluginID::PLUGINNET_GLOBALID);
-    delivery.logFailure(LXBASE_LOG_PLACE);
+    delivery.logFailures(LXBASE_LOG_PLACE, [&] { return msg->GetType(); });
 }
 
 void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
@@ -163,15 +167,16 @@ int CMessageCenter::Start()
     if (!pass)
         return 0;
     const IdlePolicy policy = fixIdlePolicy();
+    QStringList without;
     const auto start = [&](const auto& path, const char* name) {
-        QMutexLocker locker(&m_state->start_mutex);
-        const bool started = path.start(name, policy);
-        locker.unlock();
-        if (!started)
-            qCCritical(lcLxbase) << "no thread to be had for" << name << ", Start refused";
+        const QMutexLocker locker(&m_state->start_mutex);
+        if (!path.start(name, policy))
+            without.append(QLatin1String(name));
     };
     start(netPath(), "ProcessSendListThread_Thread");
     start(quotationPath(), "ProcessQuotationThread_Thread");
+    if (!without.isEmpty())
+        qCCritical(lcLxbase) << "no thread to be had, Start refused for" << without;
     return 0;
 }
 
@@ -183,8 +188,8 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
     const QString dst = msg->GetDstid();
     Delivery delivery(
         m_msg_reg_hash, m_msg_reg_mutex, messageInbox, PluginID::PLUGINNET_GLOBALID, msg->GetType(),
-        [&](QString src, const QVariant& type) {
-            return new MsgQueueItem{std::move(src), type, msg->traceId(), msg->GetMsg()};
+        [&](QString src, QVariant type) {
+            return new MsgQueueItem{std::move(src), std::move(type), msg->traceId(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::Included);
     if (routed == Routed::UnknownDestination) {
@@ -194,7 +199,7 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
         qCDebug(lcLxbase) << "CMessageCenter::ProcessMsgByNetPut"
                           << "MsgType: " << msg->GetType() << " has not sub";
     }
-    delivery.logFailure(LXBASE_LOG_PLACE);
+    delivery.logFailures(LXBASE_LOG_PLACE, [&] { return msg->GetType(); });
 }
 
 void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
@@ -203,16 +208,17 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
     if (!msg || !pass)
         return;
     const QString dst = msg->GetDstid();
-    Delivery delivery(m_msg_reg_hash, m_msg_reg_mutex, quotationInbox, PluginID::PLUGINNET_GLOBALID,
-                      msg->GetType(), [&](QString src, const QVariant& type) {
-                          return new MsgQueueItem{std::move(src), type, QString(), msg->GetMsg()};
-                      });
+    Delivery delivery(
+        m_msg_reg_hash, m_msg_reg_mutex, quotationInbox, PluginID::PLUGINNET_GLOBALID,
+        msg->GetType(), [&](QString src, QVariant type) {
+            return new MsgQueueItem{std::move(src), std::move(type), QString(), msg->GetMsg()};
+        });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::Included);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find,maybe dstId not register" << dst;
     }
-    delivery.logFailure(LXBASE_LOG_PLACE);
+    delivery.logFailures(LXBASE_LOG_PLACE, [&] { return msg->GetType(); });
 }
 
 void CMessageCenter::setIdlePolicy(IdlePolicy policy)
@@ -330,15 +336,16 @@ NetworkPath<CProcessQuotationThread> CMessageCenter::quotationPath()
 // Called by whatever is about to start threads.
 CMessageCenter::IdlePolicy CMessageCenter::fixIdlePolicy()
 {
-    m_state->process_of_threads = QCoreApplication::applicationPid();
+    qint64 none = 0;
+    m_state->process_of_threads.compare_exchange_strong(none, QCoreApplication::applicationPid());
     m_state->idle_policy_fixed = true;
     return m_state->idle_policy;
 }
 
 // The gate closes first: the message being routed is finished, and nothing enters any more. Once no
 // call is inside, everything is this thread's alone, save the inboxes of the threads that still
-// run. No thread may outlive the code that it runs, so all of them end here. False: a call or a
-// thread was still there after the wait, and may use everything that has not been freed.
+// run. No thread may outlive the code that it runs, so all of them are stopped here. False: a call
+// or a thread was still there after the wait, and may use everything that has not been freed.
 bool CMessageCenter::endOrderly()
 {
     const bool alone = centerGate.close(QDeadlineTimer(MaxEndMs));
@@ -354,10 +361,10 @@ bool CMessageCenter::endOrderly()
     m_net_msg_queue = nullptr;
     m_quotation_queue = nullptr;
 
-    const bool pluginsEnded = stopRegisteredPlugins();
-    CInboxWorkerBase::deleteRetired();
-    if (!ended || !pluginsEnded)
+    const bool workersEnded = alone ? endAllWorkers() : stopAllWorkers();
+    if (!ended || !workersEnded)
         return false;
+    CInboxWorkerBase::deleteRetired();
     qDeleteAll(m_msg_reg_hash);
     qDeleteAll(m_event_reg_map);
     msgSubscriptions().clear();
@@ -366,43 +373,66 @@ bool CMessageCenter::endOrderly()
     return true;
 }
 
-bool CMessageCenter::stopRegisteredPlugins()
+// False: a handler has not returned.
+bool CMessageCenter::endAllWorkers()
 {
     QVector<CInboxWorkerBase*> workers;
-    for (const MsgRegInfo* record : qAsConst(m_msg_reg_hash))
-        workers << record->msg_thread << record->quotation_thread;
-    for (const EventRegInfo* record : qAsConst(m_event_reg_map))
-        workers << record->event_thread;
-    workers.removeAll(nullptr);
-    if (workers.isEmpty())
-        return true;
-
-    const auto idsOf = [](const QVector<CInboxWorkerBase*>& some) {
-        QStringList ids;
-        for (const CInboxWorkerBase* worker : some)
-            ids << worker->id();
-        ids.sort();
-        ids.removeDuplicates();
-        return ids;
-    };
-    QStringList stopped = idsOf(workers);
-    const QStringList running = idsOf(endWorkers(workers, QDeadlineTimer(MaxEndMs)));
-    for (const QString& id : running)
-        stopped.removeAll(id);
-    if (running.isEmpty()) {
-        qCWarning(lcLxbase) << "plugins still registered at the end, stopped:" << stopped;
-    } else {
+    QStringList stopped;
+    LiveWorkers::instance().forEach([&](CInboxWorkerBase& worker, quint64) {
+        workers.append(&worker);
+        stopped.append(worker.id());
+    });
+    QStringList running;
+    for (const CInboxWorkerBase* worker : endWorkers(workers, QDeadlineTimer(MaxEndMs))) {
+        running.append(worker->id());
+        stopped.removeAll(worker->id());
+    }
+    for (QStringList* ids : {&stopped, &running}) {
+        ids->sort();
+        ids->removeDuplicates();
+    }
+    if (!running.isEmpty()) {
         qCWarning(lcLxbase) << "plugins still registered at the end, stopped:" << stopped
                             << ", not stopped after" << MaxEndMs << "ms:" << running;
+    } else if (!stopped.isEmpty()) {
+        qCWarning(lcLxbase) << "plugins still registered at the end, stopped:" << stopped;
     }
     return running.isEmpty();
 }
 
-// What is kept is never freed, but can be reached: it is no leak.
-void CMessageCenter::keepRemains()
+// For an end with a call still inside, which may be ending or using any of the workers: they are
+// told to stop, and that is all.
+bool CMessageCenter::stopAllWorkers()
 {
-    m_state->remains.reset(new CenterState::Remains{
-        std::move(m_msg_reg_hash), std::move(m_event_reg_map), std::move(m_msg_sub_map),
-        std::move(m_event_sub_map), std::move(m_msg_id_sub_map), std::move(m_event_id_sub_map),
-        std::move(m_relation_map)});
+    QStringList ids;
+    LiveWorkers::instance().forEach([&](CInboxWorkerBase& worker, quint64) {
+        worker.setStop(true);
+        ids.append(worker.id());
+    });
+    ids.sort();
+    ids.removeDuplicates();
+    qCWarning(lcLxbase) << "a call has not returned after" << MaxEndMs
+                        << "ms; plugins still registered at the end, not waited for:" << ids;
+    return false;
+}
+
+// What is kept is never freed, but can be reached: it is no leak. A call that is still inside finds
+// a table as it is, or empty.
+void CMessageCenter::keepRemains(int maxLockMs)
+{
+    m_state->remains = std::make_unique<CenterState::Remains>();
+    const auto keep = [maxLockMs](auto& kept, auto& table, QMutex& mutex) {
+        const bool locked = mutex.tryLock(maxLockMs);
+        kept.swap(table);
+        if (locked)
+            mutex.unlock();
+    };
+    CenterState::Remains& remains = *m_state->remains;
+    keep(remains.msg_reg_hash, m_msg_reg_hash, m_msg_reg_mutex);
+    keep(remains.event_reg_map, m_event_reg_map, m_event_reg_mutex);
+    keep(remains.msg_sub_map, m_msg_sub_map, m_msg_sub_mutex);
+    keep(remains.event_sub_map, m_event_sub_map, m_event_sub_mutex);
+    keep(remains.msg_id_sub_map, m_msg_id_sub_map, m_msg_id_sub_mutex);
+    keep(remains.event_id_sub_map, m_event_id_sub_map, m_event_id_sub_mutex);
+    keep(remains.relation_map, m_relation_map, m_relation_mutex);
 }

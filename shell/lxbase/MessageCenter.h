@@ -62,11 +62,12 @@ struct MsgRegInfo
 ///
 /// Life: made by the first GetInstance, which the library itself calls while it is loaded;
 /// destroyed with the library's static objects. The destructor waits for the calls inside, then
-/// stops the threads of the bus and waits for them, 5 seconds at most each time; plugins that are
-/// still registered are named in one warning, with those whose handlers had not returned by then.
-/// What such a handler or call uses is not freed. A call that comes later does nothing but free the
-/// record it was given, and delays nothing; while the destructor runs, the two network puts warn as
-/// before Start. In a forked child the destructor does nothing: the threads are the parent's.
+/// stops the threads of the bus and waits for them, 5 seconds at most each time (ours); plugins
+/// that are still registered are named in one warning, with those whose handlers had not returned
+/// by then. What such a handler or call uses is not freed. A call that comes later does nothing but
+/// free the record it was given, and delays nothing; while the destructor runs, the two network
+/// puts warn as before Start. In a forked child the destructor does nothing: the threads are the
+/// parent's.
 ///
 /// Locks, always taken in this order and never held while a handler of a plugin or a log handler
 /// runs or while a thread is waited for:
@@ -197,8 +198,9 @@ private:
 
     // The end of the center.
     bool endOrderly();
-    bool stopRegisteredPlugins();
-    void keepRemains();
+    static bool endAllWorkers();
+    static bool stopAllWorkers();
+    void keepRemains(int maxLockMs);
 
     // guarded by m_msg_reg_mutex
     QHash<QString, MsgRegInfo*> m_msg_reg_hash;

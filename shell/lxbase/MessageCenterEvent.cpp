@@ -63,10 +63,11 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
     if (event->GetSrcid().isEmpty())
         event->SetSrcid(srcId);
 
-    Delivery delivery(m_event_reg_map, m_event_reg_mutex, eventInbox, std::move(srcId), type,
-                      [&](QString src, const QVariant& itemType) {
-                          return new EventQueueItem{std::move(src), itemType, event->GetMsg()};
-                      });
+    Delivery delivery(
+        m_event_reg_map, m_event_reg_mutex, eventInbox, std::move(srcId), type,
+        [&](QString src, QVariant itemType) {
+            return new EventQueueItem{std::move(src), std::move(itemType), event->GetMsg()};
+        });
     const Routed routed = delivery.route(dst, eventSubscriptions(), Sender::LeftOut);
     if (routed == Routed::UnknownDestination) {
         qCWarning(lcLxbase) << event->GetSrcid() << " Put msg to " << dst
@@ -78,7 +79,7 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
         relations().forEachRelated(delivery.srcId(), type,
                                    [&](const QString& member) { delivery.alsoTo(member); });
     }
-    delivery.logFailure(LXBASE_LOG_PLACE);
+    delivery.logFailures(LXBASE_LOG_PLACE, [&] { return type; });
 }
 
 void CMessageCenter::setRelation(const QString& from, const QString& to, int type,

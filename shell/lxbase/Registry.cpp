@@ -1,5 +1,7 @@
 #include <lxbase/Registry.h>
 
+#include <lxbase/LiveWorkers.h>
+
 namespace lxbase::detail {
 
 // A worker runs until it is stopped, so one that does not run has not been started.
@@ -8,8 +10,10 @@ bool startWorker(CInboxWorkerBase* worker)
     if (!worker)
         return true;
     worker->start(QThread::InheritPriority);
-    if (worker->isRunning())
+    if (worker->isRunning()) {
+        LiveWorkers::instance().add(worker);
         return true;
+    }
     qCCritical(lcLxbase) << "no thread to be had for" << worker->objectName()
                          << ", registration refused, ID:" << worker->id();
     return false;
@@ -29,6 +33,7 @@ QVector<CInboxWorkerBase*> endWorkers(const QVector<CInboxWorkerBase*>& workers,
             continue;
         worker->quit();
         if (worker->wait(deadline)) {
+            LiveWorkers::instance().remove(worker);
             worker->freeInbox();
             worker->retire();
         } else {

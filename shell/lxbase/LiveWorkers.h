@@ -1,0 +1,53 @@
+// LiveWorkers: the workers that run, of all plugins.
+// Internal: not installed.
+#ifndef LXBASE_LIVEWORKERS_H
+#define LXBASE_LIVEWORKERS_H
+
+#include <lxbase/InboxWorker.h>
+
+#include <QMap>
+#include <QMutex>
+#include <QVector>
+
+namespace lxbase::detail {
+
+// From their start until they have been waited for, so also while UnReg waits. Never destroyed.
+// Any thread.
+//
+// Locks: inside its mutex only those of inboxes.
+class LiveWorkers
+{
+public:
+    static LiveWorkers& instance();
+
+    void add(CInboxWorkerBase* worker);
+
+    // The thread has ended. Whoever removes a worker may delete it then.
+    void remove(CInboxWorkerBase* worker);
+
+    // Calls `visit` with one worker after the other and its serial number, which no other has had;
+    // the worker stays for the call. The mutex is held for each call anew, so workers may come and
+    // go meanwhile.
+    template<class Visit>
+    void forEach(const Visit& visit)
+    {
+        CInboxWorkerBase* last = nullptr;
+        for (;;) {
+            const QMutexLocker locker(&m_mutex);
+            const auto next = m_serials.upperBound(last);
+            if (next == m_serials.end())
+                return;
+            last = next.key();
+            visit(*last, next.value());
+        }
+    }
+
+private:
+    QMutex m_mutex;
+    QMap<CInboxWorkerBase*, quint64> m_serials; // guarded by m_mutex
+    quint64 m_last_serial = 0;                  // guarded by m_mutex
+};
+
+} // namespace lxbase::detail
+
+#endif
