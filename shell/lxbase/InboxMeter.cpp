@@ -1,0 +1,134 @@
+#include <lxbase/InboxMeter.h>
+
+#include <algorithm>
+#include <chrono>
+#include <thread>
+#include <utility>
+
+namespace lxbase::detail {
+
+qint64 monotonicNs()
+{
+    using namespace std::chrono;
+    return duration_cast<nanoseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
+void InboxMeter::take(int count)
+{
+    m_batch_level = statisticsLevel.load(std::memory_order_relaxed);
+    m_batch_probe = std::exchange(m_probe, {});
+    m_calls_to_reading = 0;
+    m_read_ns = 0;
+    if (m_batch_level == StatisticsLevel::Off)
+        return;
+    const auto taken = static_cast<quint64>(count);
+    increase(m_taken, taken);
+    m_peak.store(std::max(m_peak.load(std::memory_order_relaxed), taken),
+                 std::memory_order_relaxed);
+}
+
+void InboxMeter::giveBack(int count)
+{
+    if (m_batch_level != StatisticsLevel::Off)
+        m_taken.store(m_taken.load(std::memory_order_relaxed) - static_cast<quint64>(count),
+                      std::memory_order_relaxed);
+}
+
+void InboxMeter::read(InboxStatistics& statistics, int waiting) const
+{
+    NetworkListStatistics counts;
+    read(counts, waiting);
+    statistics.waiting = counts.waiting;
+    statistics.peak = counts.peak;
+    statistics.put = counts.put;
+    statistics.handled = counts.handled;
+    statistics.dropped = counts.dropped;
+    const qint64 since = m_busy_since_ns.load(std::memory_order_relaxed);
+    statistics.busyForNs = since ? std::max<qint64>(monotonicNs() - since, 1) : 0;
+    if (const auto* const waitTime = m_wait_time.load())
+        statistics.waitTime = waitTime->read();
+    if (const auto* const handlerTime = m_handler_time.load())
+        statistics.handlerTime = handlerTime->read();
+}
+
+void InboxMeter::read(NetworkListStatistics& statistics, int waiting) const
+{
+    statistics.waiting = static_cast<quint64>(waiting);
+    // before taken, so that a batch in hand is never negative
+    statistics.handled = m_handled.load(std::memory_order_acquire);
+    statistics.dropped = m_dropped.load(std::memory_order_acquire);
+    statistics.put = m_taken.load(std::memory_order_relaxed) + statistics.waiting;
+    statistics.peak = std::max(m_peak.load(std::memory_order_relaxed), statistics.waiting);
+}
+
+void InboxMeter::finishBatch(int dropped)
+{
+    if (m_batch_level == StatisticsLevel::Off)
+        return;
+    if (dropped > 0)
+        drop(dropped);
+    m_busy_since_ns.store(0, std::memory_order_relaxed);
+}
+
+// Sequentially consistent, all of it: either the watching thread sees that nothing is in hand any
+// more, or this one sees that it is being copied.
+void InboxMeter::withdraw()
+{
+    const InHand* const inHand = m_in_hand.exchange(nullptr);
+    while (inHand && m_hazard.load() == inHand)
+        std::this_thread::yield();
+}
+
+bool InboxMeter::copyInHand(QString& sender, QVariant& type)
+{
+    const InHand* const inHand = m_in_hand.load();
+    if (!inHand)
+        return false;
+    m_hazard.store(inHand);
+    const bool there = m_in_hand.load() == inHand;
+    if (there) {
+        sender = inHand->sender;
+        type = inHand->type;
+    }
+    m_hazard.store(nullptr);
+    return there;
+}
+
+void InboxMeter::beginCounted(int index)
+{
+    const bool probed = index == m_batch_probe.index;
+    m_timed = m_batch_level == StatisticsLevel::Full
+        || (m_batch_level == StatisticsLevel::Sampled && m_untimed_calls++ % SampledCalls == 0);
+    if (m_calls_to_reading-- > 0 && !m_timed && !probed)
+        return;
+    const qint64 now = monotonicNs();
+    if (m_read_ns) {
+        const bool fast = now - m_read_ns < m_calls_per_reading * MaxNsPerCall;
+        m_calls_per_reading = fast ? std::min(2 * m_calls_per_reading, MaxCallsPerReading)
+                                   : std::max(m_calls_per_reading / 2, 1);
+    }
+    m_calls_to_reading = m_calls_per_reading - 1;
+    m_read_ns = now;
+    m_busy_since_ns.store(now, std::memory_order_relaxed);
+    if (probed)
+        recordTo(m_wait_time, m_wait_time_owner, now - m_batch_probe.putNs);
+}
+
+void InboxMeter::endCounted()
+{
+    m_handled.store(m_handled.load(std::memory_order_relaxed) + 1, std::memory_order_release);
+    if (m_timed)
+        recordTo(m_handler_time, m_handler_time_owner, monotonicNs() - m_read_ns);
+}
+
+void InboxMeter::recordTo(std::atomic<DurationRecorder*>& recorder,
+                          std::unique_ptr<DurationRecorder>& owner, qint64 duration)
+{
+    if (!owner) {
+        owner = std::make_unique<DurationRecorder>();
+        recorder = owner.get();
+    }
+    owner->add(duration);
+}
+
+} // namespace lxbase::detail

@@ -1,0 +1,48 @@
+// LostItems: counts and remembers what did not reach a handler.
+// Internal: not installed.
+#ifndef LXBASE_LOSTITEMS_H
+#define LXBASE_LOSTITEMS_H
+
+#include <lxbase/BusMonitor.h>
+
+#include <QMutex>
+
+#include <atomic>
+#include <memory>
+
+namespace lxbase::detail {
+
+// Never destroyed: something may be lost at any time. Any thread.
+class LostItems
+{
+public:
+    static LostItems& instance();
+
+    // Counts and lists an item, unless the level is Off, and calls the observer. The sequence and
+    // the time are filled in here. Called with no lock held.
+    void note(LostItem item);
+
+    // Counts `count` items only: where they are too many to list, or it is too late for that.
+    void count(LostReason reason, quint64 count = 1);
+
+    QVector<quint64> counts() const;
+    QVector<LostItem> after(quint64 sequence) const;
+    void setObserver(std::function<void(const LostItem&)> observer);
+
+    static constexpr int MaxListed = 1024;
+
+private:
+    using Observer = std::function<void(const LostItem&)>;
+
+    std::atomic<quint64> m_counts[LostReasonCount] = {};
+
+    mutable QMutex m_mutex;
+    // guarded by m_mutex; no other lock is taken inside
+    QVector<LostItem> m_ring; // the item of sequence n at n % MaxListed
+    quint64 m_last_sequence = 0;
+    std::shared_ptr<const Observer> m_observer;
+};
+
+} // namespace lxbase::detail
+
+#endif
