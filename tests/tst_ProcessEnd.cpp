@@ -244,12 +244,16 @@ const ChildScenario exitWhileUnRegWaits("exitWhileUnRegWaits", [] {
     return 1;
 });
 
+bool isForked = false;
+
 const ChildScenario forkedChild("forkedChild", [] {
     center().Start();
     Plugin plugin("stays", All);
     const pid_t child = ::fork();
-    if (child == 0)
+    if (child == 0) {
+        isForked = true;
         std::exit(0);
+    }
     int status = -1;
     const bool ended = waitUntil([&] { return ::waitpid(child, &status, WNOHANG) == child; });
     if (!ended)
@@ -278,6 +282,18 @@ const ChildScenario workersComeAndGo("workersComeAndGo", [] {
 
 Q_DECLARE_METATYPE(Interrupting)
 Q_DECLARE_TYPEINFO(Interrupting, Q_MOVABLE_TYPE);
+
+// A process that ends in a signal handler is what one of the scenarios is about.
+extern "C" const char* __tsan_default_options()
+{
+    return "report_signal_unsafe=0";
+}
+
+// Asked by the leak check: what the parent's threads hold looks lost in a forked child.
+extern "C" int __lsan_is_turned_off()
+{
+    return isForked;
+}
 
 class ProcessEndTest : public QObject
 {

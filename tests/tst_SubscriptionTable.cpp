@@ -83,6 +83,7 @@ private slots:
         subscriber->start();
         while (!subscriber->isFinished())
             subscriptions.table.removeAll("id");
+        QVERIFY(subscriber->wait(30000));
         subscriptions.table.removeAll("id");
         for (int type = 0; type < 3; ++type)
             QCOMPARE(subscriptions.to(type), QStringList());

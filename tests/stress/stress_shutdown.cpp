@@ -56,7 +56,7 @@ SlowPlugins loadBus()
 }
 
 // Reachable to the end of the process and beyond the statics of the bus, as the bus needs them.
-SlowPlugins* keptForEver = nullptr;
+SlowPlugins* volatile keptForEver = nullptr;
 
 void loadWithPluginsThatStay()
 {
