@@ -13,8 +13,8 @@
 
 /// How much the bus counts and times while it works.
 enum class StatisticsLevel {
-    Off,     ///< nothing
-    Counts,  ///< items and lost items; since when a handler call is in progress. The default
+    Off,     ///< only what comes for nothing: how many items were put, handled and dropped
+    Counts,  ///< also lost items, and since when a handler call is in progress. The default
     Sampled, ///< also how long one handler call in 64 took, and how long one item at a time waited
     Full,    ///< also how long every handler call took
 };
@@ -52,7 +52,7 @@ public:
     void add(qint64 duration);
 
     static constexpr int StepsPerOctave = 8; ///< of the division of each power of two
-    static constexpr int Octaves = 36;       ///< the last step takes everything from 34 s on
+    static constexpr int Octaves = 36;       ///< the last step takes everything from 257 s on
     static constexpr int Steps = StepsPerOctave * Octaves; ///< in all
 
     /// The step that a duration falls into, 0 to Steps - 1.
@@ -171,8 +171,7 @@ class LXBASE_EXPORT CBusMonitor
 public:
     CBusMonitor() = delete;
 
-    /// How much is counted and timed from now on. What was counted stays. Items that are in an
-    /// inbox when Off ends are counted as put from then on.
+    /// How much is counted and timed from the next batch of each inbox on. What was counted stays.
     static void setLevel(StatisticsLevel level);
 
     /// The present level.

@@ -55,6 +55,8 @@ public:
         const Era m_era;
     };
 
+    bool isOpen() const { return m_entries.load() >> EraShift == Open; }
+
     // Both begin an era and wait for the calls of the one before. False: some were still there at
     // the deadline. A call that this thread itself is inside of is not waited for: its log handler,
     // or a signal handler, ends the process, so it will never go on.

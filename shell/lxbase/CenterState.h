@@ -37,6 +37,10 @@ struct CenterState
 
     WaitGraph unregs; // handlers in UnReg
 
+    // atomic: counted after each change, read by CBusMonitor
+    std::atomic<int> subscriptions{0};
+    std::atomic<int> relation_groups{0}; // with a member
+
     // What the center's members held, where a call or a thread was still there at its end.
     struct Remains
     {

@@ -4,21 +4,37 @@
 #define LXBASE_DELIVERY_H
 
 #include <lxbase/Inbox.h>
+#include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/SubscriptionTable.h>
 
 #include <QMutex>
 #include <QString>
+#include <QStringList>
 #include <QVariant>
 
 #include <exception>
 #include <memory>
 #include <type_traits>
 #include <utility>
+#include <vector>
+
+class CEventMessageCommon;
 
 namespace lxbase::detail {
 
 enum class Routed { Done, UnknownDestination, UnknownType };
+
+// Messages have a trace ID, events have none.
+template<class Record>
+auto traceIdOf(const Record& record) -> decltype(record.traceId())
+{
+    return record.traceId();
+}
+inline QString traceIdOf(const CEventMessageCommon&)
+{
+    return {};
+}
 
 // Whether a broadcast leaves out the subscriber that put it.
 enum class Sender { LeftOut, Included };
@@ -28,7 +44,8 @@ enum class Sender { LeftOut, Included };
 //
 // Payloads may be of any class, so its code runs here: a copy is made for each receiver, and one
 // that nobody could take is destroyed with this object, when no lock is held any more. If a copy
-// throws, that receiver goes without; the others get theirs.
+// throws, that receiver goes without; the others get theirs. Who goes without, and why, is kept
+// until no lock is held, and then reported.
 template<class Registry, class InboxOf, class MakeItem>
 class Delivery
 {
@@ -47,10 +64,11 @@ public:
     // not registered are passed over.
     Routed route(const QString& dstId, const SubscriptionTable& subscriptions, Sender sender)
     {
-        if (!dstId.isEmpty()) { // the only receiver may have the values themselves
-            return queue(dstId, std::move(m_src_id), std::move(m_type))
-                ? Routed::Done
-                : Routed::UnknownDestination;
+        m_directed = !dstId.isEmpty();
+        if (m_directed) { // the only receiver may have the values themselves
+            const bool known = queue(dstId, std::move(m_src_id), std::move(m_type),
+                                     LostReason::UnknownDestination, LostReason::NoInbox);
+            return known ? Routed::Done : Routed::UnknownDestination;
         }
         const bool known = subscriptions.forEachSubscriber(m_type, [&](const QString& id) {
             if (sender == Sender::Included || id != m_src_id)
@@ -59,71 +77,104 @@ public:
         return known ? Routed::Done : Routed::UnknownType;
     }
 
-    // After a broadcast: to one receiver more.
-    void alsoTo(const QString& id) { queue(id, m_src_id, m_type); }
+    // After a broadcast: to one receiver more; what is lost if it is not registered, or has no such
+    // inbox, is said by the reasons.
+    void alsoTo(const QString& id, LostReason ifMissing = LostReason::SubscriberNotRegistered,
+                LostReason ifNoInbox = LostReason::NoInbox)
+    {
+        queue(id, m_src_id, m_type, ifMissing, ifNoInbox);
+    }
 
     const QString& srcId() const { return m_src_id; }
 
-    // With no lock held, after all: writes a critical record if a receiver went without. The type
-    // is asked for then; the one that was given may have been given away.
-    template<class TypeOf>
-    void logFailures(const LogPlace& place, const TypeOf& typeOf) const
+    // With no lock held, after all: a critical record if a copy has thrown, and what was lost. The
+    // values are asked from the record then; those that were given may have been given away.
+    template<class Record>
+    void report(Record& record, PutPath path, const LogPlace& place) const
     {
-        if (!m_failures || !lcLxbase().isCriticalEnabled())
+        if (m_failure)
+            logFailure(record, place);
+        if (m_losses.empty() && (m_directed || m_delivered))
             return;
-        const auto log = [&](const char* exception) {
-            place.logger().critical()
-                << "not delivered to" << m_failures->firstId << "and" << m_failures->count - 1
-                << "others, type:" << typeOf() << ", exception:" << exception;
-        };
-        try {
-            std::rethrow_exception(m_failures->first);
-        } catch (const std::exception& e) {
-            log(e.what());
-        } catch (...) {
-            log("of an unknown class");
+        LostItem lost;
+        lost.path = path;
+        lost.source = m_item ? m_item->src_id : m_src_id;
+        lost.type = record.GetType();
+        lost.traceId = traceIdOf(record);
+        if (m_losses.empty()) {
+            lost.reason = LostReason::NoSubscriber;
+            LostItems::instance().note(lost);
+        }
+        for (const Loss& loss : m_losses) {
+            lost.reason = loss.reason;
+            lost.destination = loss.id;
+            LostItems::instance().note(lost);
         }
     }
 
 private:
     using Item = std::remove_pointer_t<std::invoke_result_t<MakeItem, QString, QVariant>>;
 
-    // Receivers that went without.
-    struct Failures
+    struct Loss
     {
-        std::exception_ptr first;
-        QString firstId;
-        int count = 0;
+        LostReason reason;
+        QString id; // of who went without
     };
 
     // False: the ID is not registered. A record without that inbox gets nothing. The registry's
     // mutex is held until the item is in the inbox, so that the receiver cannot be released in
     // between.
-    bool queue(const QString& id, QString srcId, QVariant type)
+    bool queue(const QString& id, QString srcId, QVariant type, LostReason ifMissing,
+               LostReason ifNoInbox)
     {
+        std::exception_ptr failure;
         try {
             if (!m_item)
                 m_item.reset(m_make_item(std::move(srcId), std::move(type)));
-            const QMutexLocker locker(&m_registry_mutex);
-            const auto record = m_registry.constFind(id);
-            if (record == m_registry.constEnd())
-                return false;
-            if (const Inbox<Item*> inbox = m_inbox_of(**record)) {
-                inbox.append(m_item.get());
-                static_cast<void>(m_item.release()); // the inbox has it
-            }
         } catch (...) {
-            const QMutexLocker locker(&m_registry_mutex);
-            const auto record = m_registry.constFind(id);
-            if (record == m_registry.constEnd())
-                return false;
-            if (m_inbox_of(**record)) { // else it would have gone without in any case
-                if (!m_failures)
-                    m_failures.reset(new Failures{std::current_exception(), id});
-                ++m_failures->count;
-            }
+            failure = std::current_exception();
+        }
+        const QMutexLocker locker(&m_registry_mutex);
+        const auto record = m_registry.constFind(id);
+        if (record == m_registry.constEnd()) {
+            m_losses.push_back({ifMissing, id});
+            return false;
+        }
+        const Inbox<Item*> inbox = m_inbox_of(**record);
+        if (!inbox) {
+            m_losses.push_back({ifNoInbox, id});
+        } else if (failure) {
+            m_losses.push_back({LostReason::NotCopied, id});
+            m_failure = failure;
+        } else {
+            inbox.append(m_item.get());
+            static_cast<void>(m_item.release()); // the inbox has it
+            ++m_delivered;
         }
         return true;
+    }
+
+    template<class Record>
+    void logFailure(Record& record, const LogPlace& place) const
+    {
+        if (!lcLxbase().isCriticalEnabled())
+            return;
+        QStringList ids;
+        for (const Loss& loss : m_losses) {
+            if (loss.reason == LostReason::NotCopied)
+                ids.append(loss.id);
+        }
+        const auto log = [&](const char* exception) {
+            place.logger().critical() << "not delivered to" << ids << ", type:" << record.GetType()
+                                      << ", exception:" << exception;
+        };
+        try {
+            std::rethrow_exception(m_failure);
+        } catch (const std::exception& e) {
+            log(e.what());
+        } catch (...) {
+            log("of an unknown class");
+        }
     }
 
     const Registry& m_registry;
@@ -133,7 +184,10 @@ private:
     QVariant m_type;
     const MakeItem m_make_item;
     std::unique_ptr<Item> m_item; // made for somebody who could not take it: the next one's
-    std::unique_ptr<Failures> m_failures;
+    bool m_directed = false;
+    int m_delivered = 0;
+    std::vector<Loss> m_losses;
+    std::exception_ptr m_failure; // of a copy
 };
 
 } // namespace lxbase::detail

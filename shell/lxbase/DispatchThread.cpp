@@ -21,6 +21,8 @@ void CDispatchThread::setList(MessageList* list)
 // poll, with the shortest sleep.
 void CDispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessageCommon> msg))
 {
+    lxbase::detail::InboxState ownState(CMessageCenter::IdlePolicy::Poll); // where there is none
+    lxbase::detail::InboxMeter& meter = m_state ? m_state->meter : ownState.meter;
     const lxbase::detail::Inbox<MessageList::value_type> inbox{{m_mutex, m_state}, m_list};
     lxbase::detail::Backoff backoff;
     MessageList batch;
@@ -39,6 +41,7 @@ void CDispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessag
             continue;
         }
         m_list->swap(batch);
+        meter.take(batch.size());
         m_mutex->unlock();
         backoff.taken += batch.size();
 
@@ -50,17 +53,19 @@ void CDispatchThread::drain(void (CMessageCenter::*route)(QSharedPointer<CMessag
             else
                 usleep(1);
         }
-        giveBack(batch, taken);
+        giveBack(batch, taken, meter);
+        meter.finishBatch(0);
         batch.resize(0);
     }
 }
 
-void CDispatchThread::giveBack(MessageList& batch, int taken)
+void CDispatchThread::giveBack(MessageList& batch, int taken, lxbase::detail::InboxMeter& meter)
 {
     if (taken == batch.size())
         return;
     const QMutexLocker locker(m_mutex);
     *m_list = batch.mid(taken) + *m_list;
+    meter.giveBack(batch.size() - taken);
 }
 
 CProcessMsgByNetPutThread::CProcessMsgByNetPutThread() = default;

@@ -13,6 +13,10 @@
 class CMessageCenter;
 class CMessageCommon;
 
+namespace lxbase::detail {
+class InboxMeter;
+}
+
 /// What the two threads share: taking the messages of one list in arrival order and handing each to
 /// the center's routing operation, one at a time and with no lock held.
 ///
@@ -39,7 +43,7 @@ protected:
     void drain(void (CMessageCenter::*route)(QSharedPointer<CMessageCommon> msg));
 
 private:
-    void giveBack(MessageList& batch, int taken);
+    void giveBack(MessageList& batch, int taken, lxbase::detail::InboxMeter& meter);
 
     MessageList* m_list = nullptr; // constant after start
 };

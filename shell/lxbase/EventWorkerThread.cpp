@@ -1,9 +1,12 @@
 #include <lxbase/EventWorkerThread.h>
 
+#include <lxbase/BusMonitor.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageInterface.h>
 
-CEventWorkerThread::CEventWorkerThread() = default;
+CEventWorkerThread::CEventWorkerThread()
+    : CInboxWorker(InboxKind::Events)
+{ }
 
 CEventWorkerThread::~CEventWorkerThread() = default;
 

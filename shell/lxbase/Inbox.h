@@ -4,6 +4,7 @@
 #ifndef LXBASE_INBOX_H
 #define LXBASE_INBOX_H
 
+#include <lxbase/InboxMeter.h>
 #include <lxbase/MessageCenter.h>
 
 #include <QMutex>
@@ -48,6 +49,8 @@ public:
     { }
     Q_DISABLE_COPY(InboxState)
 
+    InboxMeter meter;
+
 private:
     friend struct InboxBase;
     template<class Element>
@@ -87,6 +90,15 @@ struct Inbox : InboxBase
 
     explicit operator bool() const { return list; }
 
+    // How many elements are in it now.
+    quint64 size() const
+    {
+        if (!list)
+            return 0;
+        const QMutexLocker locker(mutex);
+        return static_cast<quint64>(list->size());
+    }
+
     // Queues an element and wakes the thread if it waits. The wake-up follows the unlock, so that
     // the woken thread finds the mutex free; the caller therefore keeps the state alive until this
     // returns (the registry lock, or the center's call gate, does).
@@ -94,6 +106,8 @@ struct Inbox : InboxBase
     {
         QMutexLocker locker(mutex);
         list->append(element);
+        if (state)
+            state->meter.put(list->size() - 1);
         const bool waits = state && state->claimWaiter();
         locker.unlock();
         if (waits)

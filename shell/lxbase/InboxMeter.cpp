@@ -16,33 +16,38 @@ qint64 monotonicNs()
 void InboxMeter::take(int count)
 {
     m_batch_level = statisticsLevel.load(std::memory_order_relaxed);
+    m_batch_left = count;
     m_batch_probe = std::exchange(m_probe, {});
     m_calls_to_reading = 0;
     m_read_ns = 0;
-    if (m_batch_level == StatisticsLevel::Off)
-        return;
     const auto taken = static_cast<quint64>(count);
     increase(m_taken, taken);
-    m_peak.store(std::max(m_peak.load(std::memory_order_relaxed), taken),
-                 std::memory_order_relaxed);
+    if (taken > m_peak.load(std::memory_order_relaxed))
+        m_peak.store(taken, std::memory_order_relaxed);
 }
 
 void InboxMeter::giveBack(int count)
 {
-    if (m_batch_level != StatisticsLevel::Off)
-        m_taken.store(m_taken.load(std::memory_order_relaxed) - static_cast<quint64>(count),
-                      std::memory_order_relaxed);
+    m_taken.store(m_taken.load(std::memory_order_relaxed) - static_cast<quint64>(count),
+                  std::memory_order_relaxed);
+    m_batch_left -= count;
 }
 
-void InboxMeter::read(InboxStatistics& statistics, int waiting) const
+// What has been handled is read before what has been taken, so that a batch in hand is never
+// negative.
+NetworkListStatistics InboxMeter::counts(int waiting) const
 {
     NetworkListStatistics counts;
-    read(counts, waiting);
-    statistics.waiting = counts.waiting;
-    statistics.peak = counts.peak;
-    statistics.put = counts.put;
-    statistics.handled = counts.handled;
-    statistics.dropped = counts.dropped;
+    counts.waiting = static_cast<quint64>(waiting);
+    counts.handled = m_handled.load(std::memory_order_acquire);
+    counts.dropped = m_dropped.load(std::memory_order_acquire);
+    counts.put = m_taken.load(std::memory_order_relaxed) + counts.waiting;
+    counts.peak = std::max(m_peak.load(std::memory_order_relaxed), counts.waiting);
+    return counts;
+}
+
+void InboxMeter::readTimes(InboxStatistics& statistics) const
+{
     const qint64 since = m_busy_since_ns.load(std::memory_order_relaxed);
     statistics.busyForNs = since ? std::max<qint64>(monotonicNs() - since, 1) : 0;
     if (const auto* const waitTime = m_wait_time.load())
@@ -51,22 +56,13 @@ void InboxMeter::read(InboxStatistics& statistics, int waiting) const
         statistics.handlerTime = handlerTime->read();
 }
 
-void InboxMeter::read(NetworkListStatistics& statistics, int waiting) const
-{
-    statistics.waiting = static_cast<quint64>(waiting);
-    // before taken, so that a batch in hand is never negative
-    statistics.handled = m_handled.load(std::memory_order_acquire);
-    statistics.dropped = m_dropped.load(std::memory_order_acquire);
-    statistics.put = m_taken.load(std::memory_order_relaxed) + statistics.waiting;
-    statistics.peak = std::max(m_peak.load(std::memory_order_relaxed), statistics.waiting);
-}
-
 void InboxMeter::finishBatch(int dropped)
 {
-    if (m_batch_level == StatisticsLevel::Off)
-        return;
+    const auto handled = static_cast<quint64>(std::exchange(m_batch_left, 0) - dropped);
+    if (handled > 0)
+        increase(m_handled, handled);
     if (dropped > 0)
-        drop(dropped);
+        increase(m_dropped, static_cast<quint64>(dropped));
     m_busy_since_ns.store(0, std::memory_order_relaxed);
 }
 
@@ -116,6 +112,7 @@ void InboxMeter::beginCounted(int index)
 
 void InboxMeter::endCounted()
 {
+    --m_batch_left;
     m_handled.store(m_handled.load(std::memory_order_relaxed) + 1, std::memory_order_release);
     if (m_timed)
         recordTo(m_handler_time, m_handler_time_owner, monotonicNs() - m_read_ns);

@@ -19,12 +19,12 @@ inline std::atomic<bool> watchesHandlers{false};
 qint64 monotonicNs();
 
 // The figures are written by the thread that drains the inbox, and are atomic because others read
-// them. A put counts nothing: what was put is what was taken and what still waits, and the most that
-// waited is the largest batch, for the thread takes all that waits. The level is that of the
-// beginning of a batch, which is counted wholly or not at all.
+// them. A put counts nothing: what was put is what was taken and what still waits, and the most
+// that waited is the largest batch, for the thread takes all that waits. The level that holds for a
+// batch is that of its beginning.
 //
-// Two clock readings a batch and a few more in a long one have to do: a message costs less than four
-// of them.
+// Two clock readings a batch and a few more in a long one have to do: a message costs less than
+// four of them.
 class InboxMeter
 {
 public:
@@ -56,9 +56,8 @@ public:
     void take(int count);
     void giveBack(int count);
 
-    // Fills in everything but ID and kind; `waiting` elements are in the list.
-    void read(InboxStatistics& statistics, int waiting) const;
-    void read(NetworkListStatistics& statistics, int waiting) const;
+    // The counts, while `waiting` elements are in the list.
+    NetworkListStatistics counts(int waiting) const;
 
     // ---- the draining thread, for the batch that it has taken
 
@@ -77,16 +76,16 @@ public:
     // The batch is done, save `dropped` elements that nobody will handle.
     void finishBatch(int dropped);
 
-    // ---- when the draining thread has ended
+    // ---- any thread
 
-    // Elements have been freed undelivered.
-    void drop(int count) { increase(m_dropped, static_cast<quint64>(count)); }
+    // Fills in the times.
+    void readTimes(InboxStatistics& statistics) const;
 
     // ---- watching: the draining thread publishes what it has in hand, if watchesHandlers is set
 
     void publish(const InHand& inHand)
     {
-        increase(m_calls, 1);
+        increase<quint64>(m_calls, 1);
         m_in_hand.store(&inHand);
     }
 
@@ -109,11 +108,11 @@ private:
 
     void beginCounted(int index);
     void endCounted();
-    void recordTo(std::atomic<DurationRecorder*>& recorder, std::unique_ptr<DurationRecorder>& owner,
-                  qint64 duration);
+    void recordTo(std::atomic<DurationRecorder*>& recorder,
+                  std::unique_ptr<DurationRecorder>& owner, qint64 duration);
 
-    // Between two readings of the clock in a batch: as many calls as take some microseconds, so that
-    // busyForNs is right to that, and fast handlers pay for few readings.
+    // Between two readings of the clock in a batch: as many calls as take some microseconds, so
+    // that busyForNs is right to that, and fast handlers pay for few readings.
     static constexpr int MaxCallsPerReading = 64;
     static constexpr qint64 MaxNsPerCall = 2000; // above that on average, fewer calls
     static constexpr unsigned SampledCalls = 64; // one in so many is timed at level Sampled
@@ -122,6 +121,7 @@ private:
 
     // the draining thread's alone
     StatisticsLevel m_batch_level = StatisticsLevel::Off;
+    int m_batch_left = 0; // of the batch, not counted yet
     Probe m_batch_probe;
     bool m_timed = false;
     unsigned m_untimed_calls = 0;
@@ -136,7 +136,7 @@ private:
     std::atomic<quint64> m_peak{0};
     std::atomic<quint64> m_handled{0};
     std::atomic<quint64> m_dropped{0};
-    std::atomic<qint64> m_busy_since_ns{0}; // 0: no handler call is in progress
+    std::atomic<qint64> m_busy_since_ns{0};                 // 0: no handler call is in progress
     std::atomic<DurationRecorder*> m_wait_time{nullptr};    // made with the first duration
     std::atomic<DurationRecorder*> m_handler_time{nullptr}; // likewise
 

@@ -1,11 +1,15 @@
 #include <lxbase/InboxWorker.h>
 
+#include <lxbase/CallGate.h>
 #include <lxbase/Inbox.h>
+#include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageInterface.h>
 #include <lxbase/QueueItems.h>
 
+#include <lxdefine/PluginID.h>
 #include <lxplatform/Clock.h>
+#include <lxplatform/ThreadNumber.h>
 
 #include <QSet>
 
@@ -14,7 +18,19 @@
 #include <memory>
 #include <utility>
 
+using namespace lxbase::detail;
+
 namespace {
+
+QString traceIdOf(const MsgQueueItem& item)
+{
+    return item.trace_id;
+}
+
+QString traceIdOf(const EventQueueItem&)
+{
+    return {};
+}
 
 // Workers that have ended and are still there. Never destroyed: an event loop may delete a worker
 // at any time.
@@ -73,6 +89,36 @@ void CInboxWorkerBase::setInterface(IMessageInterface* pInterface)
         m_interface = pInterface;
 }
 
+int CInboxWorkerBase::waiting() const
+{
+    const QMutexLocker locker(m_mutex);
+    return listSize();
+}
+
+InboxStatistics CInboxWorkerBase::statistics() const
+{
+    InboxStatistics statistics;
+    statistics.plugin = m_id;
+    statistics.kind = m_kind;
+    if (!m_state)
+        return statistics;
+    QMutexLocker locker(m_mutex);
+    const NetworkListStatistics counts = m_state->meter.counts(listSize());
+    locker.unlock();
+    statistics.waiting = counts.waiting;
+    statistics.peak = counts.peak;
+    statistics.put = counts.put;
+    statistics.handled = counts.handled;
+    statistics.dropped = counts.dropped;
+    m_state->meter.readTimes(statistics);
+    return statistics;
+}
+
+InboxMeter* CInboxWorkerBase::meter() const
+{
+    return m_state ? &m_state->meter : nullptr;
+}
+
 void CInboxWorkerBase::retire()
 {
     withRetired([this](QSet<CInboxWorkerBase*>& workers) { workers.insert(this); });
@@ -104,6 +150,12 @@ CInboxWorker<Item>::~CInboxWorker()
 }
 
 template<class Item>
+int CInboxWorker<Item>::listSize() const
+{
+    return m_list ? m_list->size() : 0;
+}
+
+template<class Item>
 void CInboxWorker<Item>::setList(QVector<Item*>* list)
 {
     if (list)
@@ -114,13 +166,16 @@ void CInboxWorker<Item>::setList(QVector<Item*>* list)
 // waits. The lock is held for the count and the taking only, never while a handler runs. After a
 // batch the next poll follows at once. `batch` lives across polls, so that its storage is reused.
 template<class Item>
-void CInboxWorker<Item>::drain(const WorkerProfile& profile, const lxbase::detail::LogPlace& place)
+void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& place)
 {
     quint32 lastRecord = lxplatform::tickCountMs();
+    m_thread_number = lxplatform::currentThreadNumber();
     if (m_stop)
         return;
-    const lxbase::detail::Inbox<Item*> inbox{{m_mutex, m_state}, m_list};
-    lxbase::detail::Backoff backoff;
+    InboxState ownState(CMessageCenter::IdlePolicy::Poll); // of a worker that has none
+    InboxMeter& meter = m_state ? m_state->meter : ownState.meter;
+    const Inbox<Item*> inbox{{m_mutex, m_state}, m_list};
+    Backoff backoff;
     QVector<Item*> batch;
     while (!m_stop) {
         if (!m_mutex)
@@ -133,15 +188,17 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const lxbase::detai
             continue;
         }
         takeBatch(batch, profile.take);
+        meter.take(n);
         m_mutex->unlock();
         backoff.taken += n;
 
         if (m_interface) {
             countPoll(n);
-            if (!deliver(batch, profile))
+            if (!deliver(batch, profile, meter))
                 return;
         } else {
-            qDeleteAll(batch);
+            drop(batch.cbegin(), batch.cend(), false);
+            meter.finishBatch(n);
         }
         batch.resize(0);
 
@@ -156,8 +213,10 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const lxbase::detai
 template<class Item>
 void CInboxWorker<Item>::freeInbox()
 {
-    if (m_list)
-        qDeleteAll(std::exchange(*m_list, {}));
+    if (!m_list)
+        return;
+    const QVector<Item*> items = std::exchange(*m_list, {});
+    drop(items.cbegin(), items.cend(), true);
 }
 
 template<class Item>
@@ -177,22 +236,70 @@ void CInboxWorker<Item>::takeBatch(QVector<Item*>& batch, Take take)
     }
 }
 
-// The stop flag is looked at after every item: UnReg waits for one handler call at most. What is
-// left of the batch then is freed undelivered. False: stopped.
+// The stop flag is read after every item: UnReg waits for one handler call at most. What is left of
+// the batch then is freed undelivered. False: stopped.
 template<class Item>
-bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfile& profile)
+bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfile& profile,
+                                 InboxMeter& meter)
 {
-    for (auto it = batch.cbegin(); it != batch.cend(); ++it) {
-        if (const std::unique_ptr<Item> item{*it}) {
-            (m_interface->*profile.handler)(std::move(item->src_id), std::move(item->type),
-                                            std::move(item->data));
+    int passedOver = 0;
+    for (int i = 0; i < batch.size(); ++i) {
+        if (const std::unique_ptr<Item> item{batch[i]}) {
+            meter.begin(i);
+            call(*item, profile, meter);
+            meter.end();
+        } else {
+            ++passedOver;
         }
         if (m_stop) {
-            qDeleteAll(it + 1, batch.cend());
+            drop(batch.cbegin() + i + 1, batch.cend(), true);
+            meter.finishBatch(passedOver + batch.size() - i - 1);
             return false;
         }
     }
+    meter.finishBatch(passedOver);
     return true;
+}
+
+// The values of the item are moved into the arguments; it is deleted anyway. Whoever watches sees
+// sender and type, so these are copied then.
+template<class Item>
+void CInboxWorker<Item>::call(Item& item, const WorkerProfile& profile, InboxMeter& meter)
+{
+    if (!watchesHandlers.load(std::memory_order_relaxed)) {
+        (m_interface->*profile.handler)(std::move(item.src_id), std::move(item.type),
+                                        std::move(item.data));
+        return;
+    }
+    const InboxMeter::InHand inHand{item.src_id, item.type};
+    meter.publish(inHand);
+    (m_interface->*profile.handler)(item.src_id, item.type, std::move(item.data));
+    meter.withdraw();
+}
+
+// Frees items undelivered, and says so to whoever asks what was lost.
+template<class Item>
+void CInboxWorker<Item>::drop(Item* const* first, Item* const* last, bool hasPlugin)
+{
+    const LostReason reason = !hasPlugin ? LostReason::NoPlugin
+        : centerGate.isOpen()            ? LostReason::Unregistered
+                                         : LostReason::AtEnd;
+    for (; first != last; ++first) {
+        const std::unique_ptr<Item> item(*first);
+        if (!item)
+            continue;
+        LostItem lost;
+        lost.reason = reason;
+        lost.path = m_kind == InboxKind::Events            ? PutPath::PutEvent
+            : m_kind == InboxKind::Quotations              ? PutPath::PutQuotationMsg
+            : item->src_id == PluginID::PLUGINNET_GLOBALID ? PutPath::PutNetMsg
+                                                           : PutPath::Put;
+        lost.source = item->src_id;
+        lost.destination = m_id;
+        lost.type = item->type;
+        lost.traceId = traceIdOf(*item);
+        LostItems::instance().note(std::move(lost));
+    }
 }
 
 template<class Item>
@@ -204,8 +311,7 @@ void CInboxWorker<Item>::countPoll(int items)
 }
 
 template<class Item>
-void CInboxWorker<Item>::writeRecord(const WorkerProfile& profile,
-                                     const lxbase::detail::LogPlace& place)
+void CInboxWorker<Item>::writeRecord(const WorkerProfile& profile, const LogPlace& place)
 {
     if (lcLxbase().isDebugEnabled())
         place.logger().debug() << profile.recordText << m_batch_stats;

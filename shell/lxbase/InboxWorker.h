@@ -14,12 +14,15 @@
 #include <atomic>
 
 class IMessageInterface;
+enum class InboxKind;
 struct EventQueueItem;
+struct InboxStatistics;
 struct MsgQueueItem;
 
 namespace lxbase::detail {
+class InboxMeter;
 struct LogPlace;
-}
+} // namespace lxbase::detail
 
 /// The part of a worker that does not depend on what its inbox holds.
 ///
@@ -62,20 +65,44 @@ public:
     /// that may still run one are left to it. Called at the end of the process.
     static void deleteRetired();
 
+    /// Ours: what the inbox is for.
+    InboxKind kind() const { return m_kind; }
+
+    /// Ours: how many items are in the inbox now.
+    int waiting() const;
+
+    /// Ours: the figures of the inbox. Any thread, not with the mutex of the inbox held.
+    InboxStatistics statistics() const;
+
+    /// Ours: what CBusMonitor counts of the inbox; null for a worker that was made without a state.
+    lxbase::detail::InboxMeter* meter() const;
+
+    /// Ours: the system's number of the thread; 0 before it runs.
+    quint64 threadNumber() const { return m_thread_number; }
+
     /// Frees what is still in the inbox, undelivered. Called when the thread has ended and nobody
     /// appends any more: a payload may be of a type whose library is unloaded before this object is
     /// deleted.
     virtual void freeInbox() = 0;
 
 protected:
-    CInboxWorkerBase() = default;
+    explicit CInboxWorkerBase(InboxKind kind)
+        : m_kind(kind)
+    { }
 
+    /// How many items are in the list; called with the mutex of the inbox held.
+    virtual int listSize() const = 0;
+
+    const InboxKind m_kind;
     QString m_id;                             // constant after start
     IMessageInterface* m_interface = nullptr; // constant after start
 
     // touched by the worker's own thread only: number of items found by one poll of the inbox, to
     // the number of polls that found that many (saturating); key 0 counts the empty polls
     QMap<int, int> m_batch_stats;
+
+    // atomic: written by the thread itself when it begins, read by any
+    std::atomic<quint64> m_thread_number{0};
 
 private:
     std::atomic<bool> m_unregistering{false}; // see announceUnReg
@@ -117,7 +144,9 @@ protected:
         const char* recordText;
     };
 
-    CInboxWorker() = default;
+    using CInboxWorkerBase::CInboxWorkerBase;
+
+    int listSize() const override;
 
     /// The loop: the body of run().
     void drain(const WorkerProfile& profile, const lxbase::detail::LogPlace& place);
@@ -126,7 +155,10 @@ protected:
 
 private:
     void takeBatch(QVector<Item*>& batch, Take take);
-    bool deliver(const QVector<Item*>& batch, const WorkerProfile& profile);
+    bool deliver(const QVector<Item*>& batch, const WorkerProfile& profile,
+                 lxbase::detail::InboxMeter& meter);
+    void call(Item& item, const WorkerProfile& profile, lxbase::detail::InboxMeter& meter);
+    void drop(Item* const* first, Item* const* last, bool hasPlugin);
     void countPoll(int items);
     void writeRecord(const WorkerProfile& profile, const lxbase::detail::LogPlace& place);
 };

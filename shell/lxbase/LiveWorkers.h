@@ -3,6 +3,7 @@
 #ifndef LXBASE_LIVEWORKERS_H
 #define LXBASE_LIVEWORKERS_H
 
+#include <lxbase/BusMonitor.h>
 #include <lxbase/InboxWorker.h>
 
 #include <QMap>
@@ -22,8 +23,16 @@ public:
 
     void add(CInboxWorkerBase* worker);
 
-    // The thread has ended. Whoever removes a worker may delete it then.
+    // The thread has ended, and what is still in the inbox will be freed. Its figures are added to
+    // those of the workers that have gone. Whoever removes a worker may delete it then.
     void remove(CInboxWorkerBase* worker);
+
+    // How many there are.
+    int count();
+
+    // The figures of all: first those that have gone, summed up for each kind that had one, then
+    // the others. Each worker is in it once, also one that goes meanwhile, so sums never go back.
+    QVector<InboxStatistics> statistics();
 
     // Calls `visit` with one worker after the other and its serial number, which no other has had;
     // the worker stays for the call. The mutex is held for each call anew, so workers may come and
@@ -46,6 +55,20 @@ private:
     QMutex m_mutex;
     QMap<CInboxWorkerBase*, quint64> m_serials; // guarded by m_mutex
     quint64 m_last_serial = 0;                  // guarded by m_mutex
+
+    using Sums = QMap<InboxKind, InboxStatistics>;
+    static void addTo(Sums& sums, const InboxStatistics& last);
+
+    struct Gone
+    {
+        quint64 serial;
+        InboxStatistics last;
+    };
+
+    // guarded by m_mutex
+    Sums m_gone;
+    int m_readers = 0;              // calls of statistics in progress
+    QVector<Gone> m_gone_meanwhile; // while there are any
 };
 
 } // namespace lxbase::detail

@@ -66,8 +66,7 @@ QVector<LostItem> LostItems::after(quint64 sequence) const
 {
     QVector<LostItem> result;
     const QMutexLocker locker(&m_mutex);
-    const quint64 first =
-        m_last_sequence < MaxListed ? 1 : m_last_sequence - MaxListed + 1;
+    const quint64 first = m_last_sequence < MaxListed ? 1 : m_last_sequence - MaxListed + 1;
     for (quint64 next = qMax(sequence + 1, first); next <= m_last_sequence; ++next)
         result.append(m_ring.at(static_cast<int>(next % MaxListed)));
     return result;

@@ -43,6 +43,13 @@ private:
     std::shared_ptr<const Observer> m_observer;
 };
 
+// A record that was put when the center was gone already; null: nothing was put.
+inline void countTurnedAway(const void* record)
+{
+    if (record)
+        LostItems::instance().count(LostReason::AtEnd);
+}
+
 } // namespace lxbase::detail
 
 #endif

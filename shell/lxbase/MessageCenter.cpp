@@ -6,6 +6,7 @@
 #include <lxbase/DispatchThread.h>
 #include <lxbase/EventWorkerThread.h>
 #include <lxbase/LiveWorkers.h>
+#include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageCommonManage.h>
 #include <lxbase/MessageWorkerThread.h>
@@ -13,6 +14,7 @@
 #include <lxbase/Owned.h>
 #include <lxbase/QuotationWorkerThread.h>
 #include <lxbase/Registry.h>
+#include <lxbase/StallWatch.h>
 
 #include <lxdefine/PluginID.h>
 #include <lxmsg/MessageCommon.h>
@@ -41,6 +43,23 @@ Inbox<MsgQueueItem*> messageInbox(const MsgRegInfo& record)
 Inbox<MsgQueueItem*> quotationInbox(const MsgRegInfo& record)
 {
     return {{record.quotation_mutex, record.quotation_state}, record.quotation_list};
+}
+
+// What a network put loses that finds no list: the center has not been started, or is gone.
+void noteNotHandedIn(CMessageCommon* msg, PutPath path, bool inside)
+{
+    if (!inside)
+        return countTurnedAway(msg);
+    if (!msg)
+        return;
+    LostItem lost;
+    lost.reason = LostReason::BeforeStart;
+    lost.path = path;
+    lost.source = PluginID::PLUGINNET_GLOBALID;
+    lost.destination = msg->GetDstid();
+    lost.type = msg->GetType();
+    lost.traceId = msg->traceId();
+    LostItems::instance().note(std::move(lost));
 }
 
 // Both singletons are made while the library is loaded. The pool is made first, so it outlives the
@@ -106,7 +125,8 @@ void CMessageCenter::Sub(QString id, QVariant type, int oper)
     if (!pass)
         return;
     qCDebug(lcLxbase) << "sub id" << id << " type" << type << " oper:" << oper;
-    msgSubscriptions().change(id, type, oper, CInboxWorkerBase::unregistering(id));
+    m_state->subscriptions +=
+        msgSubscriptions().change(id, type, oper, CInboxWorkerBase::unregistering(id));
 }
 
 void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
@@ -114,7 +134,7 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
     const std::unique_ptr<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
     if (!msg || !pass)
-        return;
+        return countTurnedAway(msg.get());
     const QString dst = msg->GetDstid();
     Delivery delivery(
         m_msg_reg_hash, m_msg_reg_mutex, messageInbox, std::move(srcId), msg->GetType(),
@@ -127,8 +147,9 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
                             << " failed!! because not find " << dst;
     }
     if (dst.isEmpty() && msg->GetSendToNetFlag())
-        delivery.alsoTo(PluginID::PLUGINNET_GLOBALID);
-    delivery.logFailures(LXBASE_LOG_PLACE, [&] { return msg->GetType(); });
+        delivery.alsoTo(PluginID::PLUGINNET_GLOBALID, LostReason::NoNetPlugin,
+                        LostReason::NoNetPlugin);
+    delivery.report(*msg, PutPath::Put, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
@@ -137,6 +158,8 @@ void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
     const QSharedPointer<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
     const bool handedIn = pass && netPath().handIn(msg);
+    if (!handedIn)
+        noteNotHandedIn(msg.get(), PutPath::PutNetMsg, bool(pass));
     if (!handedIn && pass.mayLog())
         qCWarning(lcLxbase) << "net recv list is NULL,maybe no init netmodule";
 }
@@ -147,6 +170,8 @@ void CMessageCenter::PutQuotationMsg(QString srcId, CMessageCommon* pMsg)
     const QSharedPointer<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
     const bool handedIn = pass && quotationPath().handIn(msg);
+    if (!handedIn)
+        noteNotHandedIn(msg.get(), PutPath::PutQuotationMsg, bool(pass));
     if (!handedIn && pass.mayLog())
         qCWarning(lcLxbase) << "m_quotation_list is NULL,maybe no init netmodule";
 }
@@ -199,7 +224,7 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
         qCDebug(lcLxbase) << "CMessageCenter::ProcessMsgByNetPut"
                           << "MsgType: " << msg->GetType() << " has not sub";
     }
-    delivery.logFailures(LXBASE_LOG_PLACE, [&] { return msg->GetType(); });
+    delivery.report(*msg, PutPath::PutNetMsg, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
@@ -218,7 +243,7 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find,maybe dstId not register" << dst;
     }
-    delivery.logFailures(LXBASE_LOG_PLACE, [&] { return msg->GetType(); });
+    delivery.report(*msg, PutPath::PutQuotationMsg, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::setIdlePolicy(IdlePolicy policy)
@@ -288,7 +313,7 @@ void CMessageCenter::FreeOneResouce(QString id)
 
 void CMessageCenter::FreeResourceForMsg(QString id)
 {
-    msgSubscriptions().removeAll(id);
+    m_state->subscriptions -= msgSubscriptions().removeAll(id);
     retireForMsg(id);
 }
 
@@ -333,6 +358,34 @@ NetworkPath<CProcessQuotationThread> CMessageCenter::quotationPath()
             m_quotation_thread};
 }
 
+// With the mutex of one inbox or list at a time.
+void CMessageCenter::readStatistics(BusStatistics& statistics)
+{
+    const CallGate::Pass pass(centerGate);
+    if (!pass)
+        return;
+    statistics.netList = netPath().statistics();
+    statistics.quotationList = quotationPath().statistics();
+    statistics.threads += netPath().isStarted() + quotationPath().isStarted();
+    statistics.subscriptions = m_state->subscriptions;
+    statistics.relationGroups = m_state->relation_groups;
+}
+
+quint64 CMessageCenter::waiting(const QString& id, InboxKind kind)
+{
+    const CallGate::Pass pass(centerGate);
+    if (!pass)
+        return 0;
+    if (kind == InboxKind::Events)
+        return waitingEvents(id);
+    const QMutexLocker locker(&m_msg_reg_mutex);
+    const MsgRegInfo* const record = m_msg_reg_hash.value(id);
+    if (!record)
+        return 0;
+    return kind == InboxKind::Messages ? messageInbox(*record).size()
+                                       : quotationInbox(*record).size();
+}
+
 // Called by whatever is about to start threads.
 CMessageCenter::IdlePolicy CMessageCenter::fixIdlePolicy()
 {
@@ -349,7 +402,7 @@ CMessageCenter::IdlePolicy CMessageCenter::fixIdlePolicy()
 bool CMessageCenter::endOrderly()
 {
     const bool alone = centerGate.close(QDeadlineTimer(MaxEndMs));
-    bool ended = alone;
+    bool ended = StallWatch::end(QDeadlineTimer(MaxEndMs)) && alone;
     const auto end = [&](const auto& path) {
         const bool stopped = path.stop(QDeadlineTimer(MaxEndMs));
         if (stopped && alone)

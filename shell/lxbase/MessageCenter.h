@@ -24,6 +24,8 @@ class CMessageWorkerThread;
 class CProcessMsgByNetPutThread;
 class CProcessQuotationThread;
 class CQuotationWorkerThread;
+enum class InboxKind;
+struct BusStatistics;
 struct MsgQueueItem;
 
 namespace lxbase::detail {
@@ -167,6 +169,8 @@ public:
     void setIdlePolicy(IdlePolicy policy);
 
 private:
+    friend class CBusMonitor;
+
     CMessageCenter();
     ~CMessageCenter();
     Q_DISABLE_COPY(CMessageCenter)
@@ -195,6 +199,11 @@ private:
     // Removes the registration of `id` on one side and ends its workers.
     void retireForMsg(const QString& id);
     void retireForEvent(const QString& id);
+
+    // For CBusMonitor.
+    void readStatistics(BusStatistics& statistics);
+    quint64 waiting(const QString& id, InboxKind kind);
+    quint64 waitingEvents(const QString& id);
 
     // The end of the center.
     bool endOrderly();

@@ -43,7 +43,8 @@ void CMessageCenter::SubEvent(QString id, QVariant type, int oper)
     if (!pass)
         return;
     qCDebug(lcLxbase) << "SubEvent id" << id << " type" << type << " oper:" << oper;
-    eventSubscriptions().change(id, type, oper, CInboxWorkerBase::unregistering(id));
+    m_state->subscriptions +=
+        eventSubscriptions().change(id, type, oper, CInboxWorkerBase::unregistering(id));
 }
 
 void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
@@ -51,7 +52,7 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
     const std::unique_ptr<CEventMessageCommon> event(pMsg);
     const CallGate::Pass pass(centerGate);
     if (!event || !pass)
-        return;
+        return countTurnedAway(event.get());
     const QVariant type = event->GetType();
     const QString dst = event->GetDstid();
     try {
@@ -79,7 +80,7 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
         relations().forEachRelated(delivery.srcId(), type,
                                    [&](const QString& member) { delivery.alsoTo(member); });
     }
-    delivery.logFailures(LXBASE_LOG_PLACE, [&] { return type; });
+    delivery.report(*event, PutPath::PutEvent, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::setRelation(const QString& from, const QString& to, int type,
@@ -87,7 +88,7 @@ void CMessageCenter::setRelation(const QString& from, const QString& to, int typ
 {
     const CallGate::Pass pass(centerGate);
     if (pass)
-        relations().change(from, to, type, color, oper);
+        m_state->relation_groups += relations().change(from, to, type, color, oper);
 }
 
 void CMessageCenter::printRelationMap() { }
@@ -118,7 +119,7 @@ void CMessageCenter::InitEventReg(QString id, IMessageInterface* pInterface,
 
 void CMessageCenter::FreeResourceForEvent(QString id)
 {
-    eventSubscriptions().removeAll(id);
+    m_state->subscriptions -= eventSubscriptions().removeAll(id);
     retireForEvent(id);
 }
 
@@ -126,6 +127,13 @@ void CMessageCenter::retireForEvent(const QString& id)
 {
     if (const auto record = takeRecord(m_event_reg_map, m_event_reg_mutex, id))
         endWorkers({record->event_thread});
+}
+
+quint64 CMessageCenter::waitingEvents(const QString& id)
+{
+    const QMutexLocker locker(&m_event_reg_mutex);
+    const EventRegInfo* const record = m_event_reg_map.value(id);
+    return record ? eventInbox(*record).size() : 0;
 }
 
 SubscriptionTable CMessageCenter::eventSubscriptions()

@@ -60,6 +60,8 @@ public:
     void run() override;
 
 private:
+    friend class CBusMonitor;
+
     CMessageCommonManage();
 
     void allocMsg();

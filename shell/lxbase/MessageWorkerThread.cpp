@@ -1,9 +1,12 @@
 #include <lxbase/MessageWorkerThread.h>
 
+#include <lxbase/BusMonitor.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageInterface.h>
 
-CMessageWorkerThread::CMessageWorkerThread() = default;
+CMessageWorkerThread::CMessageWorkerThread()
+    : CInboxWorker(InboxKind::Messages)
+{ }
 
 CMessageWorkerThread::~CMessageWorkerThread() = default;
 

@@ -4,12 +4,14 @@
 #define LXBASE_NETWORKPATH_H
 
 #include <lxbase/Inbox.h>
+#include <lxbase/LostItems.h>
 #include <lxbase/MessageCenter.h>
 
 #include <QDeadlineTimer>
 #include <QLatin1String>
 #include <QThread>
 
+#include <algorithm>
 #include <atomic>
 #include <memory>
 #include <utility>
@@ -67,6 +69,17 @@ struct NetworkPath
         return true;
     }
 
+    bool isStarted() const { return mutex.load(); }
+
+    NetworkListStatistics statistics() const
+    {
+        QMutex* const listMutex = mutex;
+        if (!listMutex)
+            return {};
+        const QMutexLocker locker(listMutex);
+        return state->meter.counts(list->size());
+    }
+
     // Ends the thread. False: it had not ended at the deadline, or is the present one.
     bool stop(QDeadlineTimer deadline) const
     {
@@ -81,6 +94,11 @@ struct NetworkPath
     void free() const
     {
         delete std::exchange(thread, nullptr);
+        if (list) {
+            const auto lost = std::count_if(list->cbegin(), list->cend(),
+                                            [](const Message& msg) { return !msg.isNull(); });
+            LostItems::instance().count(LostReason::AtEnd, static_cast<quint64>(lost));
+        }
         delete std::exchange(list, nullptr);
         delete mutex.exchange(nullptr);
         state.reset();

@@ -1,9 +1,12 @@
 #include <lxbase/QuotationWorkerThread.h>
 
+#include <lxbase/BusMonitor.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageInterface.h>
 
-CQuotationWorkerThread::CQuotationWorkerThread() = default;
+CQuotationWorkerThread::CQuotationWorkerThread()
+    : CInboxWorker(InboxKind::Quotations)
+{ }
 
 CQuotationWorkerThread::~CQuotationWorkerThread() = default;
 

@@ -21,8 +21,8 @@ public:
 
     RelationTable(GroupsByBase& groups, QMutex& mutex);
 
-    // See IMessageInterface::setRelation.
-    void change(const QString& from, const QString& to, int type, RelationColor_t color, int oper);
+    // See IMessageInterface::setRelation. Returns by how many the groups with a member have grown.
+    int change(const QString& from, const QString& to, int type, RelationColor_t color, int oper);
 
     // Calls `visit` with the other members of each group that contains `sender`, colour by colour,
     // among the groups of its base ID and `type`; with the mutex held.

@@ -21,11 +21,12 @@ bool add(Map& map, const Key& key, const Value& value)
     return isNew;
 }
 
+// True: there was one.
 template<class Map, class Key, class Value>
-void removeFirst(Map& map, const Key& key, const Value& value)
+bool removeFirst(Map& map, const Key& key, const Value& value)
 {
-    if (auto* values = map.value(key))
-        values->removeOne(value);
+    auto* const values = map.value(key);
+    return values && values->removeOne(value);
 }
 
 } // namespace
@@ -39,41 +40,47 @@ SubscriptionTable::SubscriptionTable(IdsByType& idsByType, IdsByInt& idsByInt, Q
     , m_types_mutex(typesMutex)
 { }
 
-void SubscriptionTable::change(const QString& id, const QVariant& type, int oper,
-                               const std::atomic<bool>* refused)
+int SubscriptionTable::change(const QString& id, const QVariant& type, int oper,
+                              const std::atomic<bool>* refused)
 {
     if (oper == IMessageInterface::OperAdd) {
         const QString ownedId = owned(id);
         const QVariant ownedType = owned(type);
         const QMutexLocker typesLocker(&m_types_mutex);
         if (refused && *refused)
-            return;
+            return 0;
         add(m_types_by_id, ownedId, ownedType);
         const QMutexLocker idsLocker(&m_ids_mutex);
         if (add(m_ids_by_type, ownedType, ownedId))
             m_ids_by_int.clear();
-    } else if (oper == IMessageInterface::OperRemove) {
+        return 1;
+    }
+    if (oper == IMessageInterface::OperRemove) {
         const QMutexLocker typesLocker(&m_types_mutex);
-        removeFirst(m_types_by_id, id, type);
+        const bool removed = removeFirst(m_types_by_id, id, type);
         const QMutexLocker idsLocker(&m_ids_mutex);
         removeFirst(m_ids_by_type, type, id);
+        return removed ? -1 : 0;
     }
+    return 0;
 }
 
 // Each visit of a type takes one record of `id` away, so a type that was subscribed twice is
 // visited twice. Puts get their turn between two types.
-void SubscriptionTable::removeAll(const QString& id)
+int SubscriptionTable::removeAll(const QString& id)
 {
     const QMutexLocker typesLocker(&m_types_mutex);
     const auto types = m_types_by_id.find(id);
     if (types == m_types_by_id.end())
-        return;
+        return 0;
+    const int count = (*types)->size();
     for (const QVariant& type : qAsConst(**types)) {
         const QMutexLocker idsLocker(&m_ids_mutex);
         removeFirst(m_ids_by_type, type, id);
     }
     delete *types;
     m_types_by_id.erase(types);
+    return count;
 }
 
 QVector<QString>* SubscriptionTable::subscribers(const QVariant& type) const

@@ -38,11 +38,12 @@ public:
     // Sub and SubEvent: OperAdd records the pair once more, OperRemove removes its first record,
     // any other does nothing. A record is not added if `refused` is set: read under the lock, so
     // that a removeAll that comes after it was set leaves none behind.
-    void change(const QString& id, const QVariant& type, int oper,
-                const std::atomic<bool>* refused = nullptr);
+    // Returns by how many records the table has grown.
+    int change(const QString& id, const QVariant& type, int oper,
+               const std::atomic<bool>* refused = nullptr);
 
-    // Removes every record of `id`.
-    void removeAll(const QString& id);
+    // Removes every record of `id`, and returns how many.
+    int removeAll(const QString& id);
 
     // Calls `visit` with the IDs subscribed to `type`, in the order of subscription and with the
     // mutex of the subscribers held. False: the type has no entry.

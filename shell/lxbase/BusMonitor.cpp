@@ -1,0 +1,181 @@
+#include <lxbase/BusMonitor.h>
+
+#include <lxbase/CallGate.h>
+#include <lxbase/DurationRecorder.h>
+#include <lxbase/InboxMeter.h>
+#include <lxbase/LiveWorkers.h>
+#include <lxbase/LostItems.h>
+#include <lxbase/LxbaseLog.h>
+#include <lxbase/MessageCenter.h>
+#include <lxbase/MessageCommonManage.h>
+#include <lxbase/StallWatch.h>
+
+#include <QDateTime>
+
+#include <algorithm>
+#include <cmath>
+#include <tuple>
+#include <utility>
+
+using namespace lxbase::detail;
+
+quint64 DurationHistogram::count() const
+{
+    quint64 count = 0;
+    for (const quint64 ofStep : m_counts)
+        count += ofStep;
+    return count;
+}
+
+qint64 DurationHistogram::quantile(double fraction) const
+{
+    const auto all = static_cast<double>(count());
+    const double rank = std::max(1.0, std::ceil(qBound(0.0, fraction, 1.0) * all));
+    double below = 0;
+    for (int step = 0; step < m_counts.size(); ++step) {
+        below += static_cast<double>(m_counts[step]);
+        if (below >= rank)
+            return step + 1 < Steps ? std::min(lowerEnd(step + 1) - 1, m_max) : m_max;
+    }
+    return 0;
+}
+
+quint64 DurationHistogram::countUpTo(qint64 limit) const
+{
+    quint64 count = 0;
+    for (int step = 0; step < m_counts.size(); ++step) {
+        const qint64 upper = step + 1 < Steps ? lowerEnd(step + 1) - 1 : m_max;
+        if (lowerEnd(step) + (upper - lowerEnd(step)) / 2 <= limit)
+            count += m_counts[step];
+    }
+    return count;
+}
+
+void DurationHistogram::add(const DurationHistogram& other)
+{
+    if (other.m_counts.isEmpty())
+        return;
+    m_counts.resize(Steps);
+    for (int step = 0; step < Steps; ++step)
+        m_counts[step] += other.m_counts[step];
+    m_max = std::max(m_max, other.m_max);
+    m_sum += other.m_sum;
+}
+
+void DurationHistogram::add(qint64 duration)
+{
+    duration = std::max<qint64>(duration, 0);
+    m_counts.resize(Steps);
+    ++m_counts[stepOf(duration)];
+    m_max = std::max(m_max, duration);
+    m_sum += duration;
+}
+
+// Below StepsPerOctave a step is one nanosecond; from there on the highest bit gives the octave and
+// the three behind it the step.
+int DurationHistogram::stepOf(qint64 duration)
+{
+    if (duration < StepsPerOctave)
+        return static_cast<int>(duration);
+    const int octave = 63 - static_cast<int>(qCountLeadingZeroBits(static_cast<quint64>(duration)));
+    const int step = (octave - 2) * StepsPerOctave
+        + static_cast<int>((duration >> (octave - 3)) % StepsPerOctave);
+    return std::min(step, Steps - 1);
+}
+
+qint64 DurationHistogram::lowerEnd(int step)
+{
+    if (step < StepsPerOctave)
+        return step;
+    const int octave = step / StepsPerOctave + 2;
+    return qint64(StepsPerOctave + step % StepsPerOctave) << (octave - 3);
+}
+
+DurationHistogram DurationRecorder::read() const
+{
+    DurationHistogram histogram;
+    histogram.m_counts.reserve(DurationHistogram::Steps);
+    for (const auto& count : m_counts)
+        histogram.m_counts.append(count.load(std::memory_order_relaxed));
+    histogram.m_max = m_max.load(std::memory_order_relaxed);
+    histogram.m_sum = m_sum.load(std::memory_order_relaxed);
+    return histogram;
+}
+
+QString lostReasonName(LostReason reason)
+{
+    static const char* const names[LostReasonCount] = {"unknown_destination",
+                                                       "no_subscriber",
+                                                       "subscriber_not_registered",
+                                                       "no_inbox",
+                                                       "no_net_plugin",
+                                                       "unregistered",
+                                                       "no_plugin",
+                                                       "not_copied",
+                                                       "before_start",
+                                                       "at_end"};
+    return QLatin1String(names[static_cast<int>(reason)]);
+}
+
+void CBusMonitor::setLevel(StatisticsLevel level)
+{
+    statisticsLevel = level;
+}
+
+StatisticsLevel CBusMonitor::level()
+{
+    return statisticsLevel;
+}
+
+BusStatistics CBusMonitor::statistics()
+{
+    BusStatistics statistics;
+    statistics.level = level();
+    statistics.timeMs = QDateTime::currentMSecsSinceEpoch();
+    statistics.lost = LostItems::instance().counts();
+    statistics.threads = LiveWorkers::instance().count() + StallWatch::isWatching();
+    statistics.inboxes = LiveWorkers::instance().statistics();
+    std::sort(statistics.inboxes.begin(), statistics.inboxes.end(),
+              [](const InboxStatistics& a, const InboxStatistics& b) {
+                  return std::tie(a.plugin, a.kind) < std::tie(b.plugin, b.kind);
+              });
+    CMessageCenter::GetInstance()->readStatistics(statistics);
+    CMessageCommonManage* const pool = CMessageCommonManage::GetInstance();
+    const QMutexLocker locker(&pool->m_pool_mutex);
+    statistics.poolRecordsMade = pool->m_max_index;
+    statistics.poolRecordsOnLoan =
+        pool->m_max_index - (pool->m_free_index_list.size() - pool->m_free_front);
+    return statistics;
+}
+
+quint64 CBusMonitor::waiting(const QString& plugin, InboxKind kind)
+{
+    return CMessageCenter::GetInstance()->waiting(plugin, kind);
+}
+
+QVector<LostItem> CBusMonitor::lostItems(quint64 afterSequence)
+{
+    return LostItems::instance().after(afterSequence);
+}
+
+void CBusMonitor::setLostItemObserver(std::function<void(const LostItem&)> observer)
+{
+    LostItems::instance().setObserver(std::move(observer));
+}
+
+void CBusMonitor::setStallLimit(int ms)
+{
+    const CallGate::Pass pass(centerGate);
+    if (!pass)
+        return;
+    if (ms < 0) {
+        qCWarning(lcLxbase) << "setStallLimit" << ms << ", refused: milliseconds from 0 on";
+        return;
+    }
+    StallWatch::begin(ms);
+}
+
+QVector<Stall> CBusMonitor::stalls()
+{
+    return StallWatch::stalls();
+}
