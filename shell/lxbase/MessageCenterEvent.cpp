@@ -79,7 +79,7 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
         relations().forEachRelated(delivery.srcId(), type,
                                    [&](const QString& member) { delivery.alsoTo(member); });
     }
-    delivery.logFailures(LXBASE_LOG_PLACE, [&] { return type; });
+    delivery.logFailures(LXBASE_LOG_PLACE, [&] { return QVariant(type); });
 }
 
 void CMessageCenter::setRelation(const QString& from, const QString& to, int type,
