@@ -62,8 +62,9 @@ struct NetworkPath
         newThread->start(QThread::InheritPriority);
         if (!newThread->isRunning())
             return false;
+        // NOLINTNEXTLINE(clang-analyzer-core.CallAndMessage): it loses sight of the reference
+        state.swap(newState);
         list = newList.release();
-        state = std::move(newState);
         thread = newThread.release();
         mutex = newMutex.release();
         return true;
