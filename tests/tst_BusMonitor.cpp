@@ -352,19 +352,24 @@ private slots:
     {
         CBusMonitor::setStallLimit(60 * 1000);
         Plugin plugin(M);
+        Latch entered;
         Latch goOn;
         plugin.onCall([&](const Call& call) {
-            if (call.data == 0)
+            if (call.data == 0) {
+                entered.signal();
                 goOn.wait();
+            }
         });
+        deliverTo(plugin.id(), M, 0);
+        entered.wait(); // with the first item alone in hand
         for (int reports = 1; reports <= 2; ++reports) {
             for (int i = 0; i < 12000 * reports; ++i)
-                deliverTo(plugin.id(), M, reports == 1 ? i : 1);
+                deliverTo(plugin.id(), M, 1);
             LX_WAIT_FOR(m_log->lines("warning").size() >= reports);
             QCOMPARE(m_log->lines("warning").size(), reports);
         }
         goOn.signal();
-        QVERIFY(plugin.waitForCalls(36000));
+        QVERIFY(plugin.waitForCalls(36001));
         CBusMonitor::setStallLimit(0);
         QCOMPARE(m_log->lines("warning").size(), 2);
     }
