@@ -32,10 +32,12 @@ qint64 DurationHistogram::quantile(double fraction) const
     const auto all = static_cast<double>(count());
     const double rank = std::max(1.0, std::ceil(qBound(0.0, fraction, 1.0) * all));
     double below = 0;
-    for (int step = 0; step < m_counts.size(); ++step) {
-        below += static_cast<double>(m_counts[step]);
+    int step = 0;
+    for (const quint64 ofStep : m_counts) {
+        below += static_cast<double>(ofStep);
+        ++step; // the next one
         if (below >= rank)
-            return step + 1 < Steps ? std::min(lowerEnd(step + 1) - 1, m_max) : m_max;
+            return step < Steps ? std::min(lowerEnd(step) - 1, m_max) : m_max;
     }
     return 0;
 }
@@ -43,21 +45,23 @@ qint64 DurationHistogram::quantile(double fraction) const
 quint64 DurationHistogram::countUpTo(qint64 limit) const
 {
     quint64 count = 0;
-    for (int step = 0; step < m_counts.size(); ++step) {
-        const qint64 upper = step + 1 < Steps ? lowerEnd(step + 1) - 1 : m_max;
-        if (lowerEnd(step) + (upper - lowerEnd(step)) / 2 <= limit)
-            count += m_counts[step];
+    int step = 0;
+    for (const quint64 ofStep : m_counts) {
+        const qint64 lower = lowerEnd(step++);
+        const qint64 upper = step < Steps ? lowerEnd(step) - 1 : m_max;
+        if (lower + (upper - lower) / 2 <= limit)
+            count += ofStep;
     }
     return count;
 }
 
 void DurationHistogram::add(const DurationHistogram& other)
 {
-    if (other.m_counts.isEmpty())
+    if (other.m_counts.empty())
         return;
     m_counts.resize(Steps);
-    for (int step = 0; step < Steps; ++step)
-        m_counts[step] += other.m_counts[step];
+    std::transform(m_counts.begin(), m_counts.end(), other.m_counts.begin(), m_counts.begin(),
+                   std::plus<>());
     m_max = std::max(m_max, other.m_max);
     m_sum += other.m_sum;
 }
@@ -66,7 +70,7 @@ void DurationHistogram::add(qint64 duration)
 {
     duration = std::max<qint64>(duration, 0);
     m_counts.resize(Steps);
-    ++m_counts[stepOf(duration)];
+    ++m_counts[static_cast<std::size_t>(stepOf(duration))];
     m_max = std::max(m_max, duration);
     m_sum += duration;
 }
@@ -96,7 +100,7 @@ DurationHistogram DurationRecorder::read() const
     DurationHistogram histogram;
     histogram.m_counts.reserve(DurationHistogram::Steps);
     for (const auto& count : m_counts)
-        histogram.m_counts.append(count.load(std::memory_order_relaxed));
+        histogram.m_counts.push_back(count.load(std::memory_order_relaxed));
     histogram.m_max = m_max.load(std::memory_order_relaxed);
     histogram.m_sum = m_sum.load(std::memory_order_relaxed);
     return histogram;

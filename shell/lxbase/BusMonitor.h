@@ -10,6 +10,7 @@
 #include <QVector>
 
 #include <functional>
+#include <vector>
 
 /// How much the bus counts and times while it works.
 enum class StatisticsLevel {
@@ -64,7 +65,7 @@ public:
 private:
     friend class DurationRecorder;
 
-    QVector<quint64> m_counts; // by step; empty while there are none
+    std::vector<quint64> m_counts; // by step; empty while there are none
     qint64 m_max = 0;
     qint64 m_sum = 0;
 };

@@ -83,8 +83,8 @@ bool InboxMeter::copyInHand(QString& sender, QVariant& type)
     m_hazard.store(inHand);
     const bool there = m_in_hand.load() == inHand;
     if (there) {
-        sender = inHand->sender;
-        type = inHand->type;
+        sender = *inHand->sender;
+        type = *inHand->type;
     }
     m_hazard.store(nullptr);
     return there;

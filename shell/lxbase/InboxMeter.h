@@ -38,8 +38,8 @@ public:
     // An item that a handler has, for whoever watches; lies on the worker's stack.
     struct InHand
     {
-        const QString& sender;
-        const QVariant& type;
+        const QString* sender;
+        const QVariant* type;
     };
 
     // ---- with the mutex of the inbox held

@@ -32,6 +32,16 @@ QString traceIdOf(const EventQueueItem&)
     return {};
 }
 
+// How an item came that waits in an inbox.
+PutPath pathOf(InboxKind kind, const QString& srcId)
+{
+    if (kind == InboxKind::Events)
+        return PutPath::PutEvent;
+    if (kind == InboxKind::Quotations)
+        return PutPath::PutQuotationMsg;
+    return srcId == PluginID::PLUGINNET_GLOBALID ? PutPath::PutNetMsg : PutPath::Put;
+}
+
 // Workers that have ended and are still there. Never destroyed: an event loop may delete a worker
 // at any time.
 struct Retired
@@ -266,15 +276,15 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
 template<class Item>
 void CInboxWorker<Item>::call(Item& item, const WorkerProfile& profile, InboxMeter& meter)
 {
-    if (!watchesHandlers.load(std::memory_order_relaxed)) {
-        (m_interface->*profile.handler)(std::move(item.src_id), std::move(item.type),
-                                        std::move(item.data));
-        return;
-    }
-    const InboxMeter::InHand inHand{item.src_id, item.type};
-    meter.publish(inHand);
-    (m_interface->*profile.handler)(item.src_id, item.type, std::move(item.data));
-    meter.withdraw();
+    const bool watched = watchesHandlers.load(std::memory_order_relaxed);
+    const InboxMeter::InHand inHand{&item.src_id, &item.type};
+    if (watched)
+        meter.publish(inHand);
+    QString srcId = watched ? item.src_id : std::move(item.src_id);
+    QVariant type = watched ? item.type : std::move(item.type);
+    (m_interface->*profile.handler)(std::move(srcId), std::move(type), std::move(item.data));
+    if (watched)
+        meter.withdraw();
 }
 
 // Frees items undelivered, and says so to whoever asks what was lost.
@@ -290,10 +300,7 @@ void CInboxWorker<Item>::drop(Item* const* first, Item* const* last, bool hasPlu
             continue;
         LostItem lost;
         lost.reason = reason;
-        lost.path = m_kind == InboxKind::Events            ? PutPath::PutEvent
-            : m_kind == InboxKind::Quotations              ? PutPath::PutQuotationMsg
-            : item->src_id == PluginID::PLUGINNET_GLOBALID ? PutPath::PutNetMsg
-                                                           : PutPath::Put;
+        lost.path = pathOf(m_kind, item->src_id);
         lost.source = item->src_id;
         lost.destination = m_id;
         lost.type = item->type;

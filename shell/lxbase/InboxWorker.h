@@ -86,6 +86,7 @@ public:
     virtual void freeInbox() = 0;
 
 protected:
+    /// A worker for an inbox of that kind.
     explicit CInboxWorkerBase(InboxKind kind)
         : m_kind(kind)
     { }

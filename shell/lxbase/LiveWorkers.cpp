@@ -57,7 +57,10 @@ QVector<InboxStatistics> LiveWorkers::statistics()
     if (--m_readers == 0)
         m_gone_meanwhile.clear();
     locker.unlock();
-    return gone.values().toVector() + present;
+    QVector<InboxStatistics> all;
+    for (const auto& [kind, sum] : gone)
+        all.append(sum);
+    return all + present;
 }
 
 void LiveWorkers::addTo(Sums& sums, const InboxStatistics& last)

@@ -10,6 +10,8 @@
 #include <QMutex>
 #include <QVector>
 
+#include <map>
+
 namespace lxbase::detail {
 
 // From their start until they have been waited for, so also while UnReg waits. Never destroyed.
@@ -56,7 +58,7 @@ private:
     QMap<CInboxWorkerBase*, quint64> m_serials; // guarded by m_mutex
     quint64 m_last_serial = 0;                  // guarded by m_mutex
 
-    using Sums = QMap<InboxKind, InboxStatistics>;
+    using Sums = std::map<InboxKind, InboxStatistics>; // copied for good, not shared
     static void addTo(Sums& sums, const InboxStatistics& last);
 
     struct Gone
