@@ -36,7 +36,8 @@ void RelationTable::change(const QString& from, const QString& to, int type, Rel
 
 void RelationTable::clear()
 {
-    for (const auto& groupsByType : std::exchange(m_groups, {}))
+    const GroupsByBase groups = std::exchange(m_groups, {});
+    for (const auto& groupsByType : groups)
         qDeleteAll(groupsByType);
 }
 
