@@ -436,7 +436,8 @@ bool CMessageCenter::endAllWorkers()
         stopped.append(worker.id());
     });
     QStringList running;
-    for (const CInboxWorkerBase* worker : endWorkers(workers, QDeadlineTimer(MaxEndMs))) {
+    const auto left = endWorkers(workers, QDeadlineTimer(MaxEndMs));
+    for (const CInboxWorkerBase* worker : left) {
         running.append(worker->id());
         stopped.removeAll(worker->id());
     }

@@ -55,7 +55,8 @@ int RelationTable::change(const QString& from, const QString& to, int type, Rela
 
 void RelationTable::clear()
 {
-    for (const auto& groupsByType : std::exchange(m_groups, {}))
+    const GroupsByBase groups = std::exchange(m_groups, {});
+    for (const auto& groupsByType : groups)
         qDeleteAll(groupsByType);
 }
 
