@@ -2,11 +2,11 @@
 # Debian, as root or through sudo), configures, builds and runs.
 
 .DEFAULT_GOAL := help
-.PHONY: help deps build demo test asan tsan soak fuzz model bench package-build package package-test \
+.PHONY: help deps build demo test metrics-test asan tsan soak fuzz model bench package-build package package-test \
 	abi-reference docs lint format format-check
 
 PACKAGES := ca-certificates ccache cmake g++ libqt5sql5-sqlite libtbb-dev make ninja-build \
-	pkg-config python3 qtbase5-dev
+	pkg-config prometheus-cpp-dev python3 qtbase5-dev
 SOURCES = $(shell git ls-files '*.h' '*.cpp')
 INSTALL = tools/install-deps
 CONFIGURE = cmake $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache) --preset
@@ -28,6 +28,10 @@ demo: deps ## build what it takes, and play a session through the bus
 
 test: build ## build, and run every test
 	ctest --preset release
+
+metrics-test: build ## have the client's metrics judged by the tools that read them
+	@$(INSTALL) prometheus python3-prometheus-client
+	tools/check-metrics build/release/client/lxclient
 
 asan: deps ## every test under AddressSanitizer, UndefinedBehaviorSanitizer and the leak check
 	$(CONFIGURE) asan

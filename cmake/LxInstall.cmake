@@ -44,7 +44,8 @@ string(REPLACE "](examples/plugin-template)" "](${template})" readme "${readme}"
 file(WRITE ${PROJECT_BINARY_DIR}/README.md "${readme}")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
     DESTINATION ${docs} COMPONENT development
-    FILES_MATCHING PATTERN "*.md" PATTERN "main.cpp" REGEX "/own-siblings/.*"
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.json" PATTERN "*.yml" PATTERN "main.cpp"
+    REGEX "/own-siblings/.*"
     PATTERN plugin-template EXCLUDE)
 install(FILES ${PROJECT_SOURCE_DIR}/bench/results.md DESTINATION ${docs}/bench COMPONENT development)
 install(FILES

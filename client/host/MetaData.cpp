@@ -164,6 +164,7 @@ Error MetaData::read(const QJsonObject& json, MetaData& metaData)
     MetaData read;
     read.id = json.value(QStringLiteral("id")).toString();
     read.instances = json.value(QStringLiteral("instances")).toString();
+    read.needs = json.value(QStringLiteral("needs")).toString();
     if (read.id.isEmpty() || read.id.contains(QLatin1Char('#')))
         return Error(QStringLiteral("its metadata names no \"id\", or one with a #"));
     const QJsonValue settings = json.value(QStringLiteral("settings"));

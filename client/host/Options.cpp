@@ -26,7 +26,7 @@ const char description[] =
     "  0  played to the end, or interrupted, and the ledger balances\n"
     "  1  the command line is wrong\n"
     "  2  cannot start: a recording, a plugin or its settings, the journal or the recording to be\n"
-    "     written\n"
+    "     written, the port of the metrics\n"
     "  3  the ledger does not balance: something was lost, doubled, reordered or not written";
 
 constexpr const char* colorNames[] = {"red", "orange", "yellow", "green", "cyan", "blue", "violet"};
@@ -44,6 +44,13 @@ Error wholeNumber(const QCommandLineParser& parser, const QString& option, int l
     }
     number = given;
     return {};
+}
+
+Error portFrom(const QCommandLineParser& parser, const QString& option, std::optional<int>& port)
+{
+    if (!parser.isSet(option))
+        return {};
+    return wholeNumber(parser, option, 0, 65535, port.emplace());
 }
 
 Error speedFrom(const QString& text, double& speed)
@@ -184,6 +191,21 @@ Error Options::parse(const QStringList& arguments, Options& options)
                         "orders.max-open=20. May be given several times."),
          QStringLiteral("KEY=VALUE")},
         {QStringLiteral("settings"), QStringLiteral("List the settings of all plugins, and end.")},
+        {QStringLiteral("statistics"),
+         QStringLiteral(
+             "Show at the end how long items waited in each inbox, how long the handlers "
+             "took, and what was lost.")},
+        {QStringLiteral("stall-limit"),
+         QStringLiteral("Say so when a handler, or the end of the session, takes longer than so "
+                        "many milliseconds (default: 1000; 0: never)."),
+         QStringLiteral("MS"), QStringLiteral("1000")},
+        {QStringLiteral("metrics"),
+         QStringLiteral("Serve the figures of the bus to Prometheus, on 127.0.0.1 alone. 0 takes a "
+                        "free port and says which. Default: not served."),
+         QStringLiteral("PORT")},
+        {QStringLiteral("stay"),
+         QStringLiteral("When everything has been played, stay until Ctrl+C: the metrics can then "
+                        "still be read.")},
         {QStringLiteral("verbose"),
          QStringLiteral("Show the debug records of the bus (category \"lxbase\") on stderr.")},
     });
@@ -205,6 +227,8 @@ Error Options::parse(const QStringList& arguments, Options& options)
     read.journal_file = parser.value(QStringLiteral("journal"));
     read.list_settings = parser.isSet(QStringLiteral("settings"));
     read.verbose = parser.isSet(QStringLiteral("verbose"));
+    read.statistics = parser.isSet(QStringLiteral("statistics"));
+    read.stay = parser.isSet(QStringLiteral("stay"));
     read.links_by_default = !parser.isSet(QStringLiteral("link"));
     const QStringList links = read.links_by_default
         ? QStringList(QStringLiteral("red:board#1,board#2"))
@@ -218,6 +242,8 @@ Error Options::parse(const QStringList& arguments, Options& options)
         linksFrom(links, read.links),
         idleFrom(parser.value(QStringLiteral("idle")), read.idle),
         settingsFrom(parser.values(QStringLiteral("set")), read.plugin_settings),
+        wholeNumber(parser, QStringLiteral("stall-limit"), 0, 3'600'000, read.stall_limit_ms),
+        portFrom(parser, QStringLiteral("metrics"), read.metrics_port),
     };
     for (const Error& error : errors) {
         if (error)

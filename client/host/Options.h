@@ -10,6 +10,8 @@
 #include <QString>
 #include <QStringList>
 
+#include <optional>
+
 enum ExitCode {
     ExitBalanced = 0,
     ExitBadCommandLine = 1, // the framework's own for it
@@ -31,6 +33,10 @@ struct Options
     QString journal_file;
     CMessageCenter::IdlePolicy idle = CMessageCenter::IdlePolicy::Park;
     bool verbose = false;
+    std::optional<int> metrics_port;        // 0: any; none: no metrics
+    bool statistics = false;                // at the end
+    int stall_limit_ms = 0;                 // 0: none
+    bool stay = false;                      // at the end, until it is interrupted
     QMap<QString, QString> plugin_settings; // given with --set, by name
     bool list_settings = false;             // and no more
 

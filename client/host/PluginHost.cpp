@@ -40,7 +40,7 @@ PluginHost::PluginHost() = default;
 
 PluginHost::~PluginHost()
 {
-    shutDown();
+    shutDown([](const QString&) {});
     // workers of the bus that the plugins' objects had, before their libraries go
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     m_instances.clear();
@@ -105,6 +105,12 @@ Error PluginHost::set(const QMap<QString, QString>& texts)
 
 Error PluginHost::load(const QVariantMap& common)
 {
+    const auto isNeedless = [&](const Library& library) {
+        const QString& needs = library.meta_data.needs;
+        return !needs.isEmpty() && !common.contains(needs);
+    };
+    m_libraries.erase(std::remove_if(m_libraries.begin(), m_libraries.end(), isNeedless),
+                      m_libraries.end());
     for (const Library& library : m_libraries) {
         if (!library.loader->load()) {
             return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()))
@@ -167,11 +173,13 @@ bool PluginHost::inputsEnded() const
     });
 }
 
-void PluginHost::shutDown()
+void PluginHost::shutDown(const std::function<void(const QString& id)>& next)
 {
     for (auto instance = m_instances.rbegin(); instance != m_instances.rend(); ++instance) {
-        if (std::exchange(instance->initialised, false))
+        if (std::exchange(instance->initialised, false)) {
+            next(instance->id);
             instance->plugin->shutDown();
+        }
     }
 }
 

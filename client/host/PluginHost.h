@@ -11,6 +11,7 @@
 #include <QVariantMap>
 #include <QVector>
 
+#include <functional>
 #include <memory>
 #include <vector>
 
@@ -44,7 +45,7 @@ public:
     lxclient::Error set(const QMap<QString, QString>& texts);
 
     // Loads the libraries and makes the plugin objects. `common` are the settings of the host,
-    // which may say how many objects of a class there are.
+    // which may say how many objects of a class there are, or that a library is not needed.
     lxclient::Error load(const QVariantMap& common);
 
     // IDs of all plugin objects, in the order in which they are initialised.
@@ -57,7 +58,8 @@ public:
     void stopInputs();
     bool inputsEnded() const;
 
-    void shutDown();
+    // Says before each plugin's shutDown, which waits for its handlers, whose it is.
+    void shutDown(const std::function<void(const QString& id)>& next);
 
     QVector<NamedReport> reports() const;
 

@@ -12,7 +12,6 @@ constexpr int RefreshMs = 200;
 } // namespace
 
 ProgressLine::ProgressLine()
-    : m_on_terminal(::isatty(STDERR_FILENO) == 1)
 {
     m_session.start();
     m_age.start();
@@ -25,7 +24,7 @@ ProgressLine::~ProgressLine()
 
 void ProgressLine::show(const Tap& tap)
 {
-    if (!m_on_terminal || m_age.elapsed() < RefreshMs)
+    if (!isOnTerminal() || m_age.elapsed() < RefreshMs)
         return;
     m_age.restart();
     const Tap::Progress progress = tap.progress();
@@ -36,8 +35,21 @@ void ProgressLine::show(const Tap& tap)
                  qPrintable(time), m_session.elapsed() / 1000);
 }
 
+// In one call, so that nothing comes between.
+void ProgressLine::say(const QString& sentence)
+{
+    std::fprintf(stderr, "%slxclient: %s\n", isOnTerminal() ? "\r\033[K" : "",
+                 qPrintable(sentence));
+}
+
+bool ProgressLine::isOnTerminal()
+{
+    static const bool answer = ::isatty(STDERR_FILENO) == 1;
+    return answer;
+}
+
 void ProgressLine::clear()
 {
-    if (m_on_terminal)
+    if (isOnTerminal())
         std::fputs("\r\033[K", stderr);
 }

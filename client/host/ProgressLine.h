@@ -19,11 +19,13 @@ public:
     // Writes it anew, unless that has been done just now; call it often.
     void show(const Tap& tap);
 
-    // Makes room for other output.
-    void clear();
+    // Writes a sentence to stderr instead; the line follows below it. Any thread.
+    static void say(const QString& sentence);
 
 private:
-    const bool m_on_terminal;
+    static bool isOnTerminal();
+    static void clear();
+
     QElapsedTimer m_session;
     QElapsedTimer m_age; // of what stands there
 };

@@ -1,9 +1,12 @@
 #include "Session.h"
 
+#include "BusTables.h"
 #include "Summary.h"
 
 #include <Recordings.h>
 #include <SyntheticSession.h>
+
+#include <lxbase/BusMonitor.h>
 
 #include <QFileInfo>
 
@@ -34,6 +37,8 @@ Session::Session(const Options& options)
         {setting::Boards, options.boards},
         {setting::Journal, options.journal_file},
     };
+    if (options.metrics_port)
+        m_settings.insert(setting::MetricsPort, *options.metrics_port);
     connect(&m_timer, &QTimer::timeout, this, &Session::tick);
 }
 
@@ -51,7 +56,14 @@ Error Session::start()
         return error;
     if (const Error error = linkPlugins())
         return error;
+    if (m_options.metrics_port && !m_host.ids().contains(QStringLiteral("metrics"))) {
+        return Error(QStringLiteral("--metrics: there is no plugin metrics in %1")
+                         .arg(m_options.plugin_folder));
+    }
 
+    CBusMonitor::setStallLimit(m_options.stall_limit_ms);
+    if (m_options.statistics)
+        CBusMonitor::setLevel(StatisticsLevel::Sampled);
     auto* const center = CMessageCenter::GetInstance();
     center->setIdlePolicy(m_options.idle);
     center->Start();
@@ -74,21 +86,33 @@ Error Session::start()
 
 void Session::interrupt()
 {
-    m_interrupted = true;
-    m_host.stopInputs();
+    if (m_state == State::Staying) {
+        end();
+    } else {
+        m_interrupted = true;
+        m_host.stopInputs();
+    }
 }
 
-// The verdict is on the reports that follow the shutdown: only then are all accounts closed.
+// The verdict is on the reports that follow the shutdown: only then are all accounts closed. So is
+// the count of what was lost; but the inboxes go with the shutdown.
 ExitCode Session::finish()
 {
-    m_progress.reset();
-    m_host.shutDown();
+    BusStatistics bus = CBusMonitor::statistics();
+    {
+        WaitReporter waitReporter(m_options.stall_limit_ms);
+        m_host.shutDown([&](const QString& id) {
+            waitReporter.begin(QStringLiteral("shutting down %1").arg(id));
+        });
+    }
+    bus.lost = CBusMonitor::statistics().lost;
     m_tap.stop();
     const QVector<NamedReport> last = reports();
     const Ledger ledger(last);
-    const QString text = summary(last, ledger,
-                                 {m_tap.progress().quotes, m_played_ns, m_interrupted,
-                                  m_options.record_file, m_tap.recorded()});
+    const QString text =
+        summary(last, ledger,
+                {m_tap.progress().quotes, m_played_ns, m_interrupted, m_options.record_file,
+                 m_tap.recorded(), bus, m_options.statistics});
     std::fputs(qPrintable(text), stdout);
     std::fflush(stdout);
     return ledger.balances() ? ExitBalanced : ExitUnbalanced;
@@ -164,6 +188,8 @@ void Session::tick()
     m_progress->show(m_tap);
     if (m_state == State::Playing && m_host.inputsEnded()) {
         m_state = State::Settling;
+        m_wait_reporter.emplace(m_options.stall_limit_ms);
+        m_wait_reporter->begin(QStringLiteral("settling"));
         m_standstill.start();
         m_last_ledger = Ledger();
     } else if (m_state == State::Settling) {
@@ -182,15 +208,26 @@ void Session::settle()
     if (!settled && m_standstill.elapsed() < SettleLimitMs)
         return;
     m_played_ns = m_played.nsecsElapsed();
-    if (!settled) {
-        m_progress->clear();
-        std::fprintf(
-            stderr,
-            "lxclient: the ledger has not changed for %d s and does not balance; giving up "
-            "waiting.\n",
-            SettleLimitMs / 1000);
-    }
-    m_state = State::Ended;
     m_timer.stop();
+    m_wait_reporter.reset();
+    m_progress.reset();
+    if (!settled) {
+        ProgressLine::say(QStringLiteral("the ledger has not changed for %1 s and does not "
+                                         "balance; giving up waiting.")
+                              .arg(SettleLimitMs / 1000));
+        for (const QString& inbox : unfinishedInboxes(CBusMonitor::statistics()))
+            ProgressLine::say(QStringLiteral("still waiting for ") + inbox);
+    }
+    if (settled && m_options.stay && !m_interrupted) {
+        m_state = State::Staying;
+        ProgressLine::say(QStringLiteral("everything was received; Ctrl+C ends."));
+    } else {
+        end();
+    }
+}
+
+void Session::end()
+{
+    m_state = State::Ended;
     emit ended();
 }

@@ -7,6 +7,7 @@
 #include "PluginHost.h"
 #include "ProgressLine.h"
 #include "Tap.h"
+#include "WaitReporter.h"
 
 #include <QElapsedTimer>
 #include <QObject>
@@ -21,7 +22,8 @@
 // balance and are equal: between the two there was a moment at which everybody had exactly these
 // counts, so whatever had been put by then had been received as well, and what was received had led
 // to everything that it leads to (see <lxclient/Report.h>). If the counts stand still without
-// balancing, the session waits for SettleLimitMs and then says so.
+// balancing, the session waits for SettleLimitMs and then says so, and what it was waiting for. A
+// session that has settled may stay until it is interrupted.
 class Session : public QObject
 {
     Q_OBJECT
@@ -44,7 +46,7 @@ signals:
     void ended();
 
 private:
-    enum class State { Playing, Settling, Ended };
+    enum class State { Playing, Settling, Staying, Ended };
 
     lxclient::Error takeSymbols();
     lxclient::Error linkPlugins();
@@ -52,6 +54,7 @@ private:
     QVector<NamedReport> reports() const;
     void tick();
     void settle();
+    void end();
 
     const Options m_options;
     QVariantMap m_settings; // the host's own, the same for every plugin
@@ -66,7 +69,8 @@ private:
     QElapsedTimer m_played;     // since the inputs were started
     QElapsedTimer m_standstill; // since a count changed
     qint64 m_played_ns = 0;
-    std::optional<ProgressLine> m_progress; // while it plays and settles
+    std::optional<ProgressLine> m_progress;      // while it plays and settles
+    std::optional<WaitReporter> m_wait_reporter; // while it settles
 };
 
 #endif

@@ -1,5 +1,6 @@
 #include "Summary.h"
 
+#include "BusTables.h"
 #include "TextTable.h"
 
 #include <QMap>
@@ -122,5 +123,13 @@ QString summary(const QVector<NamedReport>& reports, const Ledger& ledger,
         text += QStringLiteral("%1 quotes recorded in %2.\n")
                     .arg(grouped64(figures.recorded), figures.record_file);
     }
+    if (!ledger.balances()) {
+        for (const QString& inbox : unfinishedInboxes(figures.bus))
+            text += QStringLiteral("Not finished: %1\n").arg(inbox);
+    }
+    if (figures.statistics)
+        text += QLatin1Char('\n') + inboxTable(figures.bus);
+    if (figures.statistics || !ledger.balances())
+        text += QLatin1Char('\n') + lostTable(figures.bus);
     return text;
 }

@@ -37,6 +37,8 @@ private:
     lxclient::Error onInitialise(const QVariantMap& settings) override
     {
         m_faulty = settings.value("fault") == id();
+        m_hangs = settings.value("hang") == id();
+        m_late = settings.value("late") == id();
         if (settings.value("refuse") == id())
             return lxclient::Error("told to refuse");
         m_audit.expect(settings.value(lxclient::setting::Symbols).toStringList());
@@ -45,17 +47,31 @@ private:
         return {};
     }
 
-    void onShutDown() override { say("shut down"); }
+    void onShutDown() override
+    {
+        if (m_late)
+            waitForTheEndOfInput();
+        say("shut down");
+    }
 
     void onQuote(const lxclient::Quote& quote) override
     {
+        if (m_hangs)
+            waitForTheEndOfInput();
         const QMutexLocker locker(&m_mutex);
         m_audit.count(quote);
     }
 
     void say(const char* what) const { std::fprintf(stderr, "%s %s\n", qPrintable(id()), what); }
 
+    static void waitForTheEndOfInput()
+    {
+        while (std::getchar() != EOF) { }
+    }
+
     bool m_faulty = false;
+    bool m_hangs = false;
+    bool m_late = false;
     mutable QMutex m_mutex;
     lxclient::QuoteAudit m_audit; // guarded by m_mutex
 };

@@ -4,6 +4,7 @@
 #include <QRegularExpression>
 #include <QSqlDatabase>
 #include <QSqlQuery>
+#include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
@@ -41,14 +42,31 @@ class Client : public QProcess
 public:
     explicit Client(const QStringList& arguments) { start(LXCLIENT, arguments); }
 
+    // The first capture of what the client has said on stderr so far; null: it has not said that.
+    QString said(const QString& expression)
+    {
+        QCoreApplication::processEvents();
+        m_err += QString::fromUtf8(readAllStandardError());
+        return QRegularExpression(expression).match(m_err).captured(1);
+    }
+
+    void interrupt()
+    {
+        if (::kill(static_cast<pid_t>(processId()), SIGINT) != 0)
+            qFatal("lxclient cannot be interrupted");
+    }
+
     Outcome outcome()
     {
         if (!waitForFinished(DeadlineMs))
             qFatal("lxclient did not end within its deadline");
         return {exitStatus() == NormalExit ? exitCode() : -1,
                 QString::fromUtf8(readAllStandardOutput()),
-                QString::fromUtf8(readAllStandardError())};
+                m_err + QString::fromUtf8(readAllStandardError())};
     }
+
+private:
+    QString m_err; // as far as it was looked at
 };
 
 Outcome run(const QStringList& arguments)
@@ -56,10 +74,27 @@ Outcome run(const QStringList& arguments)
     return Client(arguments).outcome();
 }
 
-// A short session with orders in it.
+// A short session with orders in it. However slow the machine, it does not complain.
 Outcome runBriefly(const QStringList& arguments)
 {
-    return run(QStringList{"--synthetic-quotes", "20000"} + arguments);
+    return run(QStringList{"--synthetic-quotes", "20000", "--stall-limit", "0"} + arguments);
+}
+
+// What a client serves: values by series, "lxbase_threads" or "lxbase_inbox_items{plugin=...}".
+QMap<QString, double> scrape(int port)
+{
+    QTcpSocket socket;
+    socket.connectToHost("127.0.0.1", static_cast<quint16>(port));
+    if (!socket.waitForConnected(DeadlineMs) || socket.write("GET /metrics HTTP/1.0\r\n\r\n") < 0)
+        return {};
+    while (socket.waitForReadyRead(DeadlineMs)) { }
+    QMap<QString, double> values;
+    for (const QByteArray& line : socket.readAll().split('\n')) {
+        const int space = line.lastIndexOf(' ');
+        if (line.startsWith("lxbase_"))
+            values.insert(QString::fromUtf8(line.left(space)), line.mid(space + 1).toDouble());
+    }
+    return values;
 }
 
 #define VERIFY_CODE(outcome, expected)                                                             \
@@ -114,6 +149,7 @@ private slots:
                      outcome.count("order requests of strategy"));
             QVERIFY(outcome.count("quotes EUR/USD") > 1000);
             QCOMPARE(outcome.err, QString());
+            QCOMPARE(outcome.captured("Plugin", "(metrics)"), QString()); // not asked for
         }
     }
 
@@ -145,6 +181,8 @@ private slots:
             {1, {"--nonsense"}, "Unknown option"},
             {1, {"--speed", "0"}, "--speed 0"},
             {1, {"--boards", "0"}, "--boards 0"},
+            {1, {"--metrics", "65536"}, "--metrics 65536"},
+            {1, {"--stall-limit", "-1"}, "--stall-limit -1"},
             {1, {"--link", "red:a", "--link", "blue:a"}, "--link blue:a"},
             {2, {"--set", "a=9"}, "--set a: no plugin has this setting; there are orders.max-open"},
             {2, {"--set", "orders.max-open=0"}, "--set orders.max-open=0: a whole number from 1"},
@@ -191,7 +229,7 @@ private slots:
             return recording.open(QIODevice::ReadOnly) ? recording.readAll().count('\n') - 1 : 0;
         };
         QTRY_VERIFY_WITH_TIMEOUT(recorded() > 20, DeadlineMs);
-        QVERIFY(::kill(static_cast<pid_t>(client.processId()), SIGINT) == 0);
+        client.interrupt();
         const Outcome outcome = client.outcome();
         VERIFY_CODE(outcome, 0);
         QVERIFY(outcome.out.contains(", interrupted"));
@@ -254,6 +292,85 @@ private slots:
             {"--plugins", folder.path(), "--set", "strangers=1", "--set", "fault=stranger#1"});
         VERIFY_CODE(faulty, 3);
         QVERIFY(faulty.out.contains("FAULT  stranger#1: told to be faulty"));
+        QVERIFY(faulty.out.contains("The bus lost nothing."));
+    }
+
+    void whoHoldsUpTheEndIsNamed()
+    {
+        const QStringList cases[] = {
+            {"hang=stranger#1", "(waiting for stranger#1: quotations handler busy for )"},
+            {"late=stranger#1", "(shutting down stranger#1 for )"},
+        };
+        const Folder folder(STRANGER);
+        for (const QStringList& names : cases) {
+            Client client({"--plugins", folder.path(), "--synthetic-quotes", "2000",
+                           "--stall-limit", "50", "--set", names[0]});
+            QTRY_VERIFY_WITH_TIMEOUT(!client.said(names[1]).isNull(), DeadlineMs);
+            client.closeWriteChannel();
+            const Outcome outcome = client.outcome();
+            VERIFY_CODE(outcome, 0);
+        }
+    }
+
+    void whatIsScrapedAddsUpAndIsWhatTheEndTableShows()
+    {
+        if (!LXCLIENT_METRICS)
+            QSKIP("built without the plugin metrics");
+        Client client({"--metrics", "0", "--statistics", "--stay", "--stall-limit", "0", "--speed",
+                       "1000", "--synthetic-quotes", "20000"});
+        const auto port = [&] { return client.said("metrics: http://127.0.0.1:(\\d+)/").toInt(); };
+        QTRY_VERIFY_WITH_TIMEOUT(port() > 0, DeadlineMs);
+        const Outcome second = run({"--metrics", QString::number(port())});
+        VERIFY_CODE(second, 2);
+        QVERIFY2(second.err.contains(QString("127.0.0.1:%1: cannot be listened on").arg(port())),
+                 qPrintable(second.err));
+
+        const QString put = "lxbase_items_put_total";
+        QMap<QString, double> last;
+        QStringList inboxes; // {plugin="board#1",kind="events"}
+        double inHand = 0;
+        const auto scrapeOnce = [&] {
+            const QMap<QString, double> now = scrape(port());
+            for (auto before = last.constBegin(); before != last.constEnd(); ++before) {
+                if (before.key().contains("_total"))
+                    QVERIFY2(now.value(before.key(), -1) >= *before, qPrintable(before.key()));
+            }
+            last = now;
+            inboxes = last.keys().filter(put).replaceInStrings(put, QString());
+            inHand = 0;
+            for (const QString& inbox : inboxes) {
+                const double left = last[put + inbox] - last["lxbase_items_handled_total" + inbox]
+                    - last["lxbase_items_dropped_total" + inbox]
+                    - last["lxbase_inbox_items" + inbox];
+                QVERIFY2(left >= 0, qPrintable(inbox));
+                inHand += left;
+            }
+            QVERIFY(!inboxes.isEmpty());
+        };
+        const auto isAtRest = [&] {
+            const bool received = !client.said("(everything was received)").isNull();
+            scrapeOnce();
+            return QTest::currentTestFailed() || (received && inHand == 0);
+        };
+        scrapeOnce(); // as it begins
+        QTRY_VERIFY_WITH_TIMEOUT(isAtRest(), DeadlineMs);
+        client.interrupt();
+        const Outcome outcome = client.outcome();
+        VERIFY_CODE(outcome, 0);
+        int plugins = 0;
+        for (const QString& inbox : inboxes) {
+            const QStringList labels = inbox.split('"');
+            if (labels[1] == "(gone)")
+                continue;
+            QCOMPARE(outcome.captured("Inbox", labels[1] + " +" + labels[3] + " +(\\S+ +\\S+)")
+                         .remove(',')
+                         .simplified(),
+                     QString("%1 %2")
+                         .arg(last["lxbase_items_handled_total" + inbox])
+                         .arg(last["lxbase_inbox_items_peak" + inbox]));
+            ++plugins;
+        }
+        QVERIFY(plugins > 6);
     }
 
     void aLibraryThatIsNoFitPluginStopsTheStart()

@@ -28,6 +28,7 @@ namespace lxclient {
 ///  - "instances": optional, the name of an int setting that holds a number N: there are then N
 ///    objects of the class, with the IDs id#1 to id#N. The class needs a constructor without
 ///    arguments that is declared Q_INVOKABLE.
+///  - "needs": optional, the name of a setting of the host. Without it the library is not loaded.
 ///  - "settings": optional, a list of the settings that the user can give with --set NAME=VALUE:
 ///
 ///        { "name": "orders.max-open", "type": "int", "default": 1000, "min": 1,
@@ -39,7 +40,8 @@ namespace lxclient {
 /// A folder needs one plugin at least that is an Input.
 ///
 /// Life, all on the host's main thread, which runs an event loop:
-///  1. Every library in the plugin folder is loaded and its root object made. Constructors touch
+///  1. Every library in the plugin folder that is needed is loaded and its root object made.
+///  Constructors touch
 ///     neither the bus nor anything that can fail.
 ///  2. initialise, in the order of the IDs. The bus has been started.
 ///  3. Those that are an Input as well are started, when all have been initialised: whoever

@@ -124,11 +124,14 @@ inline const QString SyntheticSeed = QStringLiteral("synthetic.seed");
 inline const QString Boards = QStringLiteral("boards");
 /// QString: the journal's file; empty: none.
 inline const QString Journal = QStringLiteral("journal");
+/// int: where the metrics are served, on the loopback interface; 0: anywhere. Missing: nowhere.
+inline const QString MetricsPort = QStringLiteral("metrics.port");
 
 /// All of them.
 inline QStringList ofTheHost()
 {
-    return {Symbols, Linked, Quotes, Speed, SyntheticQuotes, SyntheticSeed, Boards, Journal};
+    return {Symbols,       Linked, Quotes,  Speed,      SyntheticQuotes,
+            SyntheticSeed, Boards, Journal, MetricsPort};
 }
 
 } // namespace setting
