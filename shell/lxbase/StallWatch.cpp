@@ -205,8 +205,9 @@ void StallWatch::look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs,
 
 bool StallWatch::mayReport(const QString& plugin, qint64 nowMs)
 {
+    constexpr qint64 minuteMs = 60000;
     QVector<qint64>& times = m_report_ms[plugin];
-    while (!times.isEmpty() && times.first() <= nowMs - 60 * 1000)
+    while (!times.isEmpty() && times.first() <= nowMs - minuteMs)
         times.removeFirst();
     if (times.size() >= MaxReportsPerMinute)
         return false;
