@@ -71,7 +71,7 @@ private:
 };
 
 /// The figures of one inbox since its registration. At every moment put == waiting + handled +
-/// dropped + what is left of the batch that its thread has in hand. Counts are of items.
+/// dropped + what of the batch in hand has not been counted yet. Counts are of items.
 struct InboxStatistics
 {
     QString plugin;                       ///< the ID; empty: all plugins that have gone
@@ -79,7 +79,7 @@ struct InboxStatistics
     quint64 waiting = 0;                  ///< in the inbox now
     quint64 peak = 0;                     ///< the most that waited at once
     quint64 put = 0;                      ///< into the inbox
-    quint64 handled = 0;                  ///< by handler calls that have returned
+    quint64 handled = 0;                  ///< counted every 64 calls at most, and with each batch
     quint64 dropped = 0;                  ///< freed undelivered
     qint64 busyForNs = 0;                 ///< of the handler call in progress; 0 if there is none
     DurationHistogram waitTime;           ///< from put to handler; from level Sampled on

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <chrono>
+#include <limits>
 #include <thread>
 #include <utility>
 
@@ -16,9 +17,11 @@ qint64 monotonicNs()
 void InboxMeter::take(int count)
 {
     m_batch_level = statisticsLevel.load(std::memory_order_relaxed);
-    m_batch_left = count;
+    m_batch_size = count;
+    m_batch_counted = 0;
     m_batch_probe = std::exchange(m_probe, {});
-    m_calls_to_reading = 0;
+    m_calls_to_reading =
+        m_batch_level == StatisticsLevel::Off ? std::numeric_limits<int>::max() : 0;
     m_read_ns = 0;
     const auto taken = static_cast<quint64>(count);
     increase(m_taken, taken);
@@ -30,7 +33,7 @@ void InboxMeter::giveBack(int count)
 {
     m_taken.store(m_taken.load(std::memory_order_relaxed) - static_cast<quint64>(count),
                   std::memory_order_relaxed);
-    m_batch_left -= count;
+    m_batch_size -= count;
 }
 
 // What has been handled is read before what has been taken, so that a batch in hand is never
@@ -58,9 +61,10 @@ void InboxMeter::readTimes(InboxStatistics& statistics) const
 
 void InboxMeter::finishBatch(int dropped)
 {
-    const auto handled = static_cast<quint64>(std::exchange(m_batch_left, 0) - dropped);
-    if (handled > 0)
-        increase(m_handled, handled);
+    m_timed = false;
+    const int handled = m_batch_size - m_batch_counted - dropped;
+    m_calls_to_timed -= handled;
+    increase(m_handled, static_cast<quint64>(handled));
     if (dropped > 0)
         increase(m_dropped, static_cast<quint64>(dropped));
     m_busy_since_ns.store(0, std::memory_order_relaxed);
@@ -90,32 +94,46 @@ bool InboxMeter::copyInHand(QString& sender, QVariant& type)
     return there;
 }
 
-void InboxMeter::beginCounted(int index)
+// What has been handled since the last reading is counted here. The next reading is due after as
+// many calls as take some microseconds, or when a call is to be timed, or the probe's turn comes.
+void InboxMeter::readClock(int index)
 {
-    const bool probed = index == m_batch_probe.index;
-    m_timed = m_batch_level == StatisticsLevel::Full
-        || (m_batch_level == StatisticsLevel::Sampled && m_untimed_calls++ % SampledCalls == 0);
-    if (m_calls_to_reading-- > 0 && !m_timed && !probed)
-        return;
     const qint64 now = monotonicNs();
     if (m_read_ns) {
-        const bool fast = now - m_read_ns < m_calls_per_reading * MaxNsPerCall;
+        const int calls = std::max(index - m_batch_counted, 1);
+        const bool fast = now - m_read_ns < calls * MaxNsPerCall;
         m_calls_per_reading = fast ? std::min(2 * m_calls_per_reading, MaxCallsPerReading)
                                    : std::max(m_calls_per_reading / 2, 1);
     }
-    m_calls_to_reading = m_calls_per_reading - 1;
+    m_handled.store(m_handled.load(std::memory_order_relaxed)
+                        + static_cast<quint64>(index - m_batch_counted),
+                    std::memory_order_release);
+    const int since = index - std::exchange(m_batch_counted, index);
     m_read_ns = now;
     m_busy_since_ns.store(now, std::memory_order_relaxed);
-    if (probed)
+    if (index == m_batch_probe.index)
         recordTo(m_wait_time, m_wait_time_owner, now - m_batch_probe.putNs);
+
+    int next = m_calls_per_reading;
+    m_timed = m_batch_level == StatisticsLevel::Full;
+    if (m_timed) {
+        next = 1;
+    } else if (m_batch_level == StatisticsLevel::Sampled) {
+        m_calls_to_timed -= since;
+        m_timed = m_calls_to_timed <= 0;
+        if (m_timed)
+            m_calls_to_timed = SampledCalls;
+        next = m_timed ? 1 : std::min(next, m_calls_to_timed);
+    }
+    if (m_batch_probe.index > index)
+        next = std::min(next, m_batch_probe.index - index);
+    m_calls_to_reading = next - 1;
 }
 
-void InboxMeter::endCounted()
+void InboxMeter::recordHandlerTime()
 {
-    --m_batch_left;
-    m_handled.store(m_handled.load(std::memory_order_relaxed) + 1, std::memory_order_release);
-    if (m_timed)
-        recordTo(m_handler_time, m_handler_time_owner, monotonicNs() - m_read_ns);
+    recordTo(m_handler_time, m_handler_time_owner, monotonicNs() - m_read_ns);
+    m_timed = false;
 }
 
 void InboxMeter::recordTo(std::atomic<DurationRecorder*>& recorder,

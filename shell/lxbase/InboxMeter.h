@@ -64,13 +64,13 @@ public:
     // Element `index` is about to be handled, or has been.
     void begin(int index)
     {
-        if (m_batch_level != StatisticsLevel::Off)
-            beginCounted(index);
+        if (m_calls_to_reading-- <= 0)
+            readClock(index);
     }
     void end()
     {
-        if (m_batch_level != StatisticsLevel::Off)
-            endCounted();
+        if (m_timed)
+            recordHandlerTime();
     }
 
     // The batch is done, save `dropped` elements that nobody will handle.
@@ -106,8 +106,8 @@ private:
         value.store(value.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
     }
 
-    void beginCounted(int index);
-    void endCounted();
+    void readClock(int index);
+    void recordHandlerTime();
     void recordTo(std::atomic<DurationRecorder*>& recorder,
                   std::unique_ptr<DurationRecorder>& owner, qint64 duration);
 
@@ -115,16 +115,17 @@ private:
     // that busyForNs is right to that, and fast handlers pay for few readings.
     static constexpr int MaxCallsPerReading = 64;
     static constexpr qint64 MaxNsPerCall = 2000; // above that on average, fewer calls
-    static constexpr unsigned SampledCalls = 64; // one in so many is timed at level Sampled
+    static constexpr int SampledCalls = 64;      // one in so many is timed at level Sampled
 
     Probe m_probe; // guarded by the mutex of the inbox
 
     // the draining thread's alone
     StatisticsLevel m_batch_level = StatisticsLevel::Off;
-    int m_batch_left = 0; // of the batch, not counted yet
+    int m_batch_size = 0;
+    int m_batch_counted = 0; // of the batch, as handled
     Probe m_batch_probe;
     bool m_timed = false;
-    unsigned m_untimed_calls = 0;
+    int m_calls_to_timed = 0; // at level Sampled, from one batch to the next
     int m_calls_per_reading = 1;
     int m_calls_to_reading = 0;
     qint64 m_read_ns = 0; // the last reading
