@@ -69,15 +69,15 @@ void StallWatch::begin(int ms)
 
 bool StallWatch::end(QDeadlineTimer deadline)
 {
-    static std::shared_ptr<StallWatch>* kept = nullptr;
     const auto watch = exchangePresent(nullptr);
     if (!watch)
         return true;
     watch->m_stop.release();
     if (watch->wait(deadline))
         return true;
-    kept = new std::shared_ptr<StallWatch>(watch); // it runs on, and uses itself
-    return kept == nullptr;
+    static auto* const kept = new QVector<std::shared_ptr<StallWatch>>;
+    kept->append(watch); // it runs on, and uses itself
+    return false;
 }
 
 bool StallWatch::isWatching()
