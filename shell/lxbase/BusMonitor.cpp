@@ -123,12 +123,12 @@ QString lostReasonName(LostReason reason)
 
 void CBusMonitor::setLevel(StatisticsLevel level)
 {
-    statisticsLevel = level;
+    monitorSwitches.level = level;
 }
 
 StatisticsLevel CBusMonitor::level()
 {
-    return statisticsLevel;
+    return monitorSwitches.level;
 }
 
 BusStatistics CBusMonitor::statistics()

@@ -50,8 +50,8 @@ template<class Registry, class InboxOf, class MakeItem>
 class Delivery
 {
 public:
-    Delivery(const Registry& registry, QMutex& registryMutex, InboxOf inboxOf, QString srcId,
-             QVariant type, MakeItem makeItem)
+    Delivery(const Registry& registry, QMutex& registryMutex, InboxOf inboxOf, QString&& srcId,
+             QVariant&& type, MakeItem makeItem)
         : m_registry(registry)
         , m_registry_mutex(registryMutex)
         , m_inbox_of(inboxOf)
@@ -82,7 +82,7 @@ public:
     void alsoTo(const QString& id, LostReason ifMissing = LostReason::SubscriberNotRegistered,
                 LostReason ifNoInbox = LostReason::NoInbox)
     {
-        queue(id, m_src_id, m_type, ifMissing, ifNoInbox);
+        queue(id, QString(m_src_id), QVariant(m_type), ifMissing, ifNoInbox);
     }
 
     const QString& srcId() const { return m_src_id; }
@@ -113,7 +113,7 @@ public:
     }
 
 private:
-    using Item = std::remove_pointer_t<std::invoke_result_t<MakeItem, QString, QVariant>>;
+    using Item = std::remove_pointer_t<std::invoke_result_t<MakeItem, QString&&, QVariant&&>>;
 
     struct Loss
     {
@@ -124,7 +124,7 @@ private:
     // False: the ID is not registered. A record without that inbox gets nothing. The registry's
     // mutex is held until the item is in the inbox, so that the receiver cannot be released in
     // between.
-    bool queue(const QString& id, QString srcId, QVariant type, LostReason ifMissing,
+    bool queue(const QString& id, QString&& srcId, QVariant&& type, LostReason ifMissing,
                LostReason ifNoInbox)
     {
         std::exception_ptr failure;

@@ -61,8 +61,8 @@ private:
     bool claimWaiter() { return std::exchange(m_waits, false); }
 
     const CMessageCenter::IdlePolicy m_policy;
-    bool m_waits = false;  // guarded by the mutex of the inbox
-    QSemaphore m_wake_ups; // one for each claim that found the thread waiting
+    alignas(CacheLine) bool m_waits = false; // guarded by the mutex of the inbox
+    QSemaphore m_wake_ups;                   // one for each claim that found the thread waiting
 };
 
 // The part of a view that does not depend on the elements. Without a state, the thread polls.

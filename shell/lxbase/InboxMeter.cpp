@@ -16,7 +16,7 @@ qint64 monotonicNs()
 
 void InboxMeter::take(int count)
 {
-    m_batch_level = statisticsLevel.load(std::memory_order_relaxed);
+    m_batch_level = monitorSwitches.level.load(std::memory_order_relaxed);
     m_batch_size = count;
     m_batch_counted = 0;
     m_batch_probe = std::exchange(m_probe, {});

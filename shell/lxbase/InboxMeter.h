@@ -7,13 +7,22 @@
 #include <lxbase/DurationRecorder.h>
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 
 namespace lxbase::detail {
 
+// What one thread writes for each message and another reads for each message lies on cache lines
+// apart.
+constexpr std::size_t CacheLine = 64; // bytes, or a divisor of what the processor has
+
 // Read by everybody who counts; set by CBusMonitor.
-inline std::atomic<StatisticsLevel> statisticsLevel{StatisticsLevel::Counts};
-inline std::atomic<bool> watchesHandlers{false};
+struct MonitorSwitches
+{
+    std::atomic<StatisticsLevel> level{StatisticsLevel::Counts};
+    std::atomic<bool> watchesHandlers{false};
+};
+alignas(CacheLine) inline MonitorSwitches monitorSwitches;
 
 // Nanoseconds of a clock that only goes forward.
 qint64 monotonicNs();
@@ -47,7 +56,7 @@ public:
     // An element has been appended at `index`.
     void put(int index)
     {
-        if (statisticsLevel.load(std::memory_order_relaxed) >= StatisticsLevel::Sampled
+        if (monitorSwitches.level.load(std::memory_order_relaxed) >= StatisticsLevel::Sampled
             && m_probe.index < 0)
             m_probe = {index, monotonicNs()};
     }
@@ -120,7 +129,7 @@ private:
     Probe m_probe; // guarded by the mutex of the inbox
 
     // the draining thread's alone
-    StatisticsLevel m_batch_level = StatisticsLevel::Off;
+    alignas(CacheLine) StatisticsLevel m_batch_level = StatisticsLevel::Off;
     int m_batch_size = 0;
     int m_batch_counted = 0; // of the batch, as handled
     Probe m_batch_probe;

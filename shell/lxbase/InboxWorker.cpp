@@ -256,7 +256,12 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
     for (int i = 0; i < batch.size(); ++i) {
         if (const std::unique_ptr<Item> item{batch[i]}) {
             meter.begin(i);
-            call(*item, profile, meter);
+            if (monitorSwitches.watchesHandlers.load(std::memory_order_relaxed)) {
+                callWatched(*item, profile, meter);
+            } else { // the item is deleted anyway
+                (m_interface->*profile.handler)(std::move(item->src_id), std::move(item->type),
+                                                std::move(item->data));
+            }
             meter.end();
         } else {
             ++passedOver;
@@ -271,20 +276,14 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
     return true;
 }
 
-// The values of the item are moved into the arguments; it is deleted anyway. Whoever watches sees
-// sender and type, so these are copied then.
+// For whoever watches: sender and type are copied, so that they can be seen while the handler runs.
 template<class Item>
-void CInboxWorker<Item>::call(Item& item, const WorkerProfile& profile, InboxMeter& meter)
+void CInboxWorker<Item>::callWatched(Item& item, const WorkerProfile& profile, InboxMeter& meter)
 {
-    const bool watched = watchesHandlers.load(std::memory_order_relaxed);
     const InboxMeter::InHand inHand{&item.src_id, &item.type};
-    if (watched)
-        meter.publish(inHand);
-    QString srcId = watched ? item.src_id : std::move(item.src_id);
-    QVariant type = watched ? item.type : std::move(item.type);
-    (m_interface->*profile.handler)(std::move(srcId), std::move(type), std::move(item.data));
-    if (watched)
-        meter.withdraw();
+    meter.publish(inHand);
+    (m_interface->*profile.handler)(item.src_id, item.type, std::move(item.data));
+    meter.withdraw();
 }
 
 // Frees items undelivered, and says so to whoever asks what was lost.

@@ -158,7 +158,7 @@ private:
     void takeBatch(QVector<Item*>& batch, Take take);
     bool deliver(const QVector<Item*>& batch, const WorkerProfile& profile,
                  lxbase::detail::InboxMeter& meter);
-    void call(Item& item, const WorkerProfile& profile, lxbase::detail::InboxMeter& meter);
+    void callWatched(Item& item, const WorkerProfile& profile, lxbase::detail::InboxMeter& meter);
     void drop(Item* const* first, Item* const* last, bool hasPlugin);
     void countPoll(int items);
     void writeRecord(const WorkerProfile& profile, const lxbase::detail::LogPlace& place);

@@ -24,7 +24,7 @@ LostItems& LostItems::instance()
 
 void LostItems::note(LostItem item)
 {
-    if (statisticsLevel.load(std::memory_order_relaxed) == StatisticsLevel::Off)
+    if (monitorSwitches.level.load(std::memory_order_relaxed) == StatisticsLevel::Off)
         return;
     count(item.reason);
     item.timeMs = QDateTime::currentMSecsSinceEpoch();
@@ -50,7 +50,7 @@ void LostItems::note(LostItem item)
 
 void LostItems::count(LostReason reason, quint64 count)
 {
-    if (statisticsLevel.load(std::memory_order_relaxed) != StatisticsLevel::Off)
+    if (monitorSwitches.level.load(std::memory_order_relaxed) != StatisticsLevel::Off)
         m_counts[static_cast<int>(reason)].fetch_add(count, std::memory_order_relaxed);
 }
 

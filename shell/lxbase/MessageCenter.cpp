@@ -138,7 +138,7 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
     const QString dst = msg->GetDstid();
     Delivery delivery(
         m_msg_reg_hash, m_msg_reg_mutex, messageInbox, std::move(srcId), msg->GetType(),
-        [&](QString src, QVariant type) {
+        [&](QString&& src, QVariant&& type) {
             return new MsgQueueItem{std::move(src), std::move(type), msg->traceId(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::LeftOut);
@@ -212,8 +212,8 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
         return;
     const QString dst = msg->GetDstid();
     Delivery delivery(
-        m_msg_reg_hash, m_msg_reg_mutex, messageInbox, PluginID::PLUGINNET_GLOBALID, msg->GetType(),
-        [&](QString src, QVariant type) {
+        m_msg_reg_hash, m_msg_reg_mutex, messageInbox, QString(PluginID::PLUGINNET_GLOBALID),
+        msg->GetType(), [&](QString&& src, QVariant&& type) {
             return new MsgQueueItem{std::move(src), std::move(type), msg->traceId(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::Included);
@@ -234,8 +234,8 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
         return;
     const QString dst = msg->GetDstid();
     Delivery delivery(
-        m_msg_reg_hash, m_msg_reg_mutex, quotationInbox, PluginID::PLUGINNET_GLOBALID,
-        msg->GetType(), [&](QString src, QVariant type) {
+        m_msg_reg_hash, m_msg_reg_mutex, quotationInbox, QString(PluginID::PLUGINNET_GLOBALID),
+        msg->GetType(), [&](QString&& src, QVariant&& type) {
             return new MsgQueueItem{std::move(src), std::move(type), QString(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::Included);

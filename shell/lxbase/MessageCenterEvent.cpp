@@ -65,8 +65,8 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
         event->SetSrcid(srcId);
 
     Delivery delivery(
-        m_event_reg_map, m_event_reg_mutex, eventInbox, std::move(srcId), type,
-        [&](QString src, QVariant itemType) {
+        m_event_reg_map, m_event_reg_mutex, eventInbox, std::move(srcId), QVariant(type),
+        [&](QString&& src, QVariant&& itemType) {
             return new EventQueueItem{std::move(src), std::move(itemType), event->GetMsg()};
         });
     const Routed routed = delivery.route(dst, eventSubscriptions(), Sender::LeftOut);

@@ -29,7 +29,7 @@ Present& present()
 std::shared_ptr<StallWatch> exchangePresent(std::shared_ptr<StallWatch> next)
 {
     const QMutexLocker locker(&present().mutex);
-    watchesHandlers = next != nullptr;
+    monitorSwitches.watchesHandlers = next != nullptr;
     return std::exchange(present().watch, std::move(next));
 }
 
