@@ -41,6 +41,7 @@ struct Backoff
 };
 
 // What an inbox has beside its list and its mutex, one for each.
+// NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): on purpose, see CacheLine
 class InboxState
 {
 public:
