@@ -105,7 +105,7 @@ enum class LostReason {
     NoNetPlugin,             ///< the copy for the network: no net plugin with a message inbox
     Unregistered,            ///< dropped when its receiver was unregistered
     NoPlugin,                ///< its receiver is registered without a plugin object
-    NotCopied,               ///< the payload's copy has thrown
+    NotCopied,               ///< the payload's copy has thrown, or there was no memory
     BeforeStart,             ///< network traffic before CMessageCenter::Start
     AtEnd,                   ///< dropped at the end of the process
 };

@@ -99,6 +99,8 @@ public:
         LostItem lost;
         lost.path = path;
         lost.source = m_item ? m_item->src_id : m_src_id;
+        if (lost.source.isEmpty()) // given away with a copy that has thrown
+            lost.source = record.GetSrcid();
         lost.type = record.GetType();
         lost.traceId = traceIdOf(record);
         if (m_losses.empty()) {
@@ -143,14 +145,21 @@ private:
         const Inbox<Item*> inbox = m_inbox_of(**record);
         if (!inbox) {
             m_losses.push_back({ifNoInbox, id});
-        } else if (failure) {
-            m_losses.push_back({LostReason::NotCopied, id});
-            m_failure = failure;
-        } else {
-            inbox.append(m_item.get());
-            static_cast<void>(m_item.release()); // the inbox has it
-            ++m_delivered;
+            return true;
         }
+        try {
+            if (!failure) {
+                inbox.append(m_item.get());
+                static_cast<void>(m_item.release()); // the inbox has it
+                ++m_delivered;
+                return true;
+            }
+        } catch (...) { // no memory for the inbox to grow
+            failure = std::current_exception();
+        }
+        m_losses.push_back({LostReason::NotCopied, id});
+        if (!m_failure)
+            m_failure = failure;
         return true;
     }
 
