@@ -12,6 +12,8 @@
 #include <functional>
 #include <vector>
 
+struct BusTrace;
+
 /// How much the bus counts and times while it works.
 enum class StatisticsLevel {
     Off,     ///< only what comes for nothing: how many items were put, handled and dropped
@@ -203,6 +205,18 @@ public:
 
     /// The calls in progress that have been reported.
     static QVector<Stall> stalls();
+
+    /// Records from now on what happens (see BusTrace.h), in at most `mebibytes` MiB for all
+    /// threads together: when they are full, the oldest records make room. What was recorded before
+    /// is forgotten. Below 1 is refused with a critical log record.
+    static void startTrace(int mebibytes);
+
+    /// Records no more; what was recorded stays until the next startTrace().
+    static void stopTrace();
+
+    /// What has been recorded so far; it stays recorded. Recording goes on meanwhile. Takes time
+    /// and memory in proportion to the records, some 56 bytes each.
+    static BusTrace takeTrace();
 };
 
 #endif
