@@ -79,9 +79,9 @@ bool handIn(const NetworkPath<Thread>& network, const QSharedPointer<CMessageCom
 {
     if (!msg || !isTracing())
         return network.handIn(msg);
-    const TracedPut traced(srcId, msg->GetType());
+    const TracedPut traced(path, srcId, msg->GetType());
     const bool handedIn = network.handIn(msg);
-    traced.end(TraceKind::Put, path, msg->GetDstid(), msg->traceId(), msg.get());
+    traced.end(TraceKind::Put, msg->GetDstid(), msg->traceId(), msg.get());
     return handedIn;
 }
 
