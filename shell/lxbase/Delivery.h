@@ -6,6 +6,7 @@
 #include <lxbase/Inbox.h>
 #include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
+#include <lxbase/Probes.h>
 #include <lxbase/SubscriptionTable.h>
 #include <lxbase/TraceRecorder.h>
 
@@ -62,6 +63,7 @@ public:
         , m_type(std::move(type))
         , m_make_item(makeItem)
     {
+        LXBASE_PROBE(put_begin, static_cast<int>(path));
         if (Q_UNLIKELY(isTracing()))
             m_traced.emplace(path, m_src_id, m_type);
     }
@@ -98,6 +100,7 @@ public:
     template<class Record>
     void report(Record& record, const LogPlace& place) const
     {
+        LXBASE_PROBE(put_end, static_cast<int>(m_path));
         if (Q_UNLIKELY(m_traced)) {
             const bool fromNet = m_path == PutPath::PutNetMsg || m_path == PutPath::PutQuotationMsg;
             m_traced->end(fromNet ? TraceKind::Route : TraceKind::Put, record.GetDstid(),
@@ -175,6 +178,7 @@ private:
         }
         try {
             if (!failure) {
+                LXBASE_PROBE(append, static_cast<int>(m_path), m_item.get());
                 if (Q_UNLIKELY(m_traced))
                     m_traced->beginAppend();
                 const int waiting = inbox.append(m_item.get());
