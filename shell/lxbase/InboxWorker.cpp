@@ -183,7 +183,6 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
     quint32 lastRecord = lxplatform::tickCountMs();
     m_thread_number = lxplatform::currentThreadNumber();
     const QByteArray plugin = m_id.toUtf8();
-    pluginOfThread = plugin.constData();
     if (m_stop)
         return;
     InboxState ownState(CMessageCenter::IdlePolicy::Poll); // of a worker that has none
@@ -208,10 +207,10 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
 
         if (m_interface) {
             countPoll(n);
-            LXBASE_PROBE(batch_begin, pluginOfThread, static_cast<int>(m_kind), n);
+            LXBASE_PROBE(batch_begin, plugin.constData(), static_cast<int>(m_kind), n);
             traceBatch(TraceKind::BatchBegin, n);
-            const bool stopped = !deliver(batch, profile, meter);
-            LXBASE_PROBE(batch_end, pluginOfThread, static_cast<int>(m_kind));
+            const bool stopped = !deliver(batch, profile, meter, plugin.constData());
+            LXBASE_PROBE(batch_end, plugin.constData(), static_cast<int>(m_kind));
             traceBatch(TraceKind::BatchEnd, n);
             if (stopped)
                 return;
@@ -259,13 +258,13 @@ void CInboxWorker<Item>::takeBatch(QVector<Item*>& batch, Take take)
 // the batch then is freed undelivered. False: stopped.
 template<class Item>
 bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfile& profile,
-                                 InboxMeter& meter)
+                                 InboxMeter& meter, [[maybe_unused]] const char* plugin)
 {
     int passedOver = 0;
     for (int i = 0; i < batch.size(); ++i) {
         if (const std::unique_ptr<Item> item{batch[i]}) {
             meter.begin(i);
-            LXBASE_PROBE(handler_begin, pluginOfThread, static_cast<int>(m_kind), item.get());
+            LXBASE_PROBE(handler_begin, plugin, static_cast<int>(m_kind), item.get());
             const bool traced = isTracing();
             if (Q_UNLIKELY(traced))
                 traceHandler(TraceKind::HandlerBegin, *item);
@@ -276,7 +275,7 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
                                                 std::move(item->data));
             }
             meter.end();
-            LXBASE_PROBE(handler_end, pluginOfThread, static_cast<int>(m_kind), item.get());
+            LXBASE_PROBE(handler_end, plugin, static_cast<int>(m_kind), item.get());
             if (Q_UNLIKELY(traced))
                 traceHandler(TraceKind::HandlerEnd, *item);
         } else {

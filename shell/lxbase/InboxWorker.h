@@ -158,7 +158,7 @@ protected:
 private:
     void takeBatch(QVector<Item*>& batch, Take take);
     bool deliver(const QVector<Item*>& batch, const WorkerProfile& profile,
-                 lxbase::detail::InboxMeter& meter);
+                 lxbase::detail::InboxMeter& meter, const char* plugin);
     void callWatched(Item& item, const WorkerProfile& profile, lxbase::detail::InboxMeter& meter);
     void traceBatch(TraceKind kind, int items) const;
     void traceHandler(TraceKind kind, const Item& item) const;

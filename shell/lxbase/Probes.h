@@ -15,8 +15,6 @@
 #ifndef LXBASE_PROBES_H
 #define LXBASE_PROBES_H
 
-#include <lxbase/ThreadLocal.h>
-
 #ifdef LXBASE_HAS_PROBES
 #define SDT_USE_VARIADIC
 #include <sys/sdt.h>
@@ -24,12 +22,5 @@
 #else
 #define LXBASE_PROBE(...) static_cast<void>(0)
 #endif
-
-namespace lxbase::detail {
-
-// The plugin whose worker the present thread is; belongs to the worker.
-LXBASE_THREAD_LOCAL inline thread_local const char* pluginOfThread = "";
-
-} // namespace lxbase::detail
 
 #endif
