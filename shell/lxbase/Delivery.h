@@ -3,6 +3,7 @@
 #ifndef LXBASE_DELIVERY_H
 #define LXBASE_DELIVERY_H
 
+#include <lxbase/Aftermath.h>
 #include <lxbase/Inbox.h>
 #include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
@@ -87,11 +88,12 @@ public:
 
     const QString& srcId() const { return m_src_id; }
 
-    // With no lock held, after all: a critical record if a copy has thrown, and what was lost. The
+    // With no lock held, after all: what the inboxes left to be done, a critical record if a copy has thrown, and what was lost. The
     // values are asked from the record then; those that were given may have been given away.
     template<class Record>
-    void report(Record& record, PutPath path, const LogPlace& place) const
+    void report(Record& record, PutPath path, const LogPlace& place)
     {
+        m_aftermath.finish();
         if (m_failure)
             logFailure(record, place);
         if (m_losses.empty() && (m_directed || m_delivered))
@@ -149,8 +151,8 @@ private:
         }
         try {
             if (!failure) {
-                inbox.append(m_item.get());
-                static_cast<void>(m_item.release()); // the inbox has it
+                inbox.append(m_item.get(), m_aftermath);
+                static_cast<void>(m_item.release()); // the inbox has it, or the aftermath
                 ++m_delivered;
                 return true;
             }
@@ -193,6 +195,7 @@ private:
     QVariant m_type;
     const MakeItem m_make_item;
     std::unique_ptr<Item> m_item; // made for somebody who could not take it: the next one's
+    Aftermath<Item> m_aftermath; // of the inboxes
     bool m_directed = false;
     int m_delivered = 0;
     std::vector<Loss> m_losses;
