@@ -159,6 +159,12 @@ def targets(results):
          results.slowdown("put_round_1000/bus", "put_round_10/bus"), 1.3, False, times),
         ("put with 100,000 types against 10",
          results.slowdown("put_types_100000/bus", "put_types_10/bus"), 3, False, times),
+        ("put under KeepLatest against unbounded, 10 types",
+         results.slowdown("put_latest_10_types/bus", "put_unbounded_10_types/bus"), 1.3, False,
+         times),
+        ("put under KeepLatest against unbounded, 1,000 types",
+         results.slowdown("put_latest_1000_types/bus", "put_unbounded_1000_types/bus"), 1.3, False,
+         times),
         ("pool: take and give back, one thread",
          results.median("pool_1threads/bus", "real_time"), pool_limit, False, "{:.0f} ns".format),
     ]

@@ -51,8 +51,10 @@ public:
     {
         if (m_first.item) {
             settle(std::exchange(m_first, {}));
-            for (Displaced& displaced : std::exchange(m_more, {}))
-                settle(std::move(displaced));
+            if (!m_more.empty()) {
+                for (Displaced& displaced : std::exchange(m_more, {}))
+                    settle(std::move(displaced));
+            }
         }
         if (!m_watermarks.empty()) {
             for (const auto& watermark : std::exchange(m_watermarks, {}))

@@ -7,7 +7,6 @@
 #include <QHash>
 
 #include <algorithm>
-#include <iterator>
 #include <new>
 #include <utility>
 
@@ -170,26 +169,52 @@ QVector<Item*> InboxLimiter<Item>::takeAll(Aftermath<Item>& aftermath)
     for (const Slot& slot : m_slots)
         items.append(slot.item);
     m_slots.clear();
-    m_entries.clear();
+    m_table.clear();
+    m_entries = 0;
     return items;
 }
 
 template<class Item>
 typename InboxLimiter<Item>::Entry& InboxLimiter<Item>::entryOf(const Item& item)
 {
+    if (m_entries == m_table.size())
+        renewTable();
     const uint hash = qHash(item.src_id, hashOf(item.type));
-    const auto [first, last] = m_entries.equal_range(hash);
-    const auto known = std::find_if(first, last, [&](const typename Entries::value_type& other) {
-        return isSame(other.second.type, item.type) && other.second.sender == item.src_id;
-    });
-    if (known != last)
-        return known->second;
-    if (m_entries.size() >= m_drop_entries_at) {
-        for (auto entry = m_entries.begin(); entry != m_entries.end();)
-            entry = entry->second.slot ? std::next(entry) : m_entries.erase(entry);
-        m_drop_entries_at = std::max(MinEntries, 2 * m_entries.size());
+    std::unique_ptr<Entry>& chain = m_table[hash & (m_table.size() - 1)];
+    for (Entry* entry = chain.get(); entry; entry = entry->next.get()) {
+        if (entry->hash == hash && isSame(entry->type, item.type) && entry->sender == item.src_id)
+            return *entry;
     }
-    return m_entries.emplace(hash, Entry{owned(item.src_id), owned(item.type), nullptr})->second;
+    auto entry = std::make_unique<Entry>();
+    entry->sender = owned(item.src_id);
+    entry->type = owned(item.type);
+    entry->hash = hash;
+    entry->next = std::move(chain);
+    chain = std::move(entry);
+    ++m_entries;
+    return *chain;
+}
+
+// Each item that waits has an entry, and there is room for as many more.
+template<class Item>
+void InboxLimiter<Item>::renewTable()
+{
+    std::size_t size = MinTable;
+    while (size < 2 * m_slots.size())
+        size *= 2;
+    Table table(size);
+    for (std::unique_ptr<Entry>& chain : m_table) {
+        while (std::unique_ptr<Entry> entry = std::move(chain)) {
+            chain = std::move(entry->next);
+            if (!entry->slot)
+                continue;
+            std::unique_ptr<Entry>& place = table[entry->hash & (size - 1)];
+            entry->next = std::move(place);
+            place = std::move(entry);
+        }
+    }
+    m_table.swap(table);
+    m_entries = m_slots.size();
 }
 
 template<class Item>

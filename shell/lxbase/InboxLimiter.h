@@ -13,7 +13,7 @@
 
 #include <deque>
 #include <memory>
-#include <unordered_map>
+#include <vector>
 
 namespace lxbase::detail {
 
@@ -38,9 +38,9 @@ struct InboxName
 // that what the policy promises holds until shortly before the handler call and the mutex is seldom
 // taken all the same.
 //
-// For KeepLatest, an entry for each sender and type says where their item waits. Entries outlive
-// the items, so that a steady stream makes none; when there are many, those whose items have gone
-// are dropped.
+// For KeepLatest, an entry for each sender and type says where their item waits: a hash table with
+// chains. Entries outlive the items, so that a steady stream makes none; when the table is full,
+// those whose items have gone are dropped.
 template<class Item>
 class InboxLimiter final : public InboxLimiterBase
 {
@@ -74,11 +74,14 @@ private:
     {
         QString sender;
         QVariant type;
+        uint hash;
         Slot* slot = nullptr; // where the item waits; null: none does
+        std::unique_ptr<Entry> next;
     };
-    using Entries = std::unordered_multimap<uint, Entry>; // by hash
+    using Table = std::vector<std::unique_ptr<Entry>>; // by the last bits of the hash
 
     Entry& entryOf(const Item& item);
+    void renewTable();
     void push(Item* item, Entry* entry);
     Slot popFront();
     void stamp(Slot& slot);
@@ -89,7 +92,7 @@ private:
     static constexpr int MaxBatch = 64; // items
     static constexpr qint64 MaxBatchNs =
         200'000; // a batch that took longer is followed by one item
-    static constexpr std::size_t MinEntries = 1024; // fewer are not worth dropping
+    static constexpr std::size_t MinTable = 1024; // fewer entries are not worth dropping
 
     const InboxName m_name;
     const InboxPolicy::Mode m_mode;
@@ -99,8 +102,8 @@ private:
     const std::shared_ptr<Watermark> m_watermark; // null: none
 
     std::deque<Slot> m_slots; // an element stays where it is while others come and go at the ends
-    Entries m_entries;
-    std::size_t m_drop_entries_at = MinEntries;
+    Table m_table;            // as large as a power of two, or empty
+    std::size_t m_entries = 0;
 
     int m_batch = 1; // the most that the next one takes
     qint64 m_taken_ns = 0;
