@@ -8,11 +8,10 @@
 
 #include <QString>
 
-#include <algorithm>
 #include <memory>
-#include <optional>
-#include <utility>
-#include <vector>
+
+struct EventQueueItem;
+struct MsgQueueItem;
 
 namespace lxbase::detail {
 
@@ -26,71 +25,47 @@ public:
     Aftermath() = default;
     Q_DISABLE_COPY(Aftermath)
 
-    // Room for one item more, so that giving it does not throw.
-    void makeRoom()
+    // Room for one item more, so that taking it does not throw.
+    enum class For { Superseded, Lost };
+    void makeRoom(For what)
     {
-        if (m_first.item && m_more.size() == m_more.capacity())
-            m_more.reserve(std::max<std::size_t>(8, 2 * m_more.size()));
+        if (what == For::Lost || m_superseded)
+            makeMoreRoom();
     }
 
     // From here on the item is this one's. A superseded one is not lost.
-    void takeSuperseded(Item* item) { take({std::unique_ptr<Item>(item), {}, {}, {}}); }
-    void takeLost(Item* item, LostReason reason, InboxKind kind, const QString& plugin)
-    {
-        take({std::unique_ptr<Item>(item), reason, kind, plugin});
-    }
+    void takeSuperseded(Item* item);
+    void takeLost(Item* item, LostReason reason, InboxKind kind, const QString& plugin);
 
     // Crossings that have been found.
-    void takeCrossings(std::shared_ptr<Watermark> watermark)
-    {
-        m_watermarks.push_back(std::move(watermark));
-    }
+    void takeCrossings(std::shared_ptr<Watermark> watermark);
 
     // With no lock held; it is empty again then.
     void finish()
     {
-        if (m_first.item) {
-            settle(std::exchange(m_first, {}));
-            if (!m_more.empty()) {
-                for (Displaced& displaced : std::exchange(m_more, {}))
-                    settle(std::move(displaced));
-            }
-        }
-        if (!m_watermarks.empty()) {
-            for (const auto& watermark : std::exchange(m_watermarks, {}))
-                watermark->tell();
-        }
+        if (m_superseded || m_more)
+            finishAll();
     }
 
 private:
-    struct Displaced
+    struct More;
+    struct Free // out of line, like all that is done seldom: a put that leaves nothing stays short
     {
-        std::unique_ptr<Item> item;
-        std::optional<LostReason> reason; // none: superseded
-        InboxKind kind{};
-        QString plugin;
+        void operator()(Item* item) const;
+        void operator()(More* more) const;
     };
 
-    void take(Displaced displaced)
-    {
-        if (m_first.item)
-            m_more.push_back(std::move(displaced));
-        else
-            m_first = std::move(displaced);
-    }
+    More& more();
+    void makeMoreRoom();
+    void finishAll();
 
-    static void settle(Displaced displaced)
-    {
-        if (displaced.reason) {
-            LostItems::instance().note(*displaced.item, *displaced.reason, displaced.kind,
-                                       displaced.plugin);
-        }
-    }
-
-    Displaced m_first; // a put to one receiver displaces one at most: that takes no memory
-    std::vector<Displaced> m_more;
-    std::vector<std::shared_ptr<Watermark>> m_watermarks;
+    // A put to one receiver supersedes one item at most.
+    std::unique_ptr<Item, Free> m_superseded;
+    std::unique_ptr<More, Free> m_more; // made when it is needed
 };
+
+extern template class Aftermath<MsgQueueItem>;
+extern template class Aftermath<EventQueueItem>;
 
 } // namespace lxbase::detail
 

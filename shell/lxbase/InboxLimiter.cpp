@@ -106,7 +106,8 @@ InboxLimiter<Item>::~InboxLimiter() = default;
 template<class Item>
 void InboxLimiter<Item>::put(Item* item, Aftermath<Item>& aftermath)
 {
-    aftermath.makeRoom();
+    const bool full = m_limit > 0 && m_slots.size() >= m_limit;
+    aftermath.makeRoom(full ? Aftermath<Item>::For::Lost : Aftermath<Item>::For::Superseded);
     switch (m_mode) {
     case InboxPolicy::Unbounded:
         push(item, nullptr);
@@ -124,11 +125,11 @@ void InboxLimiter<Item>::put(Item* item, Aftermath<Item>& aftermath)
     }
     case InboxPolicy::DropOldest:
         push(item, nullptr);
-        if (m_slots.size() > m_limit)
+        if (full)
             lose(popFront().item, LostReason::DroppedOldest, aftermath);
         break;
     case InboxPolicy::RefuseNewest:
-        if (m_slots.size() >= m_limit)
+        if (full)
             return lose(item, LostReason::RefusedNewest, aftermath);
         push(item, nullptr);
         break;
