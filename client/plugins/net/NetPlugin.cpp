@@ -3,6 +3,7 @@
 #include <Recordings.h>
 #include <SyntheticSession.h>
 
+#include <lxbase/BusMonitor.h>
 #include <lxbase/MessageCommonManage.h>
 #include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
@@ -22,6 +23,23 @@ namespace setting = lxclient::setting;
 namespace {
 
 Q_LOGGING_CATEGORY(lcNet, "lxclient.net")
+
+// The player looks after so many quotes how many items are under way, and waits while they are too
+// many, so that no inbox comes near 100,000 items and a session of any length needs the same
+// memory. What is under way is the work of some hundredths of a second.
+constexpr quint64 QuotesPerLook = 4096;
+constexpr quint64 MaxUnderWay = 50'000;
+
+// Of the fullest inbox, with what its handler has in hand and what may still come from the list of
+// the quotations.
+quint64 itemsUnderWay()
+{
+    const BusStatistics bus = CBusMonitor::statistics();
+    quint64 most = 0;
+    for (const InboxStatistics& inbox : bus.inboxes)
+        most = qMax(most, inbox.put - inbox.handled - inbox.dropped - inbox.superseded);
+    return most + bus.quotationList.put - bus.quotationList.handled;
+}
 
 } // namespace
 
@@ -110,10 +128,13 @@ void NetPlugin::onMessage(const QString& sender, int type, const QVariant& paylo
 
 void NetPlugin::play()
 {
+    quint64 quotes = 0;
     while (const auto timed = m_source->next()) {
         if (!waitUntilDue(timed->due_ms))
             break;
         putQuote(timed->quote);
+        if (++quotes % QuotesPerLook == 0 && !waitForRoom())
+            break;
     }
     m_ended = true;
 }
@@ -132,6 +153,18 @@ bool NetPlugin::waitUntilDue(qint64 dueMs)
         m_stop_condition.wait_until(locker, due, [this] { return m_stop; });
     }
     return !m_stop;
+}
+
+// False: stop.
+bool NetPlugin::waitForRoom()
+{
+    while (itemsUnderWay() > MaxUnderWay) {
+        std::unique_lock<std::mutex> locker(m_stop_mutex);
+        if (m_stop_condition.wait_for(locker, std::chrono::milliseconds(1),
+                                      [this] { return m_stop; }))
+            return false;
+    }
+    return true;
 }
 
 void NetPlugin::putQuote(Quote quote)

@@ -57,6 +57,7 @@ private:
 
     void play();
     bool waitUntilDue(qint64 dueMs);
+    bool waitForRoom();
     void putQuote(lxclient::Quote quote);
     void fill(const QString& customer, const lxclient::Order& order);
     void reportBadRow(const QString& where, const QString& reason);

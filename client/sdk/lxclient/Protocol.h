@@ -122,6 +122,8 @@ inline const QString SyntheticQuotes = QStringLiteral("synthetic.quotes");
 inline const QString SyntheticSeed = QStringLiteral("synthetic.seed");
 /// int: how many boards there are.
 inline const QString Boards = QStringLiteral("boards");
+/// bool: the boards keep the latest quote of each symbol only, where they are too slow for all.
+inline const QString BoardsKeepLatest = QStringLiteral("boards.keep-latest");
 /// QString: the journal's file; empty: none.
 inline const QString Journal = QStringLiteral("journal");
 /// int: where the metrics are served, on the loopback interface; 0: anywhere. Missing: nowhere.
@@ -130,8 +132,8 @@ inline const QString MetricsPort = QStringLiteral("metrics.port");
 /// All of them.
 inline QStringList ofTheHost()
 {
-    return {Symbols,       Linked, Quotes,  Speed,      SyntheticQuotes,
-            SyntheticSeed, Boards, Journal, MetricsPort};
+    return {Symbols,       Linked, Quotes,           Speed,   SyntheticQuotes,
+            SyntheticSeed, Boards, BoardsKeepLatest, Journal, MetricsPort};
 }
 
 } // namespace setting
