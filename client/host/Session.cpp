@@ -37,6 +37,7 @@ Session::Session(const Options& options)
         {setting::SyntheticSeed, options.synthetic_seed},
         {setting::Boards, options.boards},
         {setting::BoardsKeepLatest, options.boards_keep_latest},
+        {setting::Heard, QVariant::fromValue(m_tap.heard())},
         {setting::Journal, options.journal_file},
     };
     if (options.metrics_port)

@@ -30,17 +30,6 @@ Q_LOGGING_CATEGORY(lcNet, "lxclient.net")
 constexpr quint64 QuotesPerLook = 4096;
 constexpr quint64 MaxUnderWay = 50'000;
 
-// Of the fullest inbox, with what its handler has in hand and what may still come from the list of
-// the quotations.
-quint64 itemsUnderWay()
-{
-    const BusStatistics bus = CBusMonitor::statistics();
-    quint64 most = 0;
-    for (const InboxStatistics& inbox : bus.inboxes)
-        most = qMax(most, inbox.put - inbox.handled - inbox.dropped - inbox.superseded);
-    return most + bus.quotationList.put - bus.quotationList.handled;
-}
-
 } // namespace
 
 NetPlugin::NetPlugin()
@@ -52,6 +41,7 @@ NetPlugin::~NetPlugin() = default;
 Error NetPlugin::onInitialise(const QVariantMap& settings)
 {
     m_speed = settings.value(setting::Speed).toDouble();
+    m_heard = settings.value(setting::Heard).value<lxclient::HeardQuotes>();
     const QStringList files = settings.value(setting::Quotes).toStringList();
     if (files.isEmpty()) {
         m_source =
@@ -128,12 +118,11 @@ void NetPlugin::onMessage(const QString& sender, int type, const QVariant& paylo
 
 void NetPlugin::play()
 {
-    quint64 quotes = 0;
     while (const auto timed = m_source->next()) {
         if (!waitUntilDue(timed->due_ms))
             break;
         putQuote(timed->quote);
-        if (++quotes % QuotesPerLook == 0 && !waitForRoom())
+        if (m_played % QuotesPerLook == 0 && !waitForRoom())
             break;
     }
     m_ended = true;
@@ -167,6 +156,18 @@ bool NetPlugin::waitForRoom()
     return true;
 }
 
+// Of the fullest inbox, with what its handler has in hand and what may still come from the list of
+// the quotations; or of the listener, if that is further behind.
+quint64 NetPlugin::itemsUnderWay() const
+{
+    const BusStatistics bus = CBusMonitor::statistics();
+    quint64 most = 0;
+    for (const InboxStatistics& inbox : bus.inboxes)
+        most = qMax(most, inbox.put - inbox.handled - inbox.dropped - inbox.superseded);
+    most += bus.quotationList.put - bus.quotationList.handled;
+    return m_heard ? qMax(most, m_played - m_heard->load()) : most;
+}
+
 void NetPlugin::putQuote(Quote quote)
 {
     const int index = m_line_of_symbol.value(quote.symbol, -1);
@@ -183,6 +184,7 @@ void NetPlugin::putQuote(Quote quote)
         line.last->SetMsg(QVariant::fromValue(quote));
         type = line.type;
     }
+    ++m_played;
     PutQuotationMsg(id(), new CMessageCommon(id(), QString(), type, QVariant::fromValue(quote)));
 }
 
