@@ -88,8 +88,9 @@ public:
 
     const QString& srcId() const { return m_src_id; }
 
-    // With no lock held, after all: what the inboxes left to be done, a critical record if a copy has thrown, and what was lost. The
-    // values are asked from the record then; those that were given may have been given away.
+    // With no lock held, after all: what the inboxes left to be done, a critical record if a copy
+    // has thrown, and what was lost. The values are asked from the record then; those that were
+    // given may have been given away.
     template<class Record>
     void report(Record& record, PutPath path, const LogPlace& place)
     {
@@ -210,7 +211,7 @@ private:
     QVariant m_type;
     const MakeItem m_make_item;
     std::unique_ptr<Item> m_item; // made for somebody who could not take it: the next one's
-    Aftermath<Item> m_aftermath; // of the inboxes
+    Aftermath<Item> m_aftermath;  // of the inboxes
     bool m_directed = false;
     bool m_delivered = false;
     std::unique_ptr<Trouble> m_trouble;
