@@ -43,9 +43,12 @@ tsan: deps ## every test under ThreadSanitizer
 	cmake --build --preset tsan
 	ctest --preset tsan
 
-soak: build ## ten million deliveries under each idle policy, checked one by one
+soak: build ## ten million deliveries under each idle policy; a slow board; five million quotes in bounded memory
 	LXTEST_IDLE=poll build/release/tests/stress/stress_ledger --long
 	LXTEST_IDLE=park build/release/tests/stress/stress_ledger --long
+	LXTEST_IDLE=poll build/release/tests/stress/stress_slow_board --long
+	LXTEST_IDLE=park build/release/tests/stress/stress_slow_board --long
+	tools/check-memory build/release/client/lxclient
 
 fuzz: deps ## feed the quote reader with what a fuzzer thinks of, for a minute
 	@$(INSTALL) clang-14 libclang-rt-14-dev

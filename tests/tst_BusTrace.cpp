@@ -7,8 +7,8 @@
 #include <lxdefine/PluginID.h>
 
 #include <QHash>
-#include <QMap>
 #include <QLoggingCategory>
+#include <QMap>
 #include <QSet>
 
 #include <algorithm>

@@ -87,6 +87,14 @@ Error idleFrom(const QString& text, CMessageCenter::IdlePolicy& idle)
     return {};
 }
 
+Error boardPolicyFrom(const QString& text, bool& keepLatest)
+{
+    keepLatest = text == QLatin1String("latest");
+    if (keepLatest || text == QLatin1String("all"))
+        return {};
+    return Error(QStringLiteral("--board-policy %1: \"latest\" or \"all\" is expected.").arg(text));
+}
+
 Error colorFrom(const QString& name, RelationColor_t& color)
 {
     QStringList known;
@@ -166,6 +174,11 @@ Error Options::parse(const QStringList& arguments, Options& options)
         {QStringLiteral("boards"),
          QStringLiteral("Open so many quote boards, board#1, board#2, ... (default: 2)."),
          QStringLiteral("N"), QStringLiteral("2")},
+        {QStringLiteral("board-policy"),
+         QStringLiteral(
+             "What a board does with quotes that come faster than it takes them: \"all\" "
+             "(default) lets every one wait, \"latest\" the newest of each symbol."),
+         QStringLiteral("POLICY"), QStringLiteral("all")},
         {QStringLiteral("link"),
          QStringLiteral("Link windows: those of one colour follow one another's selected symbol. "
                         "Colours: red, orange, yellow, green, cyan, blue, violet. May be given "
@@ -239,6 +252,7 @@ Error Options::parse(const QStringList& arguments, Options& options)
                     read.synthetic_quotes),
         seedFrom(parser.value(QStringLiteral("seed")), read.synthetic_seed),
         wholeNumber(parser, QStringLiteral("boards"), 1, 100, read.boards),
+        boardPolicyFrom(parser.value(QStringLiteral("board-policy")), read.boards_keep_latest),
         linksFrom(links, read.links),
         idleFrom(parser.value(QStringLiteral("idle")), read.idle),
         settingsFrom(parser.values(QStringLiteral("set")), read.plugin_settings),

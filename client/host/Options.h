@@ -27,6 +27,7 @@ struct Options
     int synthetic_quotes = 0;
     quint64 synthetic_seed = 0;
     int boards = 0;
+    bool boards_keep_latest = false;
     QMap<RelationColor_t, QStringList> links; // plugin IDs by colour, each ID once
     bool links_by_default = false;            // not asked for: they need not exist
     QString record_file;

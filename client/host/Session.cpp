@@ -7,6 +7,7 @@
 #include <SyntheticSession.h>
 
 #include <lxbase/BusMonitor.h>
+#include <lxclient/Accounts.h>
 
 #include <QFileInfo>
 
@@ -35,6 +36,8 @@ Session::Session(const Options& options)
         {setting::SyntheticQuotes, options.synthetic_quotes},
         {setting::SyntheticSeed, options.synthetic_seed},
         {setting::Boards, options.boards},
+        {setting::BoardsKeepLatest, options.boards_keep_latest},
+        {setting::Heard, QVariant::fromValue(m_tap.heard())},
         {setting::Journal, options.journal_file},
     };
     if (options.metrics_port)
@@ -107,7 +110,7 @@ ExitCode Session::finish()
     }
     bus.lost = CBusMonitor::statistics().lost;
     m_tap.stop();
-    const QVector<NamedReport> last = reports();
+    const QVector<NamedReport> last = reports(bus);
     const Ledger ledger(last);
     const QString text =
         summary(last, ledger,
@@ -176,10 +179,21 @@ QVariantMap Session::settingsFor(const QString& id) const
     return settings;
 }
 
-QVector<NamedReport> Session::reports() const
+// What the bus counts is asked for while the plugins are registered.
+QVector<NamedReport> Session::reports(const BusStatistics& bus) const
 {
     QVector<NamedReport> reports = m_host.reports();
     reports.append({QStringLiteral("tap"), m_tap.report()});
+    if (m_options.boards_keep_latest) {
+        lxclient::Report superseded;
+        for (const InboxStatistics& inbox : bus.inboxes) {
+            if (inbox.kind == InboxKind::Quotations
+                && baseOf(inbox.plugin) == QLatin1String("board"))
+                superseded.post(lxclient::account::supersededQuotesAt(inbox.plugin),
+                                inbox.superseded);
+        }
+        reports.append({QStringLiteral("bus"), superseded});
+    }
     return reports;
 }
 
@@ -199,7 +213,7 @@ void Session::tick()
 
 void Session::settle()
 {
-    const Ledger ledger(reports());
+    const Ledger ledger(reports(CBusMonitor::statistics()));
     const bool moved = !(ledger == m_last_ledger);
     m_last_ledger = ledger;
     if (moved)

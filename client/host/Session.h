@@ -51,7 +51,7 @@ private:
     lxclient::Error takeSymbols();
     lxclient::Error linkPlugins();
     QVariantMap settingsFor(const QString& id) const;
-    QVector<NamedReport> reports() const;
+    QVector<NamedReport> reports(const BusStatistics& bus) const;
     void tick();
     void settle();
     void end();

@@ -118,7 +118,10 @@ QString lostReasonName(LostReason reason)
                                                        "no_plugin",
                                                        "not_copied",
                                                        "before_start",
-                                                       "at_end"};
+                                                       "at_end",
+                                                       "dropped_oldest",
+                                                       "refused_newest",
+                                                       "too_old"};
     return QLatin1String(names[static_cast<int>(reason)]);
 }
 

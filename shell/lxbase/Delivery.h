@@ -3,6 +3,7 @@
 #ifndef LXBASE_DELIVERY_H
 #define LXBASE_DELIVERY_H
 
+#include <lxbase/Aftermath.h>
 #include <lxbase/Inbox.h>
 #include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
@@ -95,11 +96,13 @@ public:
 
     const QString& srcId() const { return m_src_id; }
 
-    // With no lock held, after all: a critical record if a copy has thrown, and what was lost. The
-    // values are asked from the record then; those that were given may have been given away.
+    // With no lock held, after all: what the inboxes left to be done, a critical record if a copy
+    // has thrown, and what was lost. The values are asked from the record then; those that were
+    // given may have been given away.
     template<class Record>
-    void report(Record& record, const LogPlace& place) const
+    void report(Record& record, const LogPlace& place)
     {
+        m_aftermath.finish();
         LXBASE_PROBE(put_end, static_cast<int>(m_path));
         if (Q_UNLIKELY(m_traced)) {
             const bool fromNet = m_path == PutPath::PutNetMsg || m_path == PutPath::PutQuotationMsg;
@@ -181,10 +184,10 @@ private:
                 LXBASE_PROBE(append, static_cast<int>(m_path), m_item.get());
                 if (Q_UNLIKELY(m_traced))
                     m_traced->beginAppend();
-                const int waiting = inbox.append(m_item.get());
+                const int waiting = inbox.append(m_item.get(), m_aftermath);
                 if (Q_UNLIKELY(m_traced))
                     m_traced->endAppend(id, m_item.get(), waiting);
-                static_cast<void>(m_item.release()); // the inbox has it
+                static_cast<void>(m_item.release()); // the inbox has it, or the aftermath
                 m_delivered = true;
                 return true;
             }
@@ -228,6 +231,7 @@ private:
     QVariant m_type;
     const MakeItem m_make_item;
     std::unique_ptr<Item> m_item; // made for somebody who could not take it: the next one's
+    Aftermath<Item> m_aftermath;  // of the inboxes
     bool m_directed = false;
     bool m_delivered = false;
     std::unique_ptr<Trouble> m_trouble;

@@ -1,7 +1,7 @@
 #include <lxbase/InboxWorker.h>
 
 #include <lxbase/CallGate.h>
-#include <lxbase/Inbox.h>
+#include <lxbase/InboxLimiter.h>
 #include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageInterface.h>
@@ -9,7 +9,6 @@
 #include <lxbase/QueueItems.h>
 #include <lxbase/TraceRecorder.h>
 
-#include <lxdefine/PluginID.h>
 #include <lxplatform/Clock.h>
 #include <lxplatform/ThreadNumber.h>
 
@@ -23,26 +22,6 @@
 using namespace lxbase::detail;
 
 namespace {
-
-QString traceIdOf(const MsgQueueItem& item)
-{
-    return item.trace_id;
-}
-
-QString traceIdOf(const EventQueueItem&)
-{
-    return {};
-}
-
-// How an item came that waits in an inbox.
-PutPath pathOf(InboxKind kind, const QString& srcId)
-{
-    if (kind == InboxKind::Events)
-        return PutPath::PutEvent;
-    if (kind == InboxKind::Quotations)
-        return PutPath::PutQuotationMsg;
-    return srcId == PluginID::PLUGINNET_GLOBALID ? PutPath::PutNetMsg : PutPath::Put;
-}
 
 // Workers that have ended and are still there. Never destroyed: an event loop may delete a worker
 // at any time.
@@ -116,6 +95,7 @@ InboxStatistics CInboxWorkerBase::statistics() const
         return statistics;
     QMutexLocker locker(m_mutex);
     const NetworkListStatistics counts = m_state->meter.counts(listSize());
+    statistics.superseded = m_state->meter.superseded();
     locker.unlock();
     statistics.waiting = counts.waiting;
     statistics.peak = counts.peak;
@@ -164,7 +144,7 @@ CInboxWorker<Item>::~CInboxWorker()
 template<class Item>
 int CInboxWorker<Item>::listSize() const
 {
-    return m_list ? m_list->size() : 0;
+    return Inbox<Item*>{{m_mutex, m_state}, m_list}.waiting();
 }
 
 template<class Item>
@@ -190,19 +170,28 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
     const Inbox<Item*> inbox{{m_mutex, m_state}, m_list};
     Backoff backoff;
     QVector<Item*> batch;
+    Aftermath<Item> aftermath;
     while (!m_stop) {
         if (!m_mutex)
             continue;
         m_mutex->lock();
-        const int n = m_list ? m_list->size() : 0;
+        int n = inbox.waiting();
         if (n == 0) {
             inbox.idle(m_stop, backoff);
             countPoll(0);
             continue;
         }
-        takeBatch(batch, profile.take);
-        meter.take(n);
+        if (auto* const limiter = limiterOf<Item>(m_state); Q_UNLIKELY(limiter)) {
+            limiter->take(batch, aftermath);
+            n = batch.size();
+        } else {
+            takeBatch(batch, profile.take);
+            meter.take(n);
+        }
         m_mutex->unlock();
+        aftermath.finish();
+        if (n == 0)
+            continue;
         backoff.taken += n;
 
         if (m_interface) {
@@ -233,8 +222,15 @@ void CInboxWorker<Item>::freeInbox()
 {
     if (!m_list)
         return;
-    const QVector<Item*> items = std::exchange(*m_list, {});
+    QVector<Item*> items = std::exchange(*m_list, {});
+    Aftermath<Item> aftermath;
+    if (auto* const limiter = limiterOf<Item>(m_state)) {
+        items = limiter->takeAll(aftermath);
+        m_state->limiter.reset();
+    }
     drop(items.cbegin(), items.cend(), true);
+    if (centerGate.isOpen()) // at the end of the process an observer may be gone
+        aftermath.finish();
 }
 
 template<class Item>
@@ -337,16 +333,8 @@ void CInboxWorker<Item>::drop(Item* const* first, Item* const* last, bool hasPlu
                                          : LostReason::AtEnd;
     for (; first != last; ++first) {
         const std::unique_ptr<Item> item(*first);
-        if (!item)
-            continue;
-        LostItem lost;
-        lost.reason = reason;
-        lost.path = pathOf(m_kind, item->src_id);
-        lost.source = item->src_id;
-        lost.destination = m_id;
-        lost.type = item->type;
-        lost.traceId = traceIdOf(*item);
-        LostItems::instance().note(std::move(lost));
+        if (item)
+            LostItems::instance().note(*item, reason, m_kind, m_id);
     }
 }
 

@@ -295,6 +295,32 @@ void CMessageCenter::setIdlePolicy(IdlePolicy policy)
     m_state->idle_policy = policy;
 }
 
+void CMessageCenter::setInboxPolicy(QString id, IMessageInterface::ThreadType kind,
+                                    InboxPolicy policy)
+{
+    const CallGate::Pass pass(centerGate);
+    if (!pass)
+        return;
+    const auto refuse = [&](const QString& fault) {
+        qCCritical(lcLxbase).noquote() << "setInboxPolicy refused, ID:" << id << "," << fault;
+    };
+    if (const QString fault = faultOf(policy); !fault.isEmpty())
+        return refuse(fault);
+    id = owned(std::move(id));
+    switch (kind) {
+    case IMessageInterface::MessageThread:
+        return changePolicy(m_state->msg_policies, m_msg_reg_hash, m_msg_reg_mutex, messageInbox,
+                            {id, InboxKind::Messages}, std::move(policy));
+    case IMessageInterface::QuotationThread:
+        return changePolicy(m_state->quotation_policies, m_msg_reg_hash, m_msg_reg_mutex,
+                            quotationInbox, {id, InboxKind::Quotations}, std::move(policy));
+    case IMessageInterface::EventThread:
+        return setEventInboxPolicy(id, std::move(policy));
+    }
+    refuse(QStringLiteral("kind %1: one of MessageThread, QuotationThread and EventThread")
+               .arg(static_cast<int>(kind)));
+}
+
 void CMessageCenter::ProcessReg(QString id, IMessageInterface* pInterface,
                                 IMessageInterface::ThreadType type)
 {
@@ -319,11 +345,14 @@ void CMessageCenter::InitMsgReg(QString id, IMessageInterface* pInterface,
                 made->msg_list = new QVector<MsgQueueItem*>;
                 made->msg_mutex = new QMutex;
                 made->msg_state = new InboxState(fixIdlePolicy());
+                beginPolicy(m_state->msg_policies, {id, InboxKind::Messages}, messageInbox(*made));
             }
             if (wantsQuotations) {
                 made->quotation_list = new QVector<MsgQueueItem*>;
                 made->quotation_mutex = new QMutex;
                 made->quotation_state = new InboxState(fixIdlePolicy());
+                beginPolicy(m_state->quotation_policies, {id, InboxKind::Quotations},
+                            quotationInbox(*made));
             }
             return made;
         });

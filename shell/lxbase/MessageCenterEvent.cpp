@@ -107,6 +107,7 @@ void CMessageCenter::InitEventReg(QString id, IMessageInterface* pInterface,
             made->event_list = new QVector<EventQueueItem*>;
             made->event_mutex = new QMutex;
             made->event_state = new InboxState(fixIdlePolicy());
+            beginPolicy(m_state->event_policies, {id, InboxKind::Events}, eventInbox(*made));
             return made;
         });
     if (!record)
@@ -127,6 +128,12 @@ void CMessageCenter::retireForEvent(const QString& id)
 {
     if (const auto record = takeRecord(m_event_reg_map, m_event_reg_mutex, id))
         endWorkers({record->event_thread});
+}
+
+void CMessageCenter::setEventInboxPolicy(const QString& id, InboxPolicy policy)
+{
+    changePolicy(m_state->event_policies, m_event_reg_map, m_event_reg_mutex, eventInbox,
+                 {id, InboxKind::Events}, std::move(policy));
 }
 
 quint64 CMessageCenter::waitingEvents(const QString& id)

@@ -130,6 +130,18 @@ class tst_lxclient : public QObject
 {
     Q_OBJECT
 private slots:
+    void boardsThatKeepTheLatestAccountForEveryQuote()
+    {
+        const Outcome outcome = runBriefly({"--board-policy", "latest"});
+        VERIFY_CODE(outcome, 0);
+        QVERIFY(outcome.count("quotes superseded at board#2")
+                >= 0); // the bus says so, and the board
+        QVERIFY(outcome.count("quotes EUR/USD") > 1000);
+        const Outcome wrong = runBriefly({"--board-policy", "some"});
+        VERIFY_CODE(wrong, 1);
+        QVERIFY(wrong.err.contains("--board-policy some"));
+    }
+
     void everythingIsDeliveredUnderBothIdlePolicies()
     {
         const QStringList sessions[] = {

@@ -3,6 +3,7 @@
 #include <Recordings.h>
 #include <SyntheticSession.h>
 
+#include <lxbase/BusMonitor.h>
 #include <lxbase/MessageCommonManage.h>
 #include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
@@ -23,6 +24,12 @@ namespace {
 
 Q_LOGGING_CATEGORY(lcNet, "lxclient.net")
 
+// The player looks after so many quotes how many items are under way, and waits while they are too
+// many, so that no inbox comes near 100,000 items and a session of any length needs the same
+// memory. What is under way is the work of some hundredths of a second.
+constexpr quint64 QuotesPerLook = 4096;
+constexpr quint64 MaxUnderWay = 50'000;
+
 } // namespace
 
 NetPlugin::NetPlugin()
@@ -34,6 +41,7 @@ NetPlugin::~NetPlugin() = default;
 Error NetPlugin::onInitialise(const QVariantMap& settings)
 {
     m_speed = settings.value(setting::Speed).toDouble();
+    m_heard = settings.value(setting::Heard).value<lxclient::HeardQuotes>();
     const QStringList files = settings.value(setting::Quotes).toStringList();
     if (files.isEmpty()) {
         m_source =
@@ -114,6 +122,8 @@ void NetPlugin::play()
         if (!waitUntilDue(timed->due_ms))
             break;
         putQuote(timed->quote);
+        if (m_played % QuotesPerLook == 0 && !waitForRoom())
+            break;
     }
     m_ended = true;
 }
@@ -134,6 +144,30 @@ bool NetPlugin::waitUntilDue(qint64 dueMs)
     return !m_stop;
 }
 
+// False: stop.
+bool NetPlugin::waitForRoom()
+{
+    while (itemsUnderWay() > MaxUnderWay) {
+        std::unique_lock<std::mutex> locker(m_stop_mutex);
+        if (m_stop_condition.wait_for(locker, std::chrono::milliseconds(1),
+                                      [this] { return m_stop; }))
+            return false;
+    }
+    return true;
+}
+
+// Of the fullest inbox, with what its handler has in hand and what may still come from the list of
+// the quotations; or of the listener, if that is further behind.
+quint64 NetPlugin::itemsUnderWay() const
+{
+    const BusStatistics bus = CBusMonitor::statistics();
+    quint64 most = 0;
+    for (const InboxStatistics& inbox : bus.inboxes)
+        most = qMax(most, inbox.put - inbox.handled - inbox.dropped - inbox.superseded);
+    most += bus.quotationList.put - bus.quotationList.handled;
+    return m_heard ? qMax(most, m_played - m_heard->load()) : most;
+}
+
 void NetPlugin::putQuote(Quote quote)
 {
     const int index = m_line_of_symbol.value(quote.symbol, -1);
@@ -150,6 +184,7 @@ void NetPlugin::putQuote(Quote quote)
         line.last->SetMsg(QVariant::fromValue(quote));
         type = line.type;
     }
+    ++m_played;
     PutQuotationMsg(id(), new CMessageCommon(id(), QString(), type, QVariant::fromValue(quote)));
 }
 
