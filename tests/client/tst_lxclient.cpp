@@ -173,10 +173,13 @@ private slots:
         const Outcome replayed = run({"--quotes", file});
         VERIFY_CODE(made, 0);
         VERIFY_CODE(replayed, 0);
-        // without the line that tells how fast it was
-        const QString tables = made.out.section("in order.\n", 0, 0);
-        QVERIFY(tables.contains("quotes USD/JPY"));
-        QCOMPARE(replayed.out.section("in order.\n", 0, 0), tables);
+        // without what tells how fast it was: the backlogs of the plugins and the last lines
+        const auto tables = [](const Outcome& outcome) {
+            return outcome.out.section("\nPlugin ", 0, 0)
+                + outcome.out.section("\nLedger ", 1).section("in order.\n", 0, 0);
+        };
+        QVERIFY(tables(made).contains("quotes USD/JPY"));
+        QCOMPARE(tables(replayed), tables(made));
 
         QFile recording(file);
         QVERIFY(recording.open(QIODevice::Append) && recording.write("nonsense\n"));
