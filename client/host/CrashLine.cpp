@@ -16,12 +16,12 @@ constexpr struct
 {
     int number;
     const char* name;
-} signals[] = {
+} crashSignals[] = {
     {SIGSEGV, "SIGSEGV"}, {SIGBUS, "SIGBUS"},   {SIGILL, "SIGILL"},
     {SIGFPE, "SIGFPE"},   {SIGABRT, "SIGABRT"},
 };
-struct sigaction previous[std::size(signals)]; // in the same order
-const char* before = "";                       // the line; on a terminal clears what stands there
+struct sigaction previousActions[std::size(crashSignals)]; // in the same order
+const char* before = ""; // the line; on a terminal clears what stands there
 
 // The program's own, so that the signal handler finds it without allocating anything.
 thread_local RunningCall running;
@@ -88,11 +88,11 @@ void onCrash(int number, siginfo_t* info, void*)
     Line line;
     line.add(before);
     line.add("lxclient: crash, ");
-    for (std::size_t i = 0; i < std::size(signals); ++i) {
-        if (signals[i].number != number)
+    for (std::size_t i = 0; i < std::size(crashSignals); ++i) {
+        if (crashSignals[i].number != number)
             continue;
-        line.add(signals[i].name);
-        ::sigaction(number, &previous[i], nullptr);
+        line.add(crashSignals[i].name);
+        ::sigaction(number, &previousActions[i], nullptr);
     }
     if (running.plugin) {
         line.add(" in ");
@@ -122,8 +122,8 @@ void crashline::install()
     action.sa_sigaction = onCrash;
     action.sa_flags = SA_SIGINFO | SA_ONSTACK;
     ::sigemptyset(&action.sa_mask);
-    for (std::size_t i = 0; i < std::size(signals); ++i)
-        ::sigaction(signals[i].number, &action, &previous[i]);
+    for (std::size_t i = 0; i < std::size(crashSignals); ++i)
+        ::sigaction(crashSignals[i].number, &action, &previousActions[i]);
 }
 
 RunningCall crashline::exchange(RunningCall call) noexcept

@@ -99,7 +99,7 @@ private:
         lxclient::Plugin* plugin = nullptr;
         lxclient::Input* input = nullptr; // null: no input
         bool initialised = false;
-        bool reports = true; // its report has not thrown
+        bool reports = true; // false: report has thrown, or may not return
         lxclient::Report last_report;
     };
 
