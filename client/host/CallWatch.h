@@ -52,8 +52,8 @@ public:
         CallWatch& m_watch;
         SupervisedPlugin& m_plugin;
         const char* const m_operation;
-        Call* const m_outer; // guarded by m_watch.m_mutex, as are the others
-        std::chrono::steady_clock::duration m_age{0};
+        std::chrono::steady_clock::duration m_age{0}; // guarded by m_watch.m_mutex
+        Call* const m_outer; // last: from its initialisation on, the watching thread sees the call
     };
 
 private:
