@@ -8,6 +8,7 @@
 #include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
 
+#include <QDateTime>
 #include <QLoggingCategory>
 
 #include <utility>
@@ -29,6 +30,25 @@ Q_LOGGING_CATEGORY(lcNet, "lxclient.net")
 // memory. What is under way is the work of some hundredths of a second.
 constexpr quint64 QuotesPerLook = 4096;
 constexpr quint64 MaxUnderWay = 50'000;
+constexpr std::chrono::seconds StandstillLimit{30};
+constexpr double LongGapS = 60; // to wait for: worth a word
+
+// "6 h 12 min", "75 s".
+QString waitText(double seconds)
+{
+    const auto minutes = static_cast<qint64>(seconds / 60);
+    if (minutes >= 48 * 60)
+        return QStringLiteral("%1 days").arg(minutes / (24 * 60));
+    if (minutes >= 60)
+        return QStringLiteral("%1 h %2 min").arg(minutes / 60).arg(minutes % 60);
+    return QStringLiteral("%1 s").arg(seconds, 0, 'f', 0);
+}
+
+QString timeText(qint64 ms)
+{
+    return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC)
+        .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss 'UTC'"));
+}
 
 } // namespace
 
@@ -42,6 +62,8 @@ Error NetPlugin::onInitialise(const QVariantMap& settings)
 {
     m_speed = settings.value(setting::Speed).toDouble();
     m_heard = settings.value(setting::Heard).value<lxclient::HeardQuotes>();
+    if (settings.contains(setting::SkipGaps))
+        m_skip_gaps_s = settings.value(setting::SkipGaps).toDouble();
     const QStringList files = settings.value(setting::Quotes).toStringList();
     if (files.isEmpty()) {
         m_source =
@@ -89,6 +111,8 @@ lxclient::Report NetPlugin::report() const
         QStringLiteral("pool records: %1 borrowed, %2 returned").arg(m_borrowed).arg(m_returned));
     if (m_bad_rows > 0)
         report.remarks.append(QStringLiteral("bad rows skipped: %1").arg(m_bad_rows));
+    if (m_gaps_skipped > 0)
+        report.remarks.append(QStringLiteral("gaps skipped: %1").arg(m_gaps_skipped));
     report.faults = m_faults;
     return report;
 }
@@ -131,12 +155,16 @@ void NetPlugin::play()
 // False: stop. The first quote is due at once and sets the clock for the others.
 bool NetPlugin::waitUntilDue(qint64 dueMs)
 {
-    std::unique_lock<std::mutex> locker(m_stop_mutex);
     if (m_speed > 0) {
         if (!m_first_due_ms) {
-            m_first_due_ms = dueMs;
+            m_first_due_ms = m_last_due_ms = dueMs;
             m_begin = Clock::now();
         }
+        passGap(dueMs - m_last_due_ms);
+        m_last_due_ms = dueMs;
+    }
+    std::unique_lock<std::mutex> locker(m_stop_mutex);
+    if (m_speed > 0) {
         const std::chrono::duration<double, std::milli> played((dueMs - *m_first_due_ms) / m_speed);
         const auto due = m_begin + std::chrono::duration_cast<Clock::duration>(played);
         m_stop_condition.wait_until(locker, due, [this] { return m_stop; });
@@ -144,10 +172,20 @@ bool NetPlugin::waitUntilDue(qint64 dueMs)
     return !m_stop;
 }
 
-// False: stop.
+// False: stop, or nobody takes anything any more: then the session is to end, and says who.
 bool NetPlugin::waitForRoom()
 {
-    while (itemsUnderWay() > MaxUnderWay) {
+    Clock::time_point moved = Clock::now();
+    quint64 last = 0;
+    for (quint64 items = itemsUnderWay(); items > MaxUnderWay; items = itemsUnderWay()) {
+        if (std::exchange(last, items) != items)
+            moved = Clock::now();
+        if (Clock::now() - moved > StandstillLimit) {
+            fault(QStringLiteral("playing ended early: an inbox is full and was not worked on for "
+                                 "%1 s")
+                      .arg(StandstillLimit.count()));
+            return false;
+        }
         std::unique_lock<std::mutex> locker(m_stop_mutex);
         if (m_stop_condition.wait_for(locker, std::chrono::milliseconds(1),
                                       [this] { return m_stop; }))
@@ -166,6 +204,24 @@ quint64 NetPlugin::itemsUnderWay() const
         most = qMax(most, inbox.put - inbox.handled - inbox.dropped - inbox.superseded);
     most += bus.quotationList.put - bus.quotationList.handled;
     return m_heard ? qMax(most, m_played - m_heard->load()) : most;
+}
+
+// The pause before the next quote: leaves it out if it is too long, and says so if it is long.
+void NetPlugin::passGap(qint64 gapMs)
+{
+    const double waitS = static_cast<double>(gapMs) / m_speed / 1000;
+    const bool skip = m_skip_gaps_s && waitS > *m_skip_gaps_s;
+    if (waitS > LongGapS) {
+        qCWarning(lcNet).noquote().nospace()
+            << "no quotes from " << timeText(m_last_due_ms) << " to "
+            << timeText(m_last_due_ms + gapMs) << ", " << waitText(waitS) << " at this speed: "
+            << (skip ? "left out" : "waiting; --skip-gaps SECONDS leaves such gaps out");
+    }
+    if (!skip)
+        return;
+    *m_first_due_ms += gapMs;
+    const QMutexLocker locker(&m_mutex);
+    ++m_gaps_skipped;
 }
 
 void NetPlugin::putQuote(Quote quote)
