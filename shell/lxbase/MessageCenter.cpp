@@ -209,7 +209,7 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
 {
     const CallGate::Pass pass(centerGate);
     if (!msg || !pass)
-        return;
+        return countTurnedAway(msg.get());
     const QString dst = msg->GetDstid();
     Delivery delivery(
         m_msg_reg_hash, m_msg_reg_mutex, messageInbox, QString(PluginID::PLUGINNET_GLOBALID),
@@ -231,7 +231,7 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
 {
     const CallGate::Pass pass(centerGate);
     if (!msg || !pass)
-        return;
+        return countTurnedAway(msg.get());
     const QString dst = msg->GetDstid();
     Delivery delivery(
         m_msg_reg_hash, m_msg_reg_mutex, quotationInbox, QString(PluginID::PLUGINNET_GLOBALID),
