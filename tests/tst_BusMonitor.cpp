@@ -72,6 +72,45 @@ struct Throwing
     inline static bool armed = false;
 };
 
+// A plugin whose handler has one item in hand and keeps it.
+struct Held
+{
+    Held()
+    {
+        plugin.onCall([this](const Call& call) {
+            if (call.data == 0) {
+                entered.signal();
+                goOn.wait();
+            }
+        });
+        hold();
+    }
+    ~Held() { goOn.signal(); } // where a test has failed
+    void hold()
+    {
+        deliverTo(plugin.id(), M, 0);
+        entered.wait();
+    }
+
+    Latch entered;
+    Latch goOn;
+    Plugin plugin{M}; // last: its handler uses the others
+};
+
+// Is stopped as a whole in the middle of a handler call, for longer than the limit.
+const ChildScenario standsStill("standsStill", [] {
+    CBusMonitor::setStallLimit(1500);
+    Held held;
+    const auto busyForMs = [&] { return figuresOf(held.plugin.id()).busyForNs / 1'000'000; };
+    bool asExpected = waitUntil([&] { return busyForMs() > 300; }); // the watching thread saw it
+    const QString stop = "kill -STOP $PPID; sleep 2; kill -CONT $PPID";
+    asExpected &= QProcess::execute("/bin/sh", {"-c", stop}) == 0;
+    const qint64 afterwardsMs = busyForMs();
+    asExpected &= waitUntil([&] { return busyForMs() > afterwardsMs + 300; }); // and looked again
+    held.goOn.signal();
+    return asExpected && afterwardsMs > 2000 ? 0 : 1;
+});
+
 } // namespace
 
 Q_DECLARE_METATYPE(Throwing)
@@ -139,22 +178,23 @@ private slots:
                 visitor.UnReg(id);
             }
         });
-        QMap<InboxKind, quint64> last;
+        QVector<quint64> last(6);
         QString wrong;
         std::mt19937 random(1);
         for (int look = 0; wrong.isEmpty() && (look < 300 || visits < 10); ++look) {
             CBusMonitor::setLevel(StatisticsLevel(random() % 4));
-            QMap<InboxKind, quint64> sums;
+            QVector<quint64> sums(6); // put and handled, by kind
             for (const InboxStatistics& inbox : CBusMonitor::statistics().inboxes) {
                 const qint64 inHand =
                     qint64(inbox.put - inbox.waiting - inbox.handled - inbox.dropped);
                 if (inHand < 0 || inHand > qint64(inbox.peak))
                     wrong = QString("%1 in hand of %2").arg(inHand).arg(inbox.peak);
-                sums[inbox.kind] += inbox.handled;
+                sums[int(inbox.kind)] += inbox.put;
+                sums[3 + int(inbox.kind)] += inbox.handled;
             }
-            for (const InboxKind kind : sums.keys()) {
-                if (sums[kind] < last[kind])
-                    wrong = QString("handled: %1 after %2").arg(sums[kind]).arg(last[kind]);
+            for (int k = 0; k < sums.size(); ++k) {
+                if (sums[k] < last[k])
+                    wrong = QString("sum %1: %2 after %3").arg(k).arg(sums[k]).arg(last[k]);
             }
             last = sums;
         }
@@ -191,6 +231,8 @@ private slots:
             if (tookNs == 0)
                 tookNs = timer.nsecsElapsed();
         });
+        QElapsedTimer atMost;
+        atMost.start();
         deliverTo(plugin.id(), M, 30);
         deliverTo(plugin.id(), M, 0);
         entered.wait();
@@ -200,12 +242,13 @@ private slots:
         goOn.signal();
         QVERIFY(plugin.waitForCalls(2));
         LX_WAIT_FOR(figuresOf(plugin.id()).busyForNs == 0);
+        const qint64 atMostNs = atMost.nsecsElapsed();
         const InboxStatistics figures = figuresOf(plugin.id());
         CBusMonitor::setLevel(StatisticsLevel::Counts);
         QCOMPARE(figures.handlerTime.count(), quint64(2));
         QVERIFY(figures.handlerTime.max() >= tookNs);
-        QVERIFY(figures.handlerTime.quantile(1) <= figures.handlerTime.max());
-        QVERIFY(figures.handlerTime.sum() >= tookNs);
+        QVERIFY(figures.handlerTime.sum() >= figures.handlerTime.max());
+        QVERIFY(figures.handlerTime.sum() <= atMostNs);
         QVERIFY(figures.waitTime.count() >= 1);
         QCOMPARE(figures.handled, quint64(2));
     }
@@ -259,7 +302,8 @@ private slots:
         messages.onCall([&](const Call&) {
             entered.signal();
             goOn.wait();
-            QThread::msleep(5); // room for UnReg to ask for the stop
+            QThread::msleep(
+                5); // room for UnReg to ask for the stop; if it is late, more is handled
         });
         put(PutPath::Put, "messages", type);
         entered.wait();
@@ -270,8 +314,8 @@ private slots:
         LX_WAIT_FOR(CBusMonitor::waiting("messages", InboxKind::Messages) == 0);
         goOn.signal();
         leaving.join();
-        expected << "unregistered 0 messages"
-                 << "unregistered 0 messages";
+        for (int handled = messages.count(); handled < 3; ++handled)
+            expected << "unregistered 0 messages";
         center().UnReg("null");
         LX_WAIT_FOR(allLost());
         expected.sort();
@@ -282,6 +326,16 @@ private slots:
         for (int reason = 0; reason < LostReasonCount; ++reason)
             counted += after[reason] - before[reason];
         QCOMPARE(counted, quint64(expected.size()));
+    }
+
+    void aTypeOfAClassIsListedByItsName()
+    {
+        for (const QVariant& type : {QVariant::fromValue(Throwing()), QVariant(7), QVariant("t")})
+            center().Put("tester", message("nobody", type));
+        QVariantList listed;
+        for (const LostItem& lost : CBusMonitor::lostItems())
+            listed << lost.type;
+        QCOMPARE(listed.mid(listed.size() - 3), QVariantList({"Throwing", 7, "t"}));
     }
 
     void anObserverMayLoseAgain()
@@ -348,30 +402,55 @@ private slots:
         QCOMPARE(m_log->lines("warning").size(), 3);
     }
 
-    void anInboxThatGrowsIsReportedAtEachDoubling()
+    void aPluginIsReportedFiveTimesAMinuteAtMost()
+    {
+        CBusMonitor::setStallLimit(1);
+        Held held;
+        LX_WAIT_FOR(CBusMonitor::stalls().value(0).forMs >= 2048); // a sixth was due
+        double last = 0; // a report comes with the first look after a power of two
+        for (const QString& line : m_log->lines("warning")) {
+            const int ms = QRegularExpression("for (\\d+) ms").match(line).captured(1).toInt();
+            QVERIFY2(std::floor(std::log2(ms)) > last, qPrintable(line));
+            last = std::floor(std::log2(ms));
+        }
+        QCOMPARE(m_log->lines("warning").size(), 5);
+        held.goOn.signal();
+        LX_WAIT_FOR(m_log->lines("warning").size() == 6);
+        QVERIFY(m_log->lines("warning")[5].contains("stall over"));
+        CBusMonitor::setStallLimit(0);
+    }
+
+    void aProcessThatStoodStillReportsNothing()
+    {
+        const ChildResult child = runChild("standsStill");
+        QVERIFY2(child.succeeded, qPrintable(child.log.join('\n')));
+        QCOMPARE(child.log.filter("stall"), QStringList());
+    }
+
+    void anInboxThatGrowsIsReportedAtEachDoublingAndNotAnewWhenItFillsAgain()
     {
         CBusMonitor::setStallLimit(60 * 1000);
-        Plugin plugin(M);
-        Latch entered;
-        Latch goOn;
-        plugin.onCall([&](const Call& call) {
-            if (call.data == 0) {
-                entered.signal();
-                goOn.wait();
-            }
-        });
-        deliverTo(plugin.id(), M, 0);
-        entered.wait(); // with the first item alone in hand
-        for (int reports = 1; reports <= 2; ++reports) {
-            for (int i = 0; i < 12000 * reports; ++i)
-                deliverTo(plugin.id(), M, 1);
-            LX_WAIT_FOR(m_log->lines("warning").size() >= reports);
-            QCOMPARE(m_log->lines("warning").size(), reports);
-        }
-        goOn.signal();
-        QVERIFY(plugin.waitForCalls(36001));
+        Held held;
+        Held other;
+        int reports = 0;
+        const auto fill = [&](Held& filled, int items, int reported) {
+            while (items-- > 0)
+                deliverTo(filled.plugin.id(), M, 1);
+            reports += reported;
+            return waitUntil([&] { return m_log->lines("warning").size() >= reports; })
+                && m_log->lines("warning").size() == reports;
+        };
+        QVERIFY(fill(held, 12000, 1) && fill(held, 12000, 1));
+        held.goOn.signal();
+        QVERIFY(held.plugin.waitForCalls(24001));
+        QVERIFY(fill(other, 12000, 1) && fill(other, 12000, 1)); // the watching thread looked twice
+        held.hold();
+        QVERIFY(fill(held, 12000, 0) && fill(other, 24000, 1));
+        held.goOn.signal();
+        other.goOn.signal();
         CBusMonitor::setStallLimit(0);
-        QCOMPARE(m_log->lines("warning").size(), 2);
+        QVERIFY(held.plugin.waitForCalls(36002) && other.plugin.waitForCalls(48001));
+        QCOMPARE(m_log->lines("warning").size(), reports);
     }
 };
 

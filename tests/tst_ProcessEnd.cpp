@@ -1,6 +1,8 @@
 // The end of the center: each test runs a process of its own to its end and reads what it left.
 #include <lxtest/BusTest.h>
 
+#include <lxbase/BusMonitor.h>
+
 #include <QLoggingCategory>
 
 #include <atomic>
@@ -18,6 +20,7 @@ namespace {
 
 bool isChild = false;
 std::atomic<int> handlersRunning{0};
+std::atomic<quint64> handled{0}; // where the scenario counts it
 
 CountedMessage* toNet(const QString& dst, const QVariant& type = 1)
 {
@@ -38,6 +41,12 @@ struct Ledger
         if (isChild) {
             std::fprintf(stderr, "records alive: %d, handlers running: %d\n",
                          CountedMessage::alive() + CountedEvent::alive(), handlersRunning.load());
+        }
+        if (isChild && handled > 0) {
+            const QVector<quint64> lost = CBusMonitor::statistics().lost;
+            std::fprintf(stderr, "handled or lost at the end: %llu, lost before the start: %llu\n",
+                         handled + lost[int(LostReason::AtEnd)],
+                         lost[int(LostReason::BeforeStart)]);
         }
     }
 };
@@ -69,7 +78,11 @@ struct LateCaller
         center().regNetMsgQueue(nullptr);
         center().regQuotationQueue(nullptr);
         center().UnReg("late");
+        CBusMonitor::setStallLimit(1);
+        CBusMonitor::statistics();
+        CBusMonitor::waiting("late", InboxKind::Events);
     }
+    static constexpr quint64 Puts = 12;
 };
 LateCaller lateCaller BEFORE_THE_CENTER(102);
 
@@ -103,6 +116,28 @@ const ChildScenario endWithTraffic("endWithTraffic", [] {
         center().PutEvent("", makeEvent("", 1, 1));
     }
     center().PutNetMsg("", nullptr);
+    return 0;
+});
+
+// Whatever is still on its way is counted, and so is what comes late.
+constexpr quint64 Rounds = 1000;
+const ChildScenario lossesAreCounted("lossesAreCounted", [] {
+    isChild = true;
+    QLoggingCategory::setFilterRules("lxbase.debug=false");
+    center().PutNetMsg("", message("stays", 1));
+    center().PutQuotationMsg("", message("stays", 1));
+    center().Start();
+    plugins[0] = new Plugin("stays", All);
+    plugins[0]->onCall([](const Call&) {
+        ++handled;
+        QThread::usleep(100);
+    });
+    for (quint64 i = 0; i < Rounds; ++i) {
+        center().PutNetMsg("", message("stays", 1));
+        center().PutQuotationMsg("", message("stays", 1));
+        center().Put("", message("stays", 1));
+        center().PutEvent("", makeEvent("stays", 1));
+    }
     return 0;
 });
 
@@ -308,6 +343,13 @@ private slots:
         QTest::newRow("lists full, plugins registered")
             << QByteArray("endWithTraffic")
             << QStringList{stopped + "(\"stays1\", \"stays2\")", balanced};
+        QTest::newRow("losses")
+            << QByteArray("lossesAreCounted")
+            << QStringList{"warning lxbase: net recv list is NULL,maybe no init netmodule",
+                           "warning lxbase: m_quotation_list is NULL,maybe no init netmodule",
+                           stopped + "(\"stays\")", balanced,
+                           QString("handled or lost at the end: %1, lost before the start: 2")
+                               .arg(4 * Rounds + LateCaller::Puts)};
         QTest::newRow("a plugin registered by a handler")
             << QByteArray("registeredByAHandler")
             << QStringList{stopped + "(\"first\", \"second\")", balanced};

@@ -147,6 +147,9 @@ BusStatistics CBusMonitor::statistics()
               [](const InboxStatistics& a, const InboxStatistics& b) {
                   return std::tie(a.plugin, a.kind) < std::tie(b.plugin, b.kind);
               });
+    const CallGate::Pass pass(centerGate);
+    if (!pass)
+        return statistics; // the pool goes soon after the center
     CMessageCenter::GetInstance()->readStatistics(statistics);
     CMessageCommonManage* const pool = CMessageCommonManage::GetInstance();
     const QMutexLocker locker(&pool->m_pool_mutex);

@@ -134,7 +134,7 @@ struct LostItem
     PutPath path = PutPath::Put;                        ///< how it was put
     QString source;                                     ///< the sender's ID, as receivers see it
     QString destination; ///< who went without; empty: nobody is known
-    QVariant type;       ///< of the message or event
+    QVariant type;       ///< of the message or event; a class of somebody's own: its name
     QString traceId;     ///< of the message, where it has one
 };
 
@@ -143,7 +143,7 @@ struct Stall
 {
     QString plugin;                       ///< the ID
     InboxKind kind = InboxKind::Messages; ///< of handler
-    QVariant type;                        ///< of the item that is handled
+    QVariant type;                        ///< of the item that is handled, as in LostItem
     QString sender;                       ///< of that item
     qint64 forMs = 0;                     ///< at least so long
     quint64 waiting = 0;                  ///< items in the inbox behind it
@@ -203,8 +203,9 @@ public:
     /// default) ends it, a negative one is refused with a warning log record. Such a call is
     /// reported by a warning log record at the limit and whenever its time has doubled, at most
     /// five times a minute for one plugin, and once more when it has returned; an inbox at 10,000
-    /// items and each doubling. Time in which the whole process, or the machine, stood still does
-    /// not count.
+    /// items and each doubling, and from 10,000 on again when it has held few for a minute. A call
+    /// that is in progress already is not seen. Time in which the whole process, or the machine,
+    /// stood still does not count.
     static void setStallLimit(int ms);
 
     /// The calls in progress that have been reported.

@@ -1,5 +1,7 @@
 #include <lxbase/InboxMeter.h>
 
+#include <lxbase/Owned.h>
+
 #include <algorithm>
 #include <chrono>
 #include <limits>
@@ -93,8 +95,8 @@ bool InboxMeter::copyInHand(QString& sender, QVariant& type)
     m_hazard.store(inHand);
     const bool there = m_in_hand.load() == inHand;
     if (there) {
-        sender = *inHand->sender;
-        type = *inHand->type;
+        sender = owned(*inHand->sender);
+        type = listable(*inHand->type);
     }
     m_hazard.store(nullptr);
     return there;

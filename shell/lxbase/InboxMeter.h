@@ -111,7 +111,8 @@ public:
     // Waits for the moment that a watching thread may need to copy what is in hand.
     void withdraw();
 
-    // The watching thread, of which there is one. Copies of what is in hand; false: nothing is.
+    // The watching thread, of which there is one. Copies of what is in hand that may be kept for
+    // longer than the libraries of the plugins; false: nothing is.
     bool copyInHand(QString& sender, QVariant& type);
 
     // How many calls have been published, and whether one is in progress.

@@ -9,6 +9,7 @@
 #include <lxdefine/PluginID.h>
 
 #include <QDateTime>
+#include <QScopedValueRollback>
 
 #include <utility>
 
@@ -69,20 +70,19 @@ void LostItems::note(LostItem item)
     // listed for longer than the library that put it may stay loaded
     item.source = owned(item.source);
     item.destination = owned(item.destination);
-    item.type = owned(item.type);
+    item.type = listable(item.type);
     item.traceId = owned(item.traceId);
-    LostItem forgotten; // destroyed after the lock: its type may be of any class
     QMutexLocker locker(&m_mutex);
     item.sequence = ++m_last_sequence;
     if (m_ring.size() < MaxListed)
         m_ring.resize(MaxListed);
     LostItem& place = m_ring[static_cast<int>(item.sequence % MaxListed)];
-    forgotten = std::exchange(place, item);
+    place = item;
     const auto observer = m_observer;
     locker.unlock();
-    if (observer && !std::exchange(observing, true)) {
+    if (observer && !observing) {
+        const QScopedValueRollback<bool> inside(observing, true); // also if it throws
         (*observer)(item);
-        observing = false;
     }
 }
 

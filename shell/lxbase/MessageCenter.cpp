@@ -246,7 +246,7 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
 {
     const CallGate::Pass pass(centerGate);
     if (!msg || !pass)
-        return;
+        return countTurnedAway(msg.get());
     const QString dst = msg->GetDstid();
     Delivery delivery(
         PutPath::PutNetMsg, m_msg_reg_hash, m_msg_reg_mutex, messageInbox,
@@ -268,7 +268,7 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
 {
     const CallGate::Pass pass(centerGate);
     if (!msg || !pass)
-        return;
+        return countTurnedAway(msg.get());
     const QString dst = msg->GetDstid();
     Delivery delivery(
         PutPath::PutQuotationMsg, m_msg_reg_hash, m_msg_reg_mutex, quotationInbox,

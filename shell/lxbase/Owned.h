@@ -33,6 +33,22 @@ inline QVariant owned(const QVariant& value)
     }
 }
 
+// A type for a list that nobody can have emptied before a library is unloaded: texts and numbers as
+// they are, an enumerator as its number. A value of any other class, which only the code of its
+// library can copy and destroy, becomes the name of the class.
+inline QVariant listable(const QVariant& type)
+{
+    const int id = type.userType();
+    if (id == QMetaType::QString || id == QMetaType::QByteArray)
+        return owned(type);
+    const QMetaType::TypeFlags flags = QMetaType::typeFlags(id);
+    if (flags & QMetaType::IsEnumeration)
+        return type.toInt();
+    if (id < QMetaType::User && !(flags & QMetaType::NeedsDestruction))
+        return type;
+    return QString::fromLatin1(type.typeName());
+}
+
 } // namespace lxbase::detail
 
 #endif

@@ -145,8 +145,8 @@ void StallWatch::look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs,
     InboxMeter* const meter = worker.meter();
     if (!meter)
         return;
+    const bool inHand = meter->isInHand(); // read first: the count is then of this call or a later
     const quint64 calls = meter->calls();
-    const bool inHand = meter->isInHand();
     if (watched.sinceMs >= 0 && (!inHand || calls != watched.calls)) {
         if (watched.reported) {
             records << QStringLiteral(
@@ -154,7 +154,7 @@ void StallWatch::look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs,
                            .arg(watched.stall.plugin, QLatin1String(nameOf(worker.kind())))
                            .arg(nowMs - watched.sinceMs);
         }
-        watched = {0, -1, 0, false, {}, watched.reportDepth};
+        watched = {0, -1, 0, false, {}, watched.reportDepth, watched.deepMs};
     }
     if (inHand && watched.sinceMs < 0) {
         watched.calls = calls;
@@ -177,7 +177,8 @@ void StallWatch::look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs,
         stall.forMs = forMs;
         stall.waiting = waiting;
         if (forMs >= watched.reportAtMs) {
-            watched.reportAtMs = 2 * qMax(watched.reportAtMs, qint64(1));
+            while (watched.reportAtMs <= forMs)
+                watched.reportAtMs *= 2;
             if (mayReport(stall.plugin, nowMs)) {
                 watched.reported = true;
                 QString record;
@@ -192,17 +193,19 @@ void StallWatch::look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs,
         }
     }
 
-    if (waiting > watched.reportDepth) {
+    // An inbox that fills and empties in turns is no news each time, so what has been said of it
+    // holds until it has been shallow for a while.
+    if (waiting > watched.reportDepth && mayReport(worker.id(), nowMs)) {
         while (waiting > watched.reportDepth)
             watched.reportDepth *= 2;
-        if (mayReport(worker.id(), nowMs)) {
-            records << QStringLiteral("the inbox of \"%1\" for %2 grows: %3 items wait")
-                           .arg(worker.id(), QLatin1String(nameOf(worker.kind())))
-                           .arg(waiting);
-        }
-    } else if (waiting < FirstDepth / 2) {
-        watched.reportDepth = FirstDepth;
+        records << QStringLiteral("the inbox of \"%1\" for %2 grows: %3 items wait")
+                       .arg(worker.id(), QLatin1String(nameOf(worker.kind())))
+                       .arg(waiting);
     }
+    if (waiting >= FirstDepth / 2)
+        watched.deepMs = nowMs;
+    else if (nowMs - watched.deepMs >= MinuteMs)
+        watched.reportDepth = FirstDepth;
 }
 
 void StallWatch::trace(const Stall& stall)
@@ -220,9 +223,8 @@ void StallWatch::trace(const Stall& stall)
 
 bool StallWatch::mayReport(const QString& plugin, qint64 nowMs)
 {
-    constexpr qint64 minuteMs = 60000;
     QVector<qint64>& times = m_report_ms[plugin];
-    while (!times.isEmpty() && times.first() <= nowMs - minuteMs)
+    while (!times.isEmpty() && times.first() <= nowMs - MinuteMs)
         times.removeFirst();
     if (times.size() >= MaxReportsPerMinute)
         return false;

@@ -30,7 +30,8 @@ class StallWatch : public LxThread
 public:
     static constexpr int TickMs = 100;
     static constexpr int MaxReportsPerMinute = 5; // for one plugin
-    static constexpr quint64 FirstDepth = 10000;  // of an inbox that is reported
+    static constexpr qint64 MinuteMs = 60000;
+    static constexpr quint64 FirstDepth = 10000; // of an inbox that is reported
 
     // Any thread. Ends the present one and starts another, unless `ms` is 0.
     static void begin(int ms);
@@ -52,12 +53,13 @@ private:
     // What is remembered of one worker.
     struct Watched
     {
-        quint64 calls = 0;     // of the call in progress
-        qint64 sinceMs = -1;   // when it was first seen; negative: none is in progress
-        qint64 reportAtMs = 0; // how long it has to last for the next report
-        bool reported = false; // a record was written of it
-        Stall stall;           // as reported; no plugin: not yet
-        quint64 reportDepth = FirstDepth;
+        quint64 calls = 0;                // of the call in progress
+        qint64 sinceMs = -1;              // when it was first seen; negative: none is in progress
+        qint64 reportAtMs = 0;            // how long it has to last for the next report
+        bool reported = false;            // a record was written of it
+        Stall stall;                      // as reported; no plugin: not yet
+        quint64 reportDepth = FirstDepth; // of the inbox, for the next report
+        qint64 deepMs = 0;                // when half of FirstDepth waited last
     };
 
     void tick(qint64 nowMs);
