@@ -9,6 +9,7 @@
 #include <lxbase/MessageCenter.h>
 #include <lxbase/MessageCommonManage.h>
 #include <lxbase/StallWatch.h>
+#include <lxbase/TraceRecorder.h>
 
 #include <QDateTime>
 
@@ -182,4 +183,19 @@ void CBusMonitor::setStallLimit(int ms)
 QVector<Stall> CBusMonitor::stalls()
 {
     return StallWatch::stalls();
+}
+
+void CBusMonitor::startTrace(int mebibytes)
+{
+    TraceRecorder::start(mebibytes);
+}
+
+void CBusMonitor::stopTrace()
+{
+    TraceRecorder::stop();
+}
+
+BusTrace CBusMonitor::takeTrace()
+{
+    return TraceRecorder::take();
 }

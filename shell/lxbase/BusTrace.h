@@ -26,7 +26,7 @@ enum class TraceKind : quint8 {
     BatchEnd,
     /// A handler call begins: item (as in Append), type, source, destination (the plugin), inbox.
     HandlerBegin,
-    /// The handler call has returned or thrown: item, destination, inbox.
+    /// The handler call has returned: item, destination, inbox.
     HandlerEnd,
     /// A registration, recorded at its end: durationNs, destination (the plugin).
     Reg,

@@ -7,6 +7,7 @@
 #include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/SubscriptionTable.h>
+#include <lxbase/TraceRecorder.h>
 
 #include <QMutex>
 #include <QString>
@@ -50,15 +51,19 @@ template<class Registry, class InboxOf, class MakeItem>
 class Delivery
 {
 public:
-    Delivery(const Registry& registry, QMutex& registryMutex, InboxOf inboxOf, QString&& srcId,
-             QVariant&& type, MakeItem makeItem)
-        : m_registry(registry)
+    Delivery(PutPath path, const Registry& registry, QMutex& registryMutex, InboxOf inboxOf,
+             QString&& srcId, QVariant&& type, MakeItem makeItem)
+        : m_path(path)
+        , m_registry(registry)
         , m_registry_mutex(registryMutex)
         , m_inbox_of(inboxOf)
         , m_src_id(std::move(srcId))
         , m_type(std::move(type))
         , m_make_item(makeItem)
-    { }
+    {
+        if (isTracing())
+            m_traced = std::make_unique<TracedPut>(m_src_id, m_type);
+    }
 
     // To the destination if there is one, else to the subscribers of the type. Subscribers that are
     // not registered are passed over.
@@ -90,14 +95,16 @@ public:
     // With no lock held, after all: a critical record if a copy has thrown, and what was lost. The
     // values are asked from the record then; those that were given may have been given away.
     template<class Record>
-    void report(Record& record, PutPath path, const LogPlace& place) const
+    void report(Record& record, const LogPlace& place) const
     {
+        if (m_traced)
+            m_traced->end(m_path, record.GetDstid(), traceIdOf(record), &record);
         if (!m_trouble && (m_directed || m_delivered))
             return;
         if (m_trouble && m_trouble->failure)
             logFailure(record, place);
         LostItem lost;
-        lost.path = path;
+        lost.path = m_path;
         lost.source = m_item ? m_item->src_id : m_src_id;
         if (lost.source.isEmpty()) // given away with a copy that has thrown
             lost.source = record.GetSrcid();
@@ -164,7 +171,11 @@ private:
         }
         try {
             if (!failure) {
-                inbox.append(m_item.get());
+                if (m_traced)
+                    m_traced->append(id, m_path, m_item.get(),
+                                     [&] { return inbox.append(m_item.get()); });
+                else
+                    inbox.append(m_item.get());
                 static_cast<void>(m_item.release()); // the inbox has it
                 m_delivered = true;
                 return true;
@@ -201,6 +212,7 @@ private:
         }
     }
 
+    const PutPath m_path;
     const Registry& m_registry;
     QMutex& m_registry_mutex;
     const InboxOf m_inbox_of;
@@ -211,6 +223,7 @@ private:
     bool m_directed = false;
     bool m_delivered = false;
     std::unique_ptr<Trouble> m_trouble;
+    std::unique_ptr<TracedPut> m_traced; // if the put is recorded
 };
 
 } // namespace lxbase::detail

@@ -102,17 +102,19 @@ struct Inbox : InboxBase
 
     // Queues an element and wakes the thread if it waits. The wake-up follows the unlock, so that
     // the woken thread finds the mutex free; the caller therefore keeps the state alive until this
-    // returns (the registry lock, or the center's call gate, does).
-    void append(const Element& element) const
+    // returns (the registry lock, or the center's call gate, does). Returns how many are in it now.
+    int append(const Element& element) const
     {
         QMutexLocker locker(mutex);
         list->append(element);
+        const int size = list->size();
         if (state)
-            state->meter.put(list->size() - 1);
+            state->meter.put(size - 1);
         const bool waits = state && state->claimWaiter();
         locker.unlock();
         if (waits)
             state->m_wake_ups.release();
+        return size;
     }
 };
 

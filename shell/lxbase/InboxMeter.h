@@ -17,6 +17,7 @@ struct alignas(CacheLine) MonitorSwitches
 {
     std::atomic<StatisticsLevel> level{StatisticsLevel::Counts};
     std::atomic<bool> watchesHandlers{false};
+    std::atomic<bool> traces{false};
 };
 inline MonitorSwitches monitorSwitches;
 

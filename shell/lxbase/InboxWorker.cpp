@@ -6,6 +6,7 @@
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageInterface.h>
 #include <lxbase/QueueItems.h>
+#include <lxbase/TraceRecorder.h>
 
 #include <lxdefine/PluginID.h>
 #include <lxplatform/Clock.h>
@@ -204,7 +205,10 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
 
         if (m_interface) {
             countPoll(n);
-            if (!deliver(batch, profile, meter))
+            traceBatch(TraceKind::BatchBegin, n);
+            const bool stopped = !deliver(batch, profile, meter);
+            traceBatch(TraceKind::BatchEnd, n);
+            if (stopped)
                 return;
         } else {
             drop(batch.cbegin(), batch.cend(), false);
@@ -256,6 +260,9 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
     for (int i = 0; i < batch.size(); ++i) {
         if (const std::unique_ptr<Item> item{batch[i]}) {
             meter.begin(i);
+            const bool traced = isTracing();
+            if (Q_UNLIKELY(traced))
+                traceHandler(TraceKind::HandlerBegin, *item);
             if (monitorSwitches.watchesHandlers.load(std::memory_order_relaxed)) {
                 callWatched(*item, profile, meter);
             } else { // the item is deleted anyway
@@ -263,6 +270,8 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
                                                 std::move(item->data));
             }
             meter.end();
+            if (Q_UNLIKELY(traced))
+                traceHandler(TraceKind::HandlerEnd, *item);
         } else {
             ++passedOver;
         }
@@ -274,6 +283,33 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
     }
     meter.finishBatch(passedOver);
     return true;
+}
+
+template<class Item>
+void CInboxWorker<Item>::traceBatch(TraceKind kind, int items) const
+{
+    if (!isTracing())
+        return;
+    TraceEntry entry{kind};
+    entry.detail = static_cast<quint8>(m_kind);
+    entry.number = static_cast<quint64>(items);
+    entry.destination = &m_id;
+    TraceRecorder::record(entry);
+}
+
+// The item's address is read at the end, its values are gone by then.
+template<class Item>
+void CInboxWorker<Item>::traceHandler(TraceKind kind, const Item& item) const
+{
+    TraceEntry entry{kind};
+    entry.detail = static_cast<quint8>(m_kind);
+    entry.item = &item;
+    if (kind == TraceKind::HandlerBegin) {
+        entry.type = &item.type;
+        entry.source = &item.src_id;
+    }
+    entry.destination = &m_id;
+    TraceRecorder::record(entry);
 }
 
 // For whoever watches: sender and type are copied, so that they can be seen while the handler runs.

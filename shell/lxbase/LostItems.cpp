@@ -2,6 +2,7 @@
 
 #include <lxbase/InboxMeter.h>
 #include <lxbase/Owned.h>
+#include <lxbase/TraceRecorder.h>
 
 #include <QDateTime>
 
@@ -24,6 +25,16 @@ LostItems& LostItems::instance()
 
 void LostItems::note(LostItem item)
 {
+    if (isTracing()) {
+        TraceEntry entry{TraceKind::Lost};
+        entry.detail = static_cast<quint8>(item.path);
+        entry.number = static_cast<quint64>(item.reason);
+        entry.type = &item.type;
+        entry.source = &item.source;
+        entry.destination = &item.destination;
+        entry.traceId = &item.traceId;
+        TraceRecorder::record(entry);
+    }
     if (monitorSwitches.level.load(std::memory_order_relaxed) == StatisticsLevel::Off)
         return;
     count(item.reason);

@@ -15,6 +15,7 @@
 #include <lxbase/QuotationWorkerThread.h>
 #include <lxbase/Registry.h>
 #include <lxbase/StallWatch.h>
+#include <lxbase/TraceRecorder.h>
 
 #include <lxdefine/PluginID.h>
 #include <lxmsg/MessageCommon.h>
@@ -62,6 +63,28 @@ void noteNotHandedIn(CMessageCommon* msg, PutPath path, bool inside)
     LostItems::instance().note(std::move(lost));
 }
 
+void traceUnReg(TraceKind kind, const QString& id)
+{
+    if (!isTracing())
+        return;
+    TraceEntry entry{kind};
+    entry.destination = &id;
+    TraceRecorder::record(entry);
+}
+
+// Hands a message from the network in, and records that. False: there is no list.
+template<class Thread>
+bool handIn(const NetworkPath<Thread>& network, const QSharedPointer<CMessageCommon>& msg,
+            PutPath path, const QString& srcId)
+{
+    if (!msg || !isTracing())
+        return network.handIn(msg);
+    const TracedPut traced(srcId, msg->GetType());
+    const bool handedIn = network.handIn(msg);
+    traced.end(TraceKind::Put, path, msg->GetDstid(), msg->traceId(), msg.get());
+    return handedIn;
+}
+
 // Both singletons are made while the library is loaded. The pool is made first, so it outlives the
 // workers that the center stops at its end.
 [[maybe_unused]] const auto* const thePool = CMessageCommonManage::GetInstance();
@@ -93,7 +116,15 @@ void CMessageCenter::Reg(QString id, IMessageInterface* pInterface,
     if (!pass)
         return;
     qCDebug(lcLxbase) << "reg id:" << id;
-    ProcessReg(owned(std::move(id)), pInterface, type);
+    const qint64 begin = isTracing() ? TraceRecorder::stamp() : 0;
+    ProcessReg(owned(id), pInterface, type);
+    if (begin) {
+        TraceEntry entry{TraceKind::Reg};
+        entry.timeNs = begin;
+        entry.number = static_cast<quint64>(TraceRecorder::stamp() - begin);
+        entry.destination = &id;
+        TraceRecorder::record(entry);
+    }
 }
 
 // A handler that would wait for itself, directly or over other handlers in UnReg, is refused.
@@ -114,7 +145,9 @@ void CMessageCenter::UnReg(QString id)
                              << "that a handler of the plugin waits for, refused, ID:" << id;
         return;
     }
+    traceUnReg(TraceKind::UnRegBegin, id);
     FreeOneResouce(id);
+    traceUnReg(TraceKind::UnRegEnd, id);
     if (worker)
         unregs.end(worker->id(), id);
 }
@@ -137,8 +170,8 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
         return countTurnedAway(msg.get());
     const QString dst = msg->GetDstid();
     Delivery delivery(
-        m_msg_reg_hash, m_msg_reg_mutex, messageInbox, std::move(srcId), msg->GetType(),
-        [&](QString&& src, QVariant&& type) {
+        PutPath::Put, m_msg_reg_hash, m_msg_reg_mutex, messageInbox, std::move(srcId),
+        msg->GetType(), [&](QString&& src, QVariant&& type) {
             return new MsgQueueItem{std::move(src), std::move(type), msg->traceId(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::LeftOut);
@@ -149,15 +182,14 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
     if (dst.isEmpty() && msg->GetSendToNetFlag())
         delivery.alsoTo(PluginID::PLUGINNET_GLOBALID, LostReason::NoNetPlugin,
                         LostReason::NoNetPlugin);
-    delivery.report(*msg, PutPath::Put, LXBASE_LOG_PLACE);
+    delivery.report(*msg, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
 {
-    Q_UNUSED(srcId)
     const QSharedPointer<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
-    const bool handedIn = pass && netPath().handIn(msg);
+    const bool handedIn = pass && handIn(netPath(), msg, PutPath::PutNetMsg, srcId);
     if (!handedIn)
         noteNotHandedIn(msg.get(), PutPath::PutNetMsg, bool(pass));
     if (!handedIn && pass.mayLog())
@@ -166,10 +198,9 @@ void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
 
 void CMessageCenter::PutQuotationMsg(QString srcId, CMessageCommon* pMsg)
 {
-    Q_UNUSED(srcId)
     const QSharedPointer<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
-    const bool handedIn = pass && quotationPath().handIn(msg);
+    const bool handedIn = pass && handIn(quotationPath(), msg, PutPath::PutQuotationMsg, srcId);
     if (!handedIn)
         noteNotHandedIn(msg.get(), PutPath::PutQuotationMsg, bool(pass));
     if (!handedIn && pass.mayLog())
@@ -212,8 +243,8 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
         return;
     const QString dst = msg->GetDstid();
     Delivery delivery(
-        m_msg_reg_hash, m_msg_reg_mutex, messageInbox, QString(PluginID::PLUGINNET_GLOBALID),
-        msg->GetType(), [&](QString&& src, QVariant&& type) {
+        PutPath::PutNetMsg, m_msg_reg_hash, m_msg_reg_mutex, messageInbox,
+        QString(PluginID::PLUGINNET_GLOBALID), msg->GetType(), [&](QString&& src, QVariant&& type) {
             return new MsgQueueItem{std::move(src), std::move(type), msg->traceId(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::Included);
@@ -224,7 +255,7 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
         qCDebug(lcLxbase) << "CMessageCenter::ProcessMsgByNetPut"
                           << "MsgType: " << msg->GetType() << " has not sub";
     }
-    delivery.report(*msg, PutPath::PutNetMsg, LXBASE_LOG_PLACE);
+    delivery.report(*msg, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
@@ -234,8 +265,8 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
         return;
     const QString dst = msg->GetDstid();
     Delivery delivery(
-        m_msg_reg_hash, m_msg_reg_mutex, quotationInbox, QString(PluginID::PLUGINNET_GLOBALID),
-        msg->GetType(), [&](QString&& src, QVariant&& type) {
+        PutPath::PutQuotationMsg, m_msg_reg_hash, m_msg_reg_mutex, quotationInbox,
+        QString(PluginID::PLUGINNET_GLOBALID), msg->GetType(), [&](QString&& src, QVariant&& type) {
             return new MsgQueueItem{std::move(src), std::move(type), QString(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::Included);
@@ -243,7 +274,7 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find,maybe dstId not register" << dst;
     }
-    delivery.report(*msg, PutPath::PutQuotationMsg, LXBASE_LOG_PLACE);
+    delivery.report(*msg, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::setIdlePolicy(IdlePolicy policy)

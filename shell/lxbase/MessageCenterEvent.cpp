@@ -65,8 +65,8 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
         event->SetSrcid(srcId);
 
     Delivery delivery(
-        m_event_reg_map, m_event_reg_mutex, eventInbox, std::move(srcId), QVariant(type),
-        [&](QString&& src, QVariant&& itemType) {
+        PutPath::PutEvent, m_event_reg_map, m_event_reg_mutex, eventInbox, std::move(srcId),
+        QVariant(type), [&](QString&& src, QVariant&& itemType) {
             return new EventQueueItem{std::move(src), std::move(itemType), event->GetMsg()};
         });
     const Routed routed = delivery.route(dst, eventSubscriptions(), Sender::LeftOut);
@@ -80,7 +80,7 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
         relations().forEachRelated(delivery.srcId(), type,
                                    [&](const QString& member) { delivery.alsoTo(member); });
     }
-    delivery.report(*event, PutPath::PutEvent, LXBASE_LOG_PLACE);
+    delivery.report(*event, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::setRelation(const QString& from, const QString& to, int type,
