@@ -6,6 +6,7 @@
 #include <lxbase/Inbox.h>
 #include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
+#include <lxbase/Probes.h>
 #include <lxbase/SubscriptionTable.h>
 #include <lxbase/TraceRecorder.h>
 
@@ -16,6 +17,7 @@
 
 #include <exception>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -61,8 +63,9 @@ public:
         , m_type(std::move(type))
         , m_make_item(makeItem)
     {
-        if (isTracing())
-            m_traced = std::make_unique<TracedPut>(m_src_id, m_type);
+        LXBASE_PROBE(put_begin, static_cast<int>(path));
+        if (Q_UNLIKELY(isTracing()))
+            m_traced.emplace(path, m_src_id, m_type);
     }
 
     // To the destination if there is one, else to the subscribers of the type. Subscribers that are
@@ -97,8 +100,12 @@ public:
     template<class Record>
     void report(Record& record, const LogPlace& place) const
     {
-        if (m_traced)
-            m_traced->end(m_path, record.GetDstid(), traceIdOf(record), &record);
+        LXBASE_PROBE(put_end, static_cast<int>(m_path));
+        if (Q_UNLIKELY(m_traced)) {
+            const bool fromNet = m_path == PutPath::PutNetMsg || m_path == PutPath::PutQuotationMsg;
+            m_traced->end(fromNet ? TraceKind::Route : TraceKind::Put, record.GetDstid(),
+                          traceIdOf(record), fromNet ? &record : nullptr);
+        }
         if (!m_trouble && (m_directed || m_delivered))
             return;
         if (m_trouble && m_trouble->failure)
@@ -171,11 +178,12 @@ private:
         }
         try {
             if (!failure) {
-                if (m_traced)
-                    m_traced->append(id, m_path, m_item.get(),
-                                     [&] { return inbox.append(m_item.get()); });
-                else
-                    inbox.append(m_item.get());
+                LXBASE_PROBE(append, static_cast<int>(m_path), m_item.get());
+                if (Q_UNLIKELY(m_traced))
+                    m_traced->beginAppend();
+                const int waiting = inbox.append(m_item.get());
+                if (Q_UNLIKELY(m_traced))
+                    m_traced->endAppend(id, m_item.get(), waiting);
                 static_cast<void>(m_item.release()); // the inbox has it
                 m_delivered = true;
                 return true;
@@ -223,7 +231,7 @@ private:
     bool m_directed = false;
     bool m_delivered = false;
     std::unique_ptr<Trouble> m_trouble;
-    std::unique_ptr<TracedPut> m_traced; // if the put is recorded
+    std::optional<TracedPut> m_traced; // if the put is recorded
 };
 
 } // namespace lxbase::detail

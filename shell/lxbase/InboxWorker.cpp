@@ -5,6 +5,7 @@
 #include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageInterface.h>
+#include <lxbase/Probes.h>
 #include <lxbase/QueueItems.h>
 #include <lxbase/TraceRecorder.h>
 
@@ -181,6 +182,8 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
 {
     quint32 lastRecord = lxplatform::tickCountMs();
     m_thread_number = lxplatform::currentThreadNumber();
+    const QByteArray plugin = m_id.toUtf8();
+    pluginOfThread = plugin.constData();
     if (m_stop)
         return;
     InboxState ownState(CMessageCenter::IdlePolicy::Poll); // of a worker that has none
@@ -205,8 +208,10 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
 
         if (m_interface) {
             countPoll(n);
+            LXBASE_PROBE(batch_begin, pluginOfThread, static_cast<int>(m_kind), n);
             traceBatch(TraceKind::BatchBegin, n);
             const bool stopped = !deliver(batch, profile, meter);
+            LXBASE_PROBE(batch_end, pluginOfThread, static_cast<int>(m_kind));
             traceBatch(TraceKind::BatchEnd, n);
             if (stopped)
                 return;
@@ -260,6 +265,7 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
     for (int i = 0; i < batch.size(); ++i) {
         if (const std::unique_ptr<Item> item{batch[i]}) {
             meter.begin(i);
+            LXBASE_PROBE(handler_begin, pluginOfThread, static_cast<int>(m_kind), item.get());
             const bool traced = isTracing();
             if (Q_UNLIKELY(traced))
                 traceHandler(TraceKind::HandlerBegin, *item);
@@ -270,6 +276,7 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
                                                 std::move(item->data));
             }
             meter.end();
+            LXBASE_PROBE(handler_end, pluginOfThread, static_cast<int>(m_kind), item.get());
             if (Q_UNLIKELY(traced))
                 traceHandler(TraceKind::HandlerEnd, *item);
         } else {

@@ -2,6 +2,7 @@
 
 #include <lxbase/InboxMeter.h>
 #include <lxbase/Owned.h>
+#include <lxbase/Probes.h>
 #include <lxbase/TraceRecorder.h>
 
 #include <QDateTime>
@@ -25,6 +26,7 @@ LostItems& LostItems::instance()
 
 void LostItems::note(LostItem item)
 {
+    LXBASE_PROBE(lost, static_cast<int>(item.path), static_cast<int>(item.reason));
     if (isTracing()) {
         TraceEntry entry{TraceKind::Lost};
         entry.detail = static_cast<quint8>(item.path);

@@ -12,6 +12,7 @@
 #include <lxbase/MessageWorkerThread.h>
 #include <lxbase/NetworkPath.h>
 #include <lxbase/Owned.h>
+#include <lxbase/Probes.h>
 #include <lxbase/QuotationWorkerThread.h>
 #include <lxbase/Registry.h>
 #include <lxbase/StallWatch.h>
@@ -77,11 +78,12 @@ template<class Thread>
 bool handIn(const NetworkPath<Thread>& network, const QSharedPointer<CMessageCommon>& msg,
             PutPath path, const QString& srcId)
 {
+    LXBASE_PROBE(hand_in, static_cast<int>(path), msg.get());
     if (!msg || !isTracing())
         return network.handIn(msg);
-    const TracedPut traced(srcId, msg->GetType());
+    const TracedPut traced(path, srcId, msg->GetType());
     const bool handedIn = network.handIn(msg);
-    traced.end(TraceKind::Put, path, msg->GetDstid(), msg->traceId(), msg.get());
+    traced.end(TraceKind::Put, msg->GetDstid(), msg->traceId(), msg.get());
     return handedIn;
 }
 
@@ -116,8 +118,10 @@ void CMessageCenter::Reg(QString id, IMessageInterface* pInterface,
     if (!pass)
         return;
     qCDebug(lcLxbase) << "reg id:" << id;
+    LXBASE_PROBE(reg_begin);
     const qint64 begin = isTracing() ? TraceRecorder::stamp() : 0;
     ProcessReg(owned(id), pInterface, type);
+    LXBASE_PROBE(reg_end);
     if (begin) {
         TraceEntry entry{TraceKind::Reg};
         entry.timeNs = begin;
@@ -145,8 +149,10 @@ void CMessageCenter::UnReg(QString id)
                              << "that a handler of the plugin waits for, refused, ID:" << id;
         return;
     }
+    LXBASE_PROBE(unreg_begin);
     traceUnReg(TraceKind::UnRegBegin, id);
     FreeOneResouce(id);
+    LXBASE_PROBE(unreg_end);
     traceUnReg(TraceKind::UnRegEnd, id);
     if (worker)
         unregs.end(worker->id(), id);

@@ -2,6 +2,7 @@
 
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/Owned.h>
+#include <lxbase/ThreadLocal.h>
 
 #include <lxplatform/ThreadNumber.h>
 
@@ -64,8 +65,15 @@ public:
     // all its records.
     quint16 numberOf(const QString& text)
     {
-        const auto found = m_numbers.constFind(text);
-        return found != m_numbers.constEnd() ? *found : add(owned(text));
+        if (text.isEmpty())
+            return 0;
+        Recent& recent = m_recent[recentIndexOf(text)];
+        if (!areEqual(recent.text, text)) {
+            const auto found = m_numbers.constFind(text);
+            const quint16 number = found != m_numbers.constEnd() ? *found : add(owned(text));
+            recent = {m_texts.at(number), number};
+        }
+        return recent.number;
     }
 
     quint16 numberOf(const QVariant& type)
@@ -100,6 +108,28 @@ private:
     static constexpr int MaxTexts = 1024;
     static constexpr qint64 BytesPerText = 120; // beside the characters: entries of hash and vector
 
+    // The strings of the last messages are mostly those of the next ones.
+    struct Recent
+    {
+        QString text;
+        quint16 number = 0;
+    };
+    static constexpr std::size_t RecentCount = 16;
+
+    static bool areEqual(const QString& a, const QString& b) // without a call into Qt
+    {
+        return a.size() == b.size()
+            && std::memcmp(a.constData(), b.constData(), sizeof(QChar) * std::size_t(a.size()))
+            == 0;
+    }
+
+    static std::size_t recentIndexOf(const QString& text)
+    {
+        const int size = text.size();
+        const auto at = [&](int k) { return std::size_t(text.at(k).unicode()); };
+        return (std::size_t(size) + at(size - 1) + 3 * at(size / 2)) % RecentCount;
+    }
+
     static QString textOf(const QVariant& type)
     {
         const QString text = type.toString();
@@ -125,6 +155,7 @@ private:
     const quint64 m_serial;
     QString m_name;
     QHash<QString, quint16> m_numbers{{QString(), 0}};
+    std::array<Recent, RecentCount> m_recent;
     int m_last_int = 0;
     quint16 m_last_int_number = 0; // 0: there was none
     qint64 m_bytes = 0;
@@ -226,7 +257,7 @@ struct Writer
 
     qint64 stamp()
     {
-        lastNs = std::max(monotonicNs(), lastNs + 1);
+        lastNs = std::max(monotonicNs(), lastNs + 2);
         return lastNs;
     }
 
@@ -385,15 +416,29 @@ BusTrace Store::take()
     return trace;
 }
 
-// Trivial, so that what is recorded from a destructor at the end of the thread still finds it.
-thread_local bool threadEnded = false;
+// The present thread's. Trivial, so that what is recorded from a destructor at the end of the
+// thread still finds it.
+struct ThreadState
+{
+    Writer* writer;
+    bool ended;
+};
+LXBASE_THREAD_LOCAL thread_local ThreadState threadState{nullptr, false};
 
 struct OwnWriter
 {
     Writer writer;
-    ~OwnWriter() { threadEnded = true; }
+    OwnWriter() { threadState.writer = &writer; }
+    ~OwnWriter() { threadState = {nullptr, true}; }
 };
-thread_local OwnWriter ownWriter;
+
+// Null at the end of the thread, when there is nobody left to write for.
+Writer* presentWriter()
+{
+    if (!threadState.writer && !threadState.ended)
+        thread_local const OwnWriter ownWriter;
+    return threadState.writer;
+}
 
 } // namespace
 
@@ -418,17 +463,61 @@ BusTrace TraceRecorder::take()
 
 qint64 TraceRecorder::stamp() noexcept
 {
-    return threadEnded ? monotonicNs() : ownWriter.writer.stamp();
+    Writer* const writer = presentWriter();
+    return writer ? writer->stamp() : monotonicNs();
 }
 
 void TraceRecorder::record(const TraceEntry& entry) noexcept
 {
-    if (threadEnded)
+    Writer* const writer = presentWriter();
+    if (!writer)
         return;
     try {
-        ownWriter.writer.write(entry);
+        writer->write(entry);
     } catch (const std::bad_alloc&) { // the trace has a gap
     }
+}
+
+TracedPut::TracedPut(PutPath path, const QString& source, const QVariant& type)
+    : m_path(path)
+    , m_source(source)
+    , m_type(type)
+{ }
+
+TracedPut::~TracedPut() = default;
+
+void TracedPut::beginAppend()
+{
+    m_append_ns = m_append_ns ? TraceRecorder::stamp() : m_begin_ns + 1;
+}
+
+void TracedPut::endAppend(const QString& receiver, const void* item, int waiting) const
+{
+    const InboxKind inbox = m_path == PutPath::PutEvent ? InboxKind::Events
+        : m_path == PutPath::PutQuotationMsg            ? InboxKind::Quotations
+                                                        : InboxKind::Messages;
+    TraceEntry entry{TraceKind::Append};
+    entry.detail = static_cast<quint8>(inbox);
+    entry.timeNs = m_append_ns;
+    entry.number = static_cast<quint64>(waiting);
+    entry.item = item;
+    entry.destination = &receiver;
+    TraceRecorder::record(entry);
+}
+
+void TracedPut::end(TraceKind kind, const QString& destination, const QString& traceId,
+                    const void* message) const
+{
+    TraceEntry entry{kind};
+    entry.detail = static_cast<quint8>(m_path);
+    entry.timeNs = m_begin_ns;
+    entry.number = static_cast<quint64>(TraceRecorder::stamp() - m_begin_ns);
+    entry.item = message;
+    entry.type = &m_type;
+    entry.source = &m_source;
+    entry.destination = &destination;
+    entry.traceId = &traceId;
+    TraceRecorder::record(entry);
 }
 
 } // namespace lxbase::detail

@@ -47,7 +47,7 @@ public:
     static BusTrace take();
 
     // The time, later than any that the thread was told before, so that times tell the order of its
-    // records.
+    // records. The nanosecond that follows is the caller's too.
     static qint64 stamp() noexcept;
 
     // Appends a record of the present thread. Does nothing for want of memory, or at the end of the
@@ -55,61 +55,29 @@ public:
     static void record(const TraceEntry& entry) noexcept;
 };
 
-// A put on its way, or what a dispatch thread makes of it.
+// A put on its way, or what a dispatch thread makes of it. Nothing here is inline: puts that are
+// not recorded shall not be the longer for it.
 class TracedPut
 {
 public:
-    TracedPut(const QString& source, const QVariant& type)
-        : m_source(source)
-        , m_type(type)
-    { }
+    TracedPut(PutPath path, const QString& source, const QVariant& type);
+    ~TracedPut();
+    Q_DISABLE_COPY(TracedPut)
 
-    // `append` puts an item into the inbox of a receiver and returns how many are in it then. The
-    // time is that of before: the handler call may begin before `append` has returned.
-    template<class Append>
-    void append(const QString& receiver, PutPath path, const void* item, const Append& append) const
-    {
-        TraceEntry entry{TraceKind::Append};
-        entry.timeNs = TraceRecorder::stamp();
-        entry.number = static_cast<quint64>(append());
-        entry.detail = static_cast<quint8>(inboxOf(path));
-        entry.item = item;
-        entry.destination = &receiver;
-        TraceRecorder::record(entry);
-    }
+    // Before an item goes into an inbox, for the handler call may begin before that has returned;
+    // and afterwards, when `waiting` items are there. The time of the first is the put's, which
+    // saves a reading of the clock.
+    void beginAppend();
+    void endAppend(const QString& receiver, const void* item, int waiting) const;
 
     // `message` is what the network paths hand on, and then deliver.
-    void end(PutPath path, const QString& destination, const QString& traceId,
-             const void* message) const
-    {
-        const bool isRoute = path == PutPath::PutNetMsg || path == PutPath::PutQuotationMsg;
-        end(isRoute ? TraceKind::Route : TraceKind::Put, path, destination, traceId,
-            isRoute ? message : nullptr);
-    }
-    void end(TraceKind kind, PutPath path, const QString& destination, const QString& traceId,
-             const void* message) const
-    {
-        TraceEntry entry{kind};
-        entry.detail = static_cast<quint8>(path);
-        entry.timeNs = m_begin_ns;
-        entry.number = static_cast<quint64>(TraceRecorder::stamp() - m_begin_ns);
-        entry.item = message;
-        entry.type = &m_type;
-        entry.source = &m_source;
-        entry.destination = &destination;
-        entry.traceId = &traceId;
-        TraceRecorder::record(entry);
-    }
+    void end(TraceKind kind, const QString& destination, const QString& traceId,
+             const void* message) const;
 
 private:
-    static InboxKind inboxOf(PutPath path)
-    {
-        return path == PutPath::PutEvent       ? InboxKind::Events
-            : path == PutPath::PutQuotationMsg ? InboxKind::Quotations
-                                               : InboxKind::Messages;
-    }
-
+    const PutPath m_path;
     const qint64 m_begin_ns = TraceRecorder::stamp();
+    qint64 m_append_ns = 0; // 0: nothing has been appended yet
     const QString m_source;
     const QVariant m_type;
 };
