@@ -5,8 +5,8 @@
 .PHONY: help deps build demo test metrics-test asan tsan soak fuzz model bench package-build package package-test \
 	abi-reference docs lint format format-check
 
-PACKAGES := ca-certificates ccache cmake g++ libqt5sql5-sqlite libtbb-dev make ninja-build \
-	pkg-config prometheus-cpp-dev python3 qtbase5-dev systemtap-sdt-dev
+PACKAGES := ca-certificates ccache cmake g++ libprotozero-dev libqt5sql5-sqlite libtbb-dev make ninja-build \
+	pkg-config prometheus-cpp-dev protobuf-compiler python3 qtbase5-dev systemtap-sdt-dev
 SOURCES = $(shell git ls-files '*.h' '*.cpp')
 INSTALL = tools/install-deps
 CONFIGURE = cmake $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache) --preset

@@ -36,6 +36,7 @@ QString baseOf(const QString& id)
 
 Session::Session(const Options& options)
     : m_options(options)
+    , m_trace(options.trace_file)
     , m_host(std::chrono::milliseconds(options.plugin_deadline_ms),
              [this](const CallWatch::Overrun& overrun) { endWithout(overrun); })
 {
@@ -84,6 +85,10 @@ Error Session::start()
     CBusMonitor::setStallLimit(m_options.stall_limit_ms);
     if (m_options.statistics)
         CBusMonitor::setLevel(StatisticsLevel::Sampled);
+    if (!m_options.trace_file.isEmpty() || !m_options.follow.isEmpty()) {
+        if (const Error error = m_trace.start(m_options.trace_mib))
+            return error;
+    }
     auto* const center = CMessageCenter::GetInstance();
     center->setIdlePolicy(m_options.idle);
     center->Start();
@@ -196,9 +201,12 @@ ExitCode Session::print(QVector<NamedReport> reports, const BusStatistics& bus)
     figures.bus = bus;
     figures.statistics = m_options.statistics;
     std::fputs(qPrintable(summary(reports, ledger, figures)), stdout);
-    std::fflush(stdout);
     m_printed = true;
-    return ledger.balances() ? ExitBalanced : ExitUnbalanced;
+    if (!m_options.follow.isEmpty())
+        std::fputs(qPrintable(QLatin1Char('\n') + TraceFile::wayTable(m_options.follow)), stdout);
+    std::fflush(stdout);
+    const bool traced = m_trace.end();
+    return ledger.balances() && traced ? ExitBalanced : ExitUnbalanced;
 }
 
 // On the thread that watches the calls, which has the main thread's objects to itself. Calls no
@@ -307,6 +315,8 @@ void Session::tick()
     if (!m_looked.isValid() || m_looked.elapsed() >= LookMs) {
         m_looked.start();
         m_backlogs.look(CBusMonitor::statistics());
+        if (!CBusMonitor::stalls().isEmpty())
+            m_trace.noteStall();
     }
     m_progress->show(m_tap, m_backlogs);
     m_any_failed = m_host.shutDownFailed();

@@ -8,6 +8,7 @@
 #include "PluginHost.h"
 #include "ProgressLine.h"
 #include "Tap.h"
+#include "TraceFile.h"
 #include "WaitReporter.h"
 
 #include <QElapsedTimer>
@@ -77,6 +78,7 @@ private:
     const Options m_options;
     QVariantMap m_settings; // the host's own, the same for every plugin
     QMap<RelationColor_t, QStringList> m_links;
+    TraceFile m_trace; // before what makes threads
     Tap m_tap; // outlives the plugins, which put to its queues
     PluginHost m_host;
 

@@ -10,6 +10,7 @@
 
 #include <QDateTime>
 #include <QLoggingCategory>
+#include <QThread>
 
 #include <utility>
 
@@ -142,6 +143,7 @@ void NetPlugin::onMessage(const QString& sender, int type, const QVariant& paylo
 
 void NetPlugin::play()
 {
+    QThread::currentThread()->setObjectName(id() + QStringLiteral("_Player")); // in traces
     while (const auto timed = m_source->next()) {
         if (!waitUntilDue(timed->due_ms))
             break;
