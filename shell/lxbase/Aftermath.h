@@ -43,7 +43,7 @@ public:
     // With no lock held; it is empty again then.
     void finish()
     {
-        if (m_superseded || m_more)
+        if (Q_UNLIKELY(m_superseded || m_more))
             finishAll();
     }
 
@@ -51,13 +51,13 @@ private:
     struct More;
     struct Free // out of line, like all that is done seldom: a put that leaves nothing stays short
     {
-        void operator()(Item* item) const;
-        void operator()(More* more) const;
+        Q_DECL_COLD_FUNCTION void operator()(Item* item) const;
+        Q_DECL_COLD_FUNCTION void operator()(More* more) const;
     };
 
     More& more();
     void makeMoreRoom();
-    void finishAll();
+    Q_DECL_COLD_FUNCTION void finishAll();
 
     // A put to one receiver supersedes one item at most.
     std::unique_ptr<Item, Free> m_superseded;

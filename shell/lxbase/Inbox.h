@@ -58,7 +58,7 @@ public:
 
 // Puts into an inbox that has a limiter, see there. With the mutex held.
 template<class Item>
-void putLimited(InboxLimiterBase& limiter, Item* item, Aftermath<Item>& aftermath);
+Q_DECL_COLD_FUNCTION void putLimited(InboxLimiterBase& limiter, Item* item, Aftermath<Item>& aftermath);
 
 // What an inbox has beside its list and its mutex, one for each.
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): on purpose, see CacheLine
