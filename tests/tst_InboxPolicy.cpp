@@ -127,9 +127,10 @@ private slots:
         for (int number = 1; number < 200000; ++number) {
             const int type = below(below(4) == 0 ? 2000 : 20);
             const QVariant variant = type % 3 ? QVariant(type) : QVariant(QString::number(type));
-            inbox.append(
-                new MsgQueueItem{"sender", variant, {}, QVariant::fromValue(Fixed{number, {}})},
-                aftermath);
+            auto* const item =
+                new MsgQueueItem{"sender", variant, {}, QVariant::fromValue(Fixed{number, {}})};
+            delete inbox.append(
+                item, [&]() -> auto& { return aftermath; });
             model.put({type, number, tickCountMs});
             if (below(10) == 0)
                 ++tickCountMs;

@@ -8,10 +8,11 @@
 
 #include <QString>
 
+#include <algorithm>
 #include <memory>
-
-struct EventQueueItem;
-struct MsgQueueItem;
+#include <optional>
+#include <utility>
+#include <vector>
 
 namespace lxbase::detail {
 
@@ -26,46 +27,54 @@ public:
     Q_DISABLE_COPY(Aftermath)
 
     // Room for one item more, so that taking it does not throw.
-    enum class For { Superseded, Lost };
-    void makeRoom(For what)
+    void makeRoom()
     {
-        if (what == For::Lost || m_superseded)
-            makeMoreRoom();
+        if (m_items.size() == m_items.capacity())
+            m_items.reserve(std::max<std::size_t>(8, 2 * m_items.size()));
     }
 
-    // From here on the item is this one's. A superseded one is not lost.
-    void takeSuperseded(Item* item);
-    void takeLost(Item* item, LostReason reason, InboxKind kind, const QString& plugin);
+    // A superseded item is not lost.
+    void takeSuperseded(std::unique_ptr<Item> item)
+    {
+        m_items.push_back({std::move(item), {}, {}, {}});
+    }
+    void takeLost(std::unique_ptr<Item> item, LostReason reason, InboxKind kind,
+                  const QString& plugin)
+    {
+        m_items.push_back({std::move(item), reason, kind, plugin});
+    }
 
     // Crossings that have been found.
-    void takeCrossings(std::shared_ptr<Watermark> watermark);
+    void takeCrossings(std::shared_ptr<Watermark> watermark)
+    {
+        m_watermarks.push_back(std::move(watermark));
+    }
 
     // With no lock held; it is empty again then.
     void finish()
     {
-        if (m_superseded || m_more)
-            finishAll();
+        for (const Displaced& displaced : std::exchange(m_items, {})) {
+            if (displaced.reason) {
+                LostItems::instance().note(*displaced.item, *displaced.reason, displaced.kind,
+                                           displaced.plugin);
+            }
+        }
+        for (const auto& watermark : std::exchange(m_watermarks, {}))
+            watermark->tell();
     }
 
 private:
-    struct More;
-    struct Free // out of line, like all that is done seldom: a put that leaves nothing stays short
+    struct Displaced
     {
-        void operator()(Item* item) const;
-        void operator()(More* more) const;
+        std::unique_ptr<Item> item;
+        std::optional<LostReason> reason; // none: superseded
+        InboxKind kind{};
+        QString plugin;
     };
 
-    More& more();
-    void makeMoreRoom();
-    void finishAll();
-
-    // A put to one receiver supersedes one item at most.
-    std::unique_ptr<Item, Free> m_superseded;
-    std::unique_ptr<More, Free> m_more; // made when it is needed
+    std::vector<Displaced> m_items;
+    std::vector<std::shared_ptr<Watermark>> m_watermarks;
 };
-
-extern template class Aftermath<MsgQueueItem>;
-extern template class Aftermath<EventQueueItem>;
 
 } // namespace lxbase::detail
 

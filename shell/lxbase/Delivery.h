@@ -102,7 +102,6 @@ public:
     template<class Record>
     void report(Record& record, const LogPlace& place)
     {
-        m_aftermath.finish();
         LXBASE_PROBE(put_end, static_cast<int>(m_path));
         if (Q_UNLIKELY(m_traced)) {
             const bool fromNet = m_path == PutPath::PutNetMsg || m_path == PutPath::PutQuotationMsg;
@@ -111,11 +110,16 @@ public:
         }
         if (!m_trouble && (m_directed || m_delivered))
             return;
-        if (m_trouble && m_trouble->failure)
-            logFailure(record, place);
+        if (m_trouble) {
+            m_trouble->aftermath.finish();
+            if (m_trouble->losses.empty())
+                return;
+            if (m_trouble->failure)
+                logFailure(record, place);
+        }
         LostItem lost;
         lost.path = m_path;
-        lost.source = m_item ? m_item->src_id : m_src_id;
+        lost.source = m_item && !m_item_is_spent ? m_item->src_id : m_src_id;
         if (lost.source.isEmpty()) // given away with a copy that has thrown
             lost.source = record.GetSrcid();
         lost.type = record.GetType();
@@ -141,19 +145,22 @@ private:
         QString id; // of who went without
     };
 
-    // What a put has that did not reach everybody.
+    // What a put has that did not reach everybody, or displaced others.
     struct Trouble
     {
         std::vector<Loss> losses;
         std::exception_ptr failure; // of a copy, the first
+        Aftermath<Item> aftermath;  // of the inboxes
     };
 
-    void lose(LostReason reason, const QString& id)
+    Trouble& trouble()
     {
         if (!m_trouble)
             m_trouble = std::make_unique<Trouble>();
-        m_trouble->losses.push_back({reason, id});
+        return *m_trouble;
     }
+
+    void lose(LostReason reason, const QString& id) { trouble().losses.push_back({reason, id}); }
 
     // False: the ID is not registered. A record without that inbox gets nothing. The registry's
     // mutex is held until the item is in the inbox, so that the receiver cannot be released in
@@ -163,6 +170,8 @@ private:
     {
         std::exception_ptr failure;
         try {
+            if (m_item && m_item_is_spent)
+                trouble().aftermath.takeSuperseded(std::move(m_item));
             if (!m_item)
                 m_item.reset(m_make_item(std::move(srcId), std::move(type)));
         } catch (...) {
@@ -182,13 +191,19 @@ private:
         try {
             if (!failure) {
                 LXBASE_PROBE(append, static_cast<int>(m_path), m_item.get());
+                int waiting = 0; // asked for if the put is recorded
                 if (Q_UNLIKELY(m_traced))
                     m_traced->beginAppend();
-                const int waiting = inbox.append(m_item.get(), m_aftermath);
+                Item* const superseded = inbox.append(
+                    m_item.get(), [this]() -> Aftermath<Item>& { return trouble().aftermath; },
+                    m_traced ? &waiting : nullptr);
                 if (Q_UNLIKELY(m_traced))
                     m_traced->endAppend(id, m_item.get(), waiting);
                 static_cast<void>(m_item.release()); // the inbox has it, or the aftermath
                 m_delivered = true;
+                m_item_is_spent = superseded;
+                if (Q_UNLIKELY(superseded))
+                    m_item.reset(superseded);
                 return true;
             }
         } catch (...) { // no memory for the inbox to grow
@@ -231,7 +246,7 @@ private:
     QVariant m_type;
     const MakeItem m_make_item;
     std::unique_ptr<Item> m_item; // made for somebody who could not take it: the next one's
-    Aftermath<Item> m_aftermath;  // of the inboxes
+    bool m_item_is_spent = false; // it is one that was superseded instead: nobody's
     bool m_directed = false;
     bool m_delivered = false;
     std::unique_ptr<Trouble> m_trouble;

@@ -14,7 +14,6 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
-#include <type_traits>
 #include <utility>
 
 namespace lxbase::detail {
@@ -49,16 +48,26 @@ class Aftermath;
 class InboxLimiterBase
 {
 public:
-    InboxLimiterBase() = default;
     virtual ~InboxLimiterBase() = default;
     Q_DISABLE_COPY(InboxLimiterBase)
 
     virtual int waiting() const = 0; // with the mutex of the inbox held
+
+    // Constant: whether a put may leave an aftermath.
+    bool leavesAftermath() const { return m_leaves_aftermath; }
+
+protected:
+    explicit InboxLimiterBase(bool leavesAftermath)
+        : m_leaves_aftermath(leavesAftermath)
+    { }
+
+private:
+    const bool m_leaves_aftermath;
 };
 
-// Puts into an inbox that has a limiter, see there. With the mutex held.
+// InboxLimiter::put. With the mutex held.
 template<class Item>
-void putLimited(InboxLimiterBase& limiter, Item* item, Aftermath<Item>& aftermath);
+Item* putLimited(InboxLimiterBase& limiter, Item* item, Aftermath<Item>* aftermath);
 
 // What an inbox has beside its list and its mutex, one for each.
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): on purpose, see CacheLine
@@ -144,18 +153,26 @@ struct Inbox : InboxBase
         wakeAfter(locker);
     }
 
-    // The same for an inbox that may have a limiter; the caller finishes the aftermath.
-    // Returns how many are in it now.
-    int append(const Element& item, Aftermath<std::remove_pointer_t<Element>>& aftermath) const
+    // The same for an inbox that may have a limiter. What that leaves to be done goes into what
+    // `aftermath` returns, which is called if there may be something. Returned is an item that this
+    // one has superseded: the caller's to free when no lock is held; null as a rule. `count` is
+    // told how many are in the inbox then.
+    template<class AftermathOf>
+    Element append(const Element& item, const AftermathOf& aftermath, int* count) const
     {
+        Element superseded = nullptr;
         QMutexLocker locker(mutex);
-        if (Q_UNLIKELY(state && state->limiter))
-            putLimited(*state->limiter, item, aftermath);
-        else
+        if (Q_UNLIKELY(state && state->limiter)) {
+            InboxLimiterBase& limiter = *state->limiter;
+            superseded =
+                putLimited(limiter, item, limiter.leavesAftermath() ? &aftermath() : nullptr);
+        } else {
             appendLocked(item);
-        const int count = waiting();
+        }
+        if (Q_UNLIKELY(count))
+            *count = waiting();
         wakeAfter(locker);
-        return count;
+        return superseded;
     }
 
 private:

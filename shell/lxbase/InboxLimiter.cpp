@@ -89,7 +89,8 @@ QString faultOf(const InboxPolicy& policy)
 template<class Item>
 InboxLimiter<Item>::InboxLimiter(const InboxName& name, const InboxPolicy& policy,
                                  InboxMeter& meter)
-    : m_name(name)
+    : InboxLimiterBase(policy.limit > 0 || policy.highWatermark > 0)
+    , m_name(name)
     , m_mode(policy.mode)
     , m_limit(static_cast<std::size_t>(policy.limit))
     , m_max_age_ms(static_cast<quint32>(policy.maxAgeMs))
@@ -104,10 +105,11 @@ InboxLimiter<Item>::~InboxLimiter() = default;
 
 // Whatever may throw comes first.
 template<class Item>
-void InboxLimiter<Item>::put(Item* item, Aftermath<Item>& aftermath)
+Item* InboxLimiter<Item>::put(Item* item, Aftermath<Item>* aftermath)
 {
     const bool full = m_limit > 0 && m_slots.size() >= m_limit;
-    aftermath.makeRoom(full ? Aftermath<Item>::For::Lost : Aftermath<Item>::For::Superseded);
+    if (full)
+        aftermath->makeRoom();
     switch (m_mode) {
     case InboxPolicy::Unbounded:
         push(item, nullptr);
@@ -118,24 +120,27 @@ void InboxLimiter<Item>::put(Item* item, Aftermath<Item>& aftermath)
             push(item, &entry);
             break;
         }
-        aftermath.takeSuperseded(std::exchange(entry.slot->item, item));
         m_meter.supersede();
         stamp(*entry.slot);
-        return;
+        return std::exchange(entry.slot->item, item);
     }
     case InboxPolicy::DropOldest:
         push(item, nullptr);
         if (full)
-            lose(popFront().item, LostReason::DroppedOldest, aftermath);
+            lose(popFront().item, LostReason::DroppedOldest, *aftermath);
         break;
     case InboxPolicy::RefuseNewest:
-        if (full)
-            return lose(item, LostReason::RefusedNewest, aftermath);
+        if (full) {
+            lose(item, LostReason::RefusedNewest, *aftermath);
+            return nullptr;
+        }
         push(item, nullptr);
         break;
     }
     m_meter.putLimited(waiting());
-    watch(aftermath);
+    if (m_watermark)
+        watch(*aftermath);
+    return nullptr;
 }
 
 template<class Item>
@@ -149,6 +154,7 @@ void InboxLimiter<Item>::take(QVector<Item*>& batch, Aftermath<Item>& aftermath)
         const bool probed = &m_slots.front() == m_probed;
         const Slot slot = popFront();
         if (m_max_age_ms > 0 && nowMs - slot.putMs > m_max_age_ms) {
+            aftermath.makeRoom();
             lose(slot.item, LostReason::TooOld, aftermath);
             continue;
         }
@@ -256,7 +262,7 @@ template<class Item>
 void InboxLimiter<Item>::lose(Item* item, LostReason reason, Aftermath<Item>& aftermath)
 {
     m_meter.dropWaiting();
-    aftermath.takeLost(item, reason, m_name.kind, m_name.plugin);
+    aftermath.takeLost(std::unique_ptr<Item>(item), reason, m_name.kind, m_name.plugin);
 }
 
 // Without memory a crossing is told later, with the next one; the items are not to suffer for it.
@@ -278,9 +284,9 @@ void InboxLimiter<Item>::adaptBatch()
 }
 
 template<class Item>
-void putLimited(InboxLimiterBase& limiter, Item* item, Aftermath<Item>& aftermath)
+Item* putLimited(InboxLimiterBase& limiter, Item* item, Aftermath<Item>* aftermath)
 {
-    static_cast<InboxLimiter<Item>&>(limiter).put(item, aftermath);
+    return static_cast<InboxLimiter<Item>&>(limiter).put(item, aftermath);
 }
 
 template<class Item>
@@ -297,8 +303,10 @@ std::unique_ptr<InboxLimiterBase> applyPolicy(const Inbox<Item*>& inbox, const I
     QVector<Item*> items = previous ? previous->takeAll(aftermath) : std::exchange(*inbox.list, {});
     if (limiter) {
         state.meter.withdrawProbe();
-        for (Item* item : qAsConst(items))
-            limiter->put(item, aftermath);
+        for (Item* item : qAsConst(items)) {
+            if (Item* const superseded = limiter->put(item, &aftermath))
+                aftermath.takeSuperseded(std::unique_ptr<Item>(superseded));
+        }
     } else {
         inbox.list->swap(items);
     }
@@ -309,8 +317,8 @@ std::unique_ptr<InboxLimiterBase> applyPolicy(const Inbox<Item*>& inbox, const I
 
 template class InboxLimiter<MsgQueueItem>;
 template class InboxLimiter<EventQueueItem>;
-template void putLimited(InboxLimiterBase&, MsgQueueItem*, Aftermath<MsgQueueItem>&);
-template void putLimited(InboxLimiterBase&, EventQueueItem*, Aftermath<EventQueueItem>&);
+template MsgQueueItem* putLimited(InboxLimiterBase&, MsgQueueItem*, Aftermath<MsgQueueItem>*);
+template EventQueueItem* putLimited(InboxLimiterBase&, EventQueueItem*, Aftermath<EventQueueItem>*);
 template std::unique_ptr<InboxLimiterBase> applyPolicy(const Inbox<MsgQueueItem*>&,
                                                        const InboxName&, const InboxPolicy&,
                                                        Aftermath<MsgQueueItem>&);

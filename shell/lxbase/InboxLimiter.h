@@ -51,9 +51,10 @@ public:
 
     int waiting() const override { return static_cast<int>(m_slots.size()); }
 
-    // The item belongs to the limiter, or to the aftermath, when this returns; to the caller if it
-    // throws.
-    void put(Item* item, Aftermath<Item>& aftermath);
+    // Returns the item that this one has superseded, the caller's from then on, or null. The item
+    // itself is the limiter's then, or the aftermath's, which may be null if none is left; if this
+    // throws, it is still the caller's.
+    Item* put(Item* item, Aftermath<Item>* aftermath);
 
     // The next ones for the handler, which the meter is told of. There may be none: too old, all of
     // them.

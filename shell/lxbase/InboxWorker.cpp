@@ -184,14 +184,15 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
         if (auto* const limiter = limiterOf<Item>(m_state); Q_UNLIKELY(limiter)) {
             limiter->take(batch, aftermath);
             n = batch.size();
+            m_mutex->unlock();
+            aftermath.finish();
+            if (n == 0)
+                continue;
         } else {
             takeBatch(batch, profile.take);
             meter.take(n);
+            m_mutex->unlock();
         }
-        m_mutex->unlock();
-        aftermath.finish();
-        if (n == 0)
-            continue;
         backoff.taken += n;
 
         if (m_interface) {
