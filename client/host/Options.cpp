@@ -206,6 +206,8 @@ Error Options::parse(const QStringList& arguments, Options& options)
         {QStringLiteral("stay"),
          QStringLiteral("When everything has been played, stay until Ctrl+C: the metrics can then "
                         "still be read.")},
+        {QStringLiteral("windows"),
+         QStringLiteral("Load the plugins that open windows as well; needs a display.")},
         {QStringLiteral("verbose"),
          QStringLiteral("Show the debug records of the bus (category \"lxbase\") on stderr.")},
     });
@@ -229,6 +231,7 @@ Error Options::parse(const QStringList& arguments, Options& options)
     read.verbose = parser.isSet(QStringLiteral("verbose"));
     read.statistics = parser.isSet(QStringLiteral("statistics"));
     read.stay = parser.isSet(QStringLiteral("stay"));
+    read.windows = parser.isSet(QStringLiteral("windows"));
     read.links_by_default = !parser.isSet(QStringLiteral("link"));
     const QStringList links = read.links_by_default
         ? QStringList(QStringLiteral("red:board#1,board#2"))

@@ -39,6 +39,7 @@ struct Options
     bool stay = false;                      // at the end, until it is interrupted
     QMap<QString, QString> plugin_settings; // given with --set, by name
     bool list_settings = false;             // and no more
+    bool windows = false;                   // plugins may open some
 
     // From the arguments of the program. Does not return if they ask for help or the version.
     static lxclient::Error parse(const QStringList& arguments, Options& options);

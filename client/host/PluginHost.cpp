@@ -19,12 +19,15 @@ struct PluginHost::Library
 {
     std::unique_ptr<QPluginLoader> loader;
     MetaData meta_data;
-    QVariantMap settings; // what it has declared, with its values
+    QVariantMap settings;       // what it has declared, with its values
+    bool has_version_2 = false; // of the interface: report is its last operation
 
     QString file() const { return loader->fileName(); }
 };
 
 namespace {
+
+const char version2Iid[] = "lxclient.Plugin/2";
 
 // No name is in both: plugins declare none of the host's.
 QVariantMap united(QVariantMap common, const QVariantMap& own)
@@ -44,8 +47,12 @@ PluginHost::~PluginHost()
     // workers of the bus that the plugins' objects had, before their libraries go
     QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
     m_instances.clear();
-    for (auto library = m_libraries.rbegin(); library != m_libraries.rend(); ++library)
-        library->loader->unload();
+    for (const bool payloads : {false, true}) {
+        for (auto library = m_libraries.rbegin(); library != m_libraries.rend(); ++library) {
+            if (library->meta_data.payloads == payloads)
+                library->loader->unload();
+        }
+    }
 }
 
 Error PluginHost::readMetaData(const QString& folder)
@@ -111,10 +118,13 @@ Error PluginHost::load(const QVariantMap& common)
     };
     m_libraries.erase(std::remove_if(m_libraries.begin(), m_libraries.end(), isNeedless),
                       m_libraries.end());
-    for (const Library& library : m_libraries) {
-        if (!library.loader->load()) {
-            return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()))
-                .about(library.file());
+    // first those with payload types: until they go, last, the types are theirs
+    for (const bool payloads : {true, false}) {
+        for (const Library& library : m_libraries) {
+            if (library.meta_data.payloads != payloads)
+                continue;
+            if (const Error error = loadLibrary(library))
+                return error.about(library.file());
         }
     }
     for (const Library& library : m_libraries) {
@@ -148,6 +158,14 @@ Error PluginHost::initialise(const QString& id, const QVariantMap& common)
         instance.initialised = true;
     }
     return {};
+}
+
+void PluginHost::started()
+{
+    for (const Instance& instance : m_instances) {
+        if (!instance.library->has_version_2)
+            instance.plugin->started();
+    }
 }
 
 void PluginHost::startInputs()
@@ -198,7 +216,8 @@ Error PluginHost::addLibrary(Library library)
     if (json.isEmpty())
         return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()));
     const QString offered = json.value(QStringLiteral("IID")).toString();
-    if (offered != QLatin1String(LxClientPlugin_iid)) {
+    library.has_version_2 = offered == QLatin1String(version2Iid);
+    if (offered != QLatin1String(LxClientPlugin_iid) && !library.has_version_2) {
         return Error(QStringLiteral("lacks the interface %1, it offers \"%2\"")
                          .arg(QStringLiteral(LxClientPlugin_iid), offered));
     }
@@ -221,6 +240,27 @@ Error PluginHost::addLibrary(Library library)
     }
     m_libraries.push_back(std::move(library));
     return {};
+}
+
+Error PluginHost::loadLibrary(const Library& library)
+{
+    if (!library.loader->load())
+        return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()));
+    lxclient::Plugin* const plugin =
+        library.meta_data.payloads ? pluginOf(library, library.loader->instance()) : nullptr;
+    if (plugin && !library.has_version_2)
+        plugin->registerPayloads();
+    return {};
+}
+
+// Null: it is none.
+lxclient::Plugin* PluginHost::pluginOf(const Library& library, QObject* object)
+{
+    if (!library.has_version_2)
+        return qobject_cast<lxclient::Plugin*>(object);
+    // as qobject_cast would do it; the operations that version 2 has come first in the later one
+    // too
+    return static_cast<lxclient::Plugin*>(object ? object->qt_metacast(version2Iid) : nullptr);
 }
 
 Error PluginHost::makeInstances(const Library& library, const QVariantMap& common)
@@ -261,7 +301,7 @@ Error PluginHost::addInstance(const Library& library, const QString& id, QObject
                                     "constructor without arguments")
                          .arg(id));
     }
-    instance.plugin = qobject_cast<lxclient::Plugin*>(object);
+    instance.plugin = pluginOf(library, object);
     instance.input = qobject_cast<lxclient::Input*>(object);
     if (!instance.plugin || !qobject_cast<IMessageInterface*>(object)) {
         return Error(

@@ -54,6 +54,9 @@ public:
     // Initialises the object of this ID with `common` and what its plugin has declared.
     lxclient::Error initialise(const QString& id, const QVariantMap& common);
 
+    // Tells all that they have been initialised.
+    void started();
+
     void startInputs();
     void stopInputs();
     bool inputsEnded() const;
@@ -76,6 +79,8 @@ private:
     };
 
     lxclient::Error addLibrary(Library library);
+    lxclient::Error loadLibrary(const Library& library);
+    static lxclient::Plugin* pluginOf(const Library& library, QObject* object);
     lxclient::Error makeInstances(const Library& library, const QVariantMap& common);
     lxclient::Error addInstance(const Library& library, const QString& id, QObject* object,
                                 bool owned);

@@ -7,6 +7,7 @@
 #include <SyntheticSession.h>
 
 #include <lxbase/BusMonitor.h>
+#include <lxclient/LinkedSelection.h>
 
 #include <QFileInfo>
 
@@ -18,11 +19,6 @@ namespace setting = lxclient::setting;
 namespace {
 
 constexpr int TickMs = 2;
-
-QString baseOf(const QString& id)
-{
-    return id.section(QLatin1Char('#'), 0, 0);
-}
 
 } // namespace
 
@@ -39,6 +35,8 @@ Session::Session(const Options& options)
     };
     if (options.metrics_port)
         m_settings.insert(setting::MetricsPort, *options.metrics_port);
+    if (options.windows)
+        m_settings.insert(setting::Windows, true);
     connect(&m_timer, &QTimer::timeout, this, &Session::tick);
 }
 
@@ -76,6 +74,7 @@ Error Session::start()
         if (const Error error = m_tap.recordTo(m_options.record_file))
             return error;
     }
+    m_host.started();
     m_tap.start(m_settings.value(setting::Symbols).toStringList());
     m_played.start();
     m_progress.emplace();
@@ -140,7 +139,6 @@ Error Session::takeSymbols()
     return {};
 }
 
-// A group is filed under the base ID of each window in it, so that each of them reaches the others.
 Error Session::linkPlugins()
 {
     const QStringList known = m_host.ids();
@@ -154,11 +152,7 @@ Error Session::linkPlugins()
                                  .arg(id, known.join(QLatin1String(", "))));
             }
         }
-        for (const QString& sender : qAsConst(group)) {
-            for (const QString& id : qAsConst(group))
-                CRegManager::setRelation(baseOf(sender), id, lxclient::SelectionType, link.key(),
-                                         1);
-        }
+        lxclient::linkWindows(group, link.key());
     }
     return {};
 }

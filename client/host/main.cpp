@@ -9,8 +9,13 @@
 
 #include <QCoreApplication>
 #include <QLoggingCategory>
+#ifdef LXCLIENT_WINDOWS
+#include <QApplication>
+#endif
 
+#include <algorithm>
 #include <cstdio>
+#include <memory>
 
 namespace {
 
@@ -41,11 +46,39 @@ ExitCode listSettings(const QString& pluginFolder)
     return ExitBalanced;
 }
 
+// What kind of application it is has to be known before the command line is read. Null: there is
+// no display, or none was built in.
+std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv)
+{
+    const bool windows = std::any_of(argv, argv + argc,
+                                     [](const char* text) { return !qstrcmp(text, "--windows"); });
+    if (!windows)
+        return std::make_unique<QCoreApplication>(argc, argv);
+#ifdef LXCLIENT_WINDOWS
+#ifdef Q_OS_LINUX // the framework would abort
+    if (!qEnvironmentVariableIsSet("DISPLAY") && !qEnvironmentVariableIsSet("WAYLAND_DISPLAY")
+        && !qEnvironmentVariableIsSet("QT_QPA_PLATFORM"))
+        return nullptr;
+#endif
+    auto application = std::make_unique<QApplication>(argc, argv);
+    QApplication::setQuitOnLastWindowClosed(false); // the session has an end of its own
+    return application;
+#else
+    return nullptr;
+#endif
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
-    QCoreApplication program(argc, argv);
+    const std::unique_ptr<QCoreApplication> program = makeApplication(argc, argv);
+    if (!program) {
+        return refuse(lxclient::Error(QStringLiteral(
+                          "--windows: there is no display (DISPLAY is not set), or the client was "
+                          "built without Qt Widgets; leave it out")),
+                      ExitCannotStart);
+    }
     QCoreApplication::setApplicationName(QStringLiteral("lxclient"));
     QCoreApplication::setApplicationVersion(QStringLiteral(LXCLIENT_VERSION));
     Options options;
@@ -59,7 +92,7 @@ int main(int argc, char** argv)
 
     Session session(options);
     const SignalWatcher signalWatcher([&] { session.interrupt(); });
-    QObject::connect(&session, &Session::ended, &program, &QCoreApplication::quit);
+    QObject::connect(&session, &Session::ended, program.get(), &QCoreApplication::quit);
     if (const lxclient::Error error = session.start())
         return refuse(error, ExitCannotStart);
     QCoreApplication::exec();

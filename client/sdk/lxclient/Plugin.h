@@ -29,6 +29,7 @@ namespace lxclient {
 ///    objects of the class, with the IDs id#1 to id#N. The class needs a constructor without
 ///    arguments that is declared Q_INVOKABLE.
 ///  - "needs": optional, the name of a setting of the host. Without it the library is not loaded.
+///  - "payloads": optional, true if the plugin has payload types of its own: see registerPayloads.
 ///  - "settings": optional, a list of the settings that the user can give with --set NAME=VALUE:
 ///
 ///        { "name": "orders.max-open", "type": "int", "default": 1000, "min": 1,
@@ -41,16 +42,17 @@ namespace lxclient {
 ///
 /// Life, all on the host's main thread, which runs an event loop:
 ///  1. Every library in the plugin folder that is needed is loaded and its root object made.
-///  Constructors touch
-///     neither the bus nor anything that can fail.
+///     Constructors touch neither the bus nor anything that can fail. Those with payload types of
+///     their own come first: each is loaded, and registerPayloads called, before the next one.
 ///  2. initialise, in the order of the IDs. The bus has been started.
-///  3. Those that are an Input as well are started, when all have been initialised: whoever
-///     subscribes in initialise misses nothing.
+///  3. started, in the same order, when all have been initialised. Then those that are an Input as
+///     well are started: whoever subscribes in initialise misses nothing.
 ///  4. report, as often as the host likes, also while handlers run.
 ///  5. The inputs have ended, by themselves or stopped at an interruption, and the host waits until
 ///     the ledger balances and stands still; it gives up when nothing has moved for 30 seconds.
 ///  6. shutDown, in the reverse order of 2.
-///  7. report, once more; then the object is destroyed and its library unloaded.
+///  7. report, once more; then the object is destroyed and its library unloaded, libraries with
+///     payload types last.
 ///
 /// Another way to the end: if a library is refused or an initialise fails, those already
 /// initialised are shut down in reverse order and the client ends with exit code 2.
@@ -83,6 +85,17 @@ public:
     /// What the plugin has to say about itself at the moment; quick, and without side effects.
     /// Called from the end of initialise on, after shutDown as well: keep the figures.
     virtual Report report() const = 0;
+
+    /// All plugins have been initialised, and nothing has come in yet: now the others can be asked.
+    /// Called once, if all initialise succeeded.
+    virtual void started() { }
+
+    /// Calls qRegisterMetaType for the payload types that the plugin's library defines, and nothing
+    /// else. The framework keeps the functions of whoever registers a type first; so if two plugins
+    /// share one, each defining it from the same header, both say "payloads" in their metadata, and
+    /// the functions belong to a library that is there as long as anybody can hold a value. Called
+    /// on the root object, before any plugin without "payloads" is loaded.
+    virtual void registerPayloads() { }
 };
 
 /// A plugin that brings something in by itself (the net plugin brings quotes). In addition:
@@ -110,9 +123,9 @@ public:
 } // namespace lxclient
 
 /// \{
-/// The names of the interfaces. The number grows when a change breaks plugins that were compiled
-/// before; the host refuses those.
-#define LxClientPlugin_iid "lxclient.Plugin/2"
+/// The names of the interfaces. The number grows with every change, and the host refuses plugins
+/// that were compiled before a change that breaks them. Plugin/2 ends with report, and is loaded.
+#define LxClientPlugin_iid "lxclient.Plugin/3"
 #define LxClientInput_iid "lxclient.Input/1"
 /// \}
 Q_DECLARE_INTERFACE(lxclient::Plugin, LxClientPlugin_iid)

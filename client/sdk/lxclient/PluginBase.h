@@ -5,9 +5,18 @@
 
 #include <lxclient/Plugin.h>
 #include <lxclient/Protocol.h>
+#include <lxclient/Requests.h>
 
+#include <lxbase/BusMonitor.h>
 #include <lxbase/MessageInterface.h>
+#include <lxevent/EventMessageCommon.h>
+#include <lxmsg/MessageCommon.h>
 
+#include <QTimer>
+
+#include <algorithm>
+#include <atomic>
+#include <memory>
 #include <utility>
 
 namespace lxclient {
@@ -26,8 +35,9 @@ namespace lxclient {
 ///         lxclient::Error onInitialise(const QVariantMap& settings) override;
 ///         void onQuote(const lxclient::Quote& quote) override;
 ///
-/// onInitialise and onShutDown run on the main thread; the others each on a worker thread of the
-/// bus: calls of one never overlap, calls of different ones may. None runs before onInitialise has
+/// onInitialise, onStarted and onShutDown run on the main thread. onQuote and onEvent each run on a
+/// worker thread of the bus, onMessage, onRequest and the answers to requests on a third: calls on
+/// one thread never overlap, calls on different ones may. None runs before onInitialise has
 /// returned or after onShutDown has begun.
 ///
 /// A plugin that is destroyed without shutDown, a mistake of whoever owns it, has handlers that run
@@ -52,24 +62,36 @@ public:
 
     Q_DISABLE_COPY(PluginBase)
 
-    /// Calls onInitialise, then registers.
+    /// Calls onInitialise, then registers. An ID that the bus has already is refused before that,
+    /// and whoever has it keeps it; a registration that the bus refuses is an error like any other.
     Error initialise(const QString& id, const QVariantMap& settings) final
     {
+        if (inboxesOf(id) > 0)
+            return Error(QStringLiteral("the ID %1 is on the bus already").arg(id));
         m_id = id;
         if (const Error error = onInitialise(settings)) {
             UnReg(m_id); // its subscriptions
             return error;
         }
         Reg(m_id, this, m_kinds);
+        if (inboxesOf(m_id) != numberOf(m_kinds)) {
+            shutDown();
+            return Error(QStringLiteral("the bus has refused to register %1; its log says why")
+                             .arg(m_id.isEmpty() ? QStringLiteral("an empty ID") : m_id));
+        }
         m_registered = true;
         return {};
     }
 
-    /// Unregisters, then calls onShutDown.
+    /// Calls onStarted.
+    void started() final { onStarted(); }
+
+    /// Unregisters, then calls onShutDown. Requests that have no answer get none.
     void shutDown() final
     {
         UnReg(m_id);
         m_registered = false;
+        m_requests.clear();
         onShutDown();
     }
 
@@ -78,7 +100,10 @@ protected:
     /// are ended for it; onShutDown is then not called.
     virtual Error onInitialise(const QVariantMap& settings) = 0;
 
-    /// Releases what onInitialise took.
+    /// All plugins are there: what another one has to be asked at the beginning is asked here.
+    virtual void onStarted() { }
+
+    /// Releases what onInitialise took. Comes also after a registration that was refused.
     virtual void onShutDown() { }
 
     /// A message of `type` from the plugin `sender`. Needs MessageThread.
@@ -90,8 +115,81 @@ protected:
     /// A quote. Needs QuotationThread. A quotation with another payload does not come here.
     virtual void onQuote(const Quote& /*quote*/) { }
 
+    /// Another plugin asks for something. Needs MessageThread. It is answered with reply or refuse,
+    /// once, now or later, on any thread. Refused unless this is overridden.
+    virtual void onRequest(const Request& request)
+    {
+        refuse(request,
+               QStringLiteral("%1 does not answer requests of the type 0x%2")
+                   .arg(m_id)
+                   .arg(request.type, 0, 16));
+    }
+
     /// The ID on the bus, from onInitialise on.
     const QString& id() const { return m_id; }
+
+    /// A setting that the plugin's metadata declares under the name "ID.name".
+    QVariant ownSetting(const QVariantMap& settings, const QString& name) const
+    {
+        return settings.value(m_id.section(QLatin1Char('#'), 0, 0) + QLatin1Char('.') + name);
+    }
+
+    /// \{
+    /// Puts a message to one plugin or to all that subscribed to its type, or an event to all that
+    /// did and to the linked windows. From any thread.
+    void send(const QString& destination, int type, const QVariant& payload)
+    {
+        Put(m_id, new CMessageCommon(m_id, destination, type, payload));
+    }
+    void broadcast(int type, const QVariant& payload) { send(QString(), type, payload); }
+    void publish(int type, const QVariant& payload)
+    {
+        PutEvent(m_id, new CEventMessageCommon(m_id, QString(), type, payload));
+    }
+    /// \}
+
+    /// Asks another plugin, from any thread, from onStarted on. Needs MessageThread: `answered` is
+    /// called on the thread of onMessage, once, with the answer, or with the error that it was
+    /// refused or did not come within `timeout`; the object's thread, which has an event loop,
+    /// keeps the time. It is not called when the plugin is shut down before. Requests are not in
+    /// the ledger. `traceId` names the transaction, made up if it is empty; no other request of
+    /// this plugin that waits for its answer may have it (then nothing is put, and `answered` not
+    /// called). Returns the trace ID, empty in that case.
+    QString request(const QString& destination, int type, const QVariant& payload,
+                    Answered answered, std::chrono::milliseconds timeout = DefaultTimeout,
+                    QString traceId = QString())
+    {
+        if (traceId.isEmpty())
+            traceId = QStringLiteral("%1-request-%2").arg(m_id).arg(++m_request_count);
+        if (!m_requests.add(traceId, std::move(answered))) {
+            qWarning("lxclient: plugin %s: a request %s has no answer yet, not put again",
+                     qPrintable(m_id), qPrintable(traceId));
+            return QString();
+        }
+        QMetaObject::invokeMethod(
+            this,
+            [this, destination, traceId, timeout] {
+                QTimer::singleShot(timeout, this, [=] { giveUp(destination, traceId, timeout); });
+            },
+            Qt::QueuedConnection);
+        putTraced(destination, RequestType, traceId,
+                  QVariant::fromValue(Request{traceId, m_id, type, payload}));
+        return traceId;
+    }
+
+    /// \{
+    /// Answers a request, or says in words for the user why not. From any thread.
+    void reply(const Request& request, const QVariant& payload)
+    {
+        putTraced(request.sender, ReplyType, request.trace_id,
+                  QVariant::fromValue(Reply{request.trace_id, QString(), payload}));
+    }
+    void refuse(const Request& request, const QString& reason)
+    {
+        putTraced(request.sender, ReplyType, request.trace_id,
+                  QVariant::fromValue(Reply{request.trace_id, Error(reason).words(), QVariant()}));
+    }
+    /// \}
 
     /// \{
     /// Subscribes to a type of message or quotation, or of event, until shutDown.
@@ -119,7 +217,13 @@ protected:
 private:
     void RecvMsg(QString srcId, QVariant type, QVariant data) final
     {
-        onMessage(srcId, type.toInt(), data);
+        const int number = type.toInt();
+        if (number == RequestType)
+            onRequest(data.value<Request>());
+        else if (number == ReplyType)
+            m_requests.take(data.value<Reply>());
+        else
+            onMessage(srcId, number, data);
     }
 
     void RecvEvent(QString srcId, QVariant type, QVariant data) final
@@ -133,9 +237,52 @@ private:
             onQuote(data.value<Quote>());
     }
 
+    // How many inboxes the bus has for the ID. While nobody else registers it, which is so on the
+    // main thread, this tells whether a registration was taken.
+    static int inboxesOf(const QString& id)
+    {
+        const QVector<InboxStatistics> inboxes = CBusMonitor::statistics().inboxes;
+        return static_cast<int>(
+            std::count_if(inboxes.begin(), inboxes.end(), [&](const InboxStatistics& inbox) {
+                return !id.isEmpty() && inbox.plugin == id;
+            }));
+    }
+
+    static int numberOf(ThreadType kinds)
+    {
+        int number = 0;
+        for (const ThreadType kind : {MessageThread, QuotationThread, EventThread})
+            number += (kinds & kind) ? 1 : 0;
+        return number;
+    }
+
+    void putTraced(const QString& destination, int type, const QString& traceId,
+                   const QVariant& payload)
+    {
+        auto msg = std::make_unique<CMessageCommon>(m_id, destination, type, payload);
+        msg->setTraceId(traceId);
+        Put(m_id, msg.release());
+    }
+
+    // On the object's thread. The refusal comes like a reply, through the inbox: so the answer is
+    // always called on the thread of onMessage, and whichever of the two is there first is it.
+    void giveUp(const QString& destination, const QString& traceId,
+                std::chrono::milliseconds timeout)
+    {
+        if (!m_requests.contains(traceId))
+            return;
+        const QString reason = QStringLiteral("%1 has not answered within %2 ms")
+                                   .arg(destination)
+                                   .arg(timeout.count());
+        putTraced(m_id, ReplyType, traceId,
+                  QVariant::fromValue(Reply{traceId, reason, QVariant()}));
+    }
+
     const ThreadType m_kinds;
     QString m_id; // constant after initialise
     bool m_registered = false;
+    PendingRequests m_requests;
+    std::atomic<int> m_request_count{0}; // counted up by any thread
 };
 
 } // namespace lxclient
