@@ -47,6 +47,9 @@ private:
         return {};
     }
 
+    void onStarted() override { say("started"); }
+    void registerPayloads() override { say("asked for its payload types"); }
+
     void onShutDown() override
     {
         if (m_late)

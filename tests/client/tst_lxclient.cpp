@@ -281,8 +281,10 @@ private slots:
         QStringList said = outcome.err.split('\n');
         std::sort(said.end() - 3, said.end()); // destroyed in no promised order, and the last end
         QCOMPARE(said.join(", "),
-                 QString("stranger#1 initialised, stranger#2 initialised, stranger#2 shut down, "
-                         "stranger#1 shut down, , stranger#1 destroyed, stranger#2 destroyed"));
+                 QString(" asked for its payload types, stranger#1 initialised, "
+                         "stranger#2 initialised, stranger#1 started, stranger#2 started, "
+                         "stranger#2 shut down, stranger#1 shut down, , stranger#1 destroyed, "
+                         "stranger#2 destroyed"));
         const Outcome listed = run({"--plugins", folder.path(), "--settings"});
         VERIFY_CODE(listed, 0);
         QVERIFY(
@@ -293,6 +295,36 @@ private slots:
         VERIFY_CODE(faulty, 3);
         QVERIFY(faulty.out.contains("FAULT  stranger#1: told to be faulty"));
         QVERIFY(faulty.out.contains("The bus lost nothing."));
+    }
+
+    void aCountThatNobodySharesAndASettingOfAPluginOfTheExamples()
+    {
+        const Folder folder(SPREAD_ALERT);
+        const auto alerts = [&](const QString& threshold) {
+            return runBriefly({"--plugins", folder.path(), "--set", "spread-alert." + threshold});
+        };
+        const Outcome many = alerts("threshold=0.157");
+        VERIFY_CODE(many, 0);
+        QVERIFY(many.count("alerts of spread-alert") > 0);
+        QVERIFY(!many.captured("Plugin", "(spread-alert .*alerts: \\d+, wide)").isEmpty());
+        const Outcome none = alerts("threshold=9");
+        VERIFY_CODE(none, 0);
+        QCOMPARE(none.count("alerts of spread-alert"), 0);
+        QVERIFY(alerts("first=?").err.contains(": plugin spread-alert cannot start: ? is not"));
+    }
+
+    void aDisplayIsNeededForWindowsAlone()
+    {
+        auto environment = QProcessEnvironment::systemEnvironment();
+        for (const char* const name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+            environment.remove(name);
+        QProcess client;
+        client.setProcessEnvironment(environment);
+        client.start(LXCLIENT, {"--windows"});
+        QVERIFY(client.waitForFinished(DeadlineMs));
+        QCOMPARE(client.exitCode(), 2);
+        QVERIFY(
+            client.readAllStandardError().startsWith("lxclient: --windows: there is no display"));
     }
 
     void whoHoldsUpTheEndIsNamed()

@@ -11,6 +11,7 @@
 
 #include <QCoreApplication>
 #include <QEventLoop>
+#include <QLoggingCategory>
 #include <QMutex>
 #include <QTimer>
 
@@ -125,10 +126,11 @@ public:
     /// How long waitUntil waits: generous, so that it is reached only when something is wrong.
     static constexpr int DeadlineMs = 30000;
 
-    /// Starts the bus. These symbols can be quoted.
+    /// Starts the bus, without the debug level of its log. These symbols can be quoted.
     explicit TestBench(QStringList symbols = {QStringLiteral("EUR/USD"), QStringLiteral("USD/JPY")})
         : m_settings{{setting::Symbols, symbols}, {setting::Linked, QStringList()}}
     {
+        QLoggingCategory::setFilterRules(QStringLiteral("lxbase.debug=false"));
         registerPayloads();
         CMessageCenter::GetInstance()->Start();
     }

@@ -21,13 +21,13 @@ namespace lxclient {
 struct WindowHandlers
 {
     /// The newest quote of each symbol that was quoted since the last call, once a frame.
-    std::function<void(const QHash<QString, Quote>& newest)> quotes;
+    std::function<void(const QHash<QString, Quote>& newest)> quotes = nullptr;
     /// A linked window has selected another symbol than this one shows.
-    std::function<void(const QString& symbol)> selected;
+    std::function<void(const QString& symbol)> selected = nullptr;
     /// \{
     /// Every message or event, in the order of its inbox.
-    std::function<void(const QString& sender, int type, const QVariant& payload)> message;
-    std::function<void(const QString& sender, int type, const QVariant& payload)> event;
+    std::function<void(const QString& sender, int type, const QVariant& payload)> message = nullptr;
+    std::function<void(const QString& sender, int type, const QVariant& payload)> event = nullptr;
     /// \}
 };
 
