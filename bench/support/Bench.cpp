@@ -18,6 +18,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -74,7 +75,9 @@ int run(int argc, char** argv, void (*registerBenchmarks)())
         std::fprintf(stderr, "%s: --idle takes poll or park, e.g. --idle=park\n", argv[0]);
         return EXIT_FAILURE;
     }
-    const QCoreApplication application(argc, argv);
+    std::optional<QCoreApplication> application;
+    if (!QCoreApplication::instance()) // the program may have one with windows
+        application.emplace(argc, argv);
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     setBusDebug(false);
     registerPayloads();
