@@ -315,6 +315,14 @@ private slots:
         QVERIFY(alerts("first=?").err.contains(": plugin spread-alert cannot start: ? is not"));
     }
 
+    void aPluginOfTheInterfacesFormerVersionIsLedThroughTheLifeItKnows()
+    {
+        const Folder folder(VERSION2);
+        const Outcome outcome = runBriefly({"--plugins", folder.path()});
+        VERIFY_CODE(outcome, 0);
+        QCOMPARE(outcome.captured("Plugin", "(version2) +0 +0 +0"), QString("version2"));
+    }
+
     void aDisplayIsNeededForWindowsAlone()
     {
         auto environment = QProcessEnvironment::systemEnvironment();
