@@ -79,6 +79,12 @@ public:
 
 protected:
     virtual void onQuote(const Quote& /*quote*/) { }
+
+    void show(const QHash<QString, Quote>& changed)
+    {
+        for (const Quote& quote : changed)
+            table.show(quote);
+    }
 };
 
 class Frame : public Board
@@ -89,10 +95,8 @@ public:
 private:
     void onQuote(const Quote& quote) override { m_quotes.put(quote.symbol, quote); }
 
-    lxclient::Conflator<QString, Quote> m_quotes{this, [this](const auto& changed) {
-                                                     for (const Quote& quote : changed)
-                                                         table.show(quote);
-                                                 }};
+    lxclient::Conflator<QString, Quote> m_quotes{this,
+                                                 [this](const auto& changed) { show(changed); }};
 };
 
 class Refresh : public Board
@@ -122,8 +126,7 @@ private:
             changed.swap(m_changed);
             m_pending = false;
         }
-        for (const Quote& quote : qAsConst(changed))
-            table.show(quote);
+        show(changed);
     }
 
     QMutex m_mutex;
