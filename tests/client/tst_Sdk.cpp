@@ -46,14 +46,14 @@ private slots:
     void theNewestOfEachKeyComesOnceAFrameOnTheThreadOfTheObject()
     {
         constexpr int Keys = 3;
-        constexpr int Puts = 30000;
+        constexpr int Frames = 5;
         constexpr auto frame = 20ms;
         TestBench bench;
         QThread* const here = QThread::currentThread();
         QHash<int, int> shown;
-        int frames = 0;
+        std::atomic<int> frames{0};
         int elsewhere = 0;
-        std::atomic<bool> finished{false};
+        std::atomic<int> last{0};
         QElapsedTimer time;
         Numbers numbers(
             this,
@@ -66,17 +66,23 @@ private slots:
             frame);
         time.start();
         std::thread worker([&] {
-            for (int number = 1; number <= Puts; ++number)
-                numbers.put(number % Keys, number);
-            finished = true;
+            int number = 0;
+            while (frames < Frames || number < Keys) {
+                numbers.put(number % Keys, number + 1);
+                ++number;
+            }
+            last = number;
         });
         const bool arrived =
-            bench.waitUntil([&] { return finished && shown.value(Puts % Keys) == Puts; });
+            bench.waitUntil([&] { return last > 0 && shown.value((last - 1) % Keys) == last; });
+        const qint64 most = 2 + time.elapsed() / frame.count();
+        const int counted = frames.exchange(Frames); // or the worker might go on for ever
         worker.join();
         QVERIFY(arrived);
-        QCOMPARE(shown, (QHash<int, int>{{0, Puts}, {1, Puts - 2}, {2, Puts - 1}}));
+        for (int key = 0; key < Keys; ++key)
+            QVERIFY2(shown[key] > last - Keys, qPrintable(QString::number(key)));
         QCOMPARE(elsewhere, 0);
-        QVERIFY2(frames <= 2 + time.elapsed() / frame.count(), qPrintable(QString::number(frames)));
+        QVERIFY2(counted >= Frames && counted <= most, qPrintable(QString::number(counted)));
 
         numbers.put(0, -1);
         numbers.stop(); // hands over what is left, at once
@@ -233,14 +239,14 @@ private slots:
             QVERIFY(!bench.start(windows[i].m_bus, ids[i], {{lxclient::setting::Linked, others}}));
         }
         windows[0].choose("B");
-        windows[0].choose("C");
-        windows[0].choose("C");
+        windows[0].choose("A");
+        windows[0].choose("A");
         const auto received = [&](quint64 events) {
             return windows[1].m_bus.report().events == events
                 && windows[2].m_bus.report().events == events;
         };
         QVERIFY(bench.waitUntil([&] { return received(2); }));
-        windows[0].choose("A"); // behind any echo
+        windows[0].choose("C"); // behind any echo
         QVERIFY(bench.waitUntil([&] { return received(3); }));
         for (const Window& window : windows) { // the first one told three times, nobody else
             const auto postings = window.m_bus.report().postings;
@@ -251,7 +257,7 @@ private slots:
             QVERIFY(put != postings.end());
             QCOMPARE(put->count, quint64(&window == &windows[0] ? 3 : 0));
         }
-        QCOMPARE(windows[2].m_bus.selected(), QString("A"));
+        QCOMPARE(windows[2].m_bus.selected(), QString("C"));
 
         bench.quote("A", {1, 0}, {2, 0});
         bench.quote("B", {1, 0}, {2, 0});
