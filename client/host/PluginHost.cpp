@@ -1,6 +1,10 @@
 #include "PluginHost.h"
 
+#include "BusTables.h"
+
+#include <lxbase/BusMonitor.h>
 #include <lxbase/MessageInterface.h>
+#include <lxclient/Inboxes.h>
 #include <lxclient/Protocol.h>
 
 #include <QCoreApplication>
@@ -19,8 +23,9 @@ struct PluginHost::Library
 {
     std::unique_ptr<QPluginLoader> loader;
     MetaData meta_data;
-    QVariantMap settings;       // what it has declared, with its values
-    bool has_version_2 = false; // of the interface: report is its last operation
+    QVariantMap settings;                   // what it has declared, with its values
+    bool has_version_2 = false;             // of the interface: report is its last operation
+    SupervisedPlugin* supervised = nullptr; // once it is loaded
 
     QString file() const { return loader->fileName(); }
 };
@@ -28,6 +33,15 @@ struct PluginHost::Library
 namespace {
 
 const char version2Iid[] = "lxclient.Plugin/2";
+
+// as messages name them
+const char initialiserOperation[] = "an initialiser of its library";
+const char constructorOperation[] = "its constructor";
+
+Error cannotStart(const QString& id, const Error& reason)
+{
+    return reason.about(QStringLiteral("plugin %1 cannot start").arg(id));
+}
 
 // No name is in both: plugins declare none of the host's.
 QVariantMap united(QVariantMap common, const QVariantMap& own)
@@ -39,20 +53,13 @@ QVariantMap united(QVariantMap common, const QVariantMap& own)
 
 } // namespace
 
-PluginHost::PluginHost() = default;
+PluginHost::PluginHost(std::chrono::milliseconds deadline, CallWatch::Ending ending)
+    : m_watch(deadline, std::move(ending))
+{ }
 
 PluginHost::~PluginHost()
 {
-    shutDown([](const QString&) {});
-    // workers of the bus that the plugins' objects had, before their libraries go
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    m_instances.clear();
-    for (const bool payloads : {false, true}) {
-        for (auto library = m_libraries.rbegin(); library != m_libraries.rend(); ++library) {
-            if (library->meta_data.payloads == payloads)
-                library->loader->unload();
-        }
-    }
+    unload();
 }
 
 Error PluginHost::readMetaData(const QString& folder)
@@ -120,9 +127,10 @@ Error PluginHost::load(const QVariantMap& common)
                       m_libraries.end());
     // first those with payload types: until they go, last, the types are theirs
     for (const bool payloads : {true, false}) {
-        for (const Library& library : m_libraries) {
+        for (Library& library : m_libraries) {
             if (library.meta_data.payloads != payloads)
                 continue;
+            library.supervised = &supervise(library.meta_data.id, library);
             if (const Error error = loadLibrary(library))
                 return error.about(library.file());
         }
@@ -150,11 +158,18 @@ Error PluginHost::initialise(const QString& id, const QVariantMap& common)
     for (Instance& instance : m_instances) {
         if (instance.id != id)
             continue;
-        if (const Error error =
-                instance.plugin->initialise(id, united(common, instance.library->settings))) {
-            return error.about(QStringLiteral("plugin %1 cannot start").arg(id))
-                .about(instance.library->file());
+        QVariantMap settings = united(common, instance.library->settings);
+        settings.insert(lxclient::setting::Supervisor,
+                        QVariant::fromValue<lxclient::Supervisor*>(instance.supervised));
+        Error error;
+        const Error thrown = instance.supervised->call(
+            "initialise", [&] { error = instance.plugin->initialise(id, settings); });
+        if (thrown) {
+            error = thrown;
+            CRegManager::UnReg(id); // it may have come as far as that
         }
+        if (error)
+            return cannotStart(id, error).about(instance.library->file());
         instance.initialised = true;
     }
     return {};
@@ -163,50 +178,166 @@ Error PluginHost::initialise(const QString& id, const QVariantMap& common)
 void PluginHost::started()
 {
     for (const Instance& instance : m_instances) {
-        if (!instance.library->has_version_2)
-            instance.plugin->started();
+        if (instance.library->has_version_2)
+            continue;
+        const Error thrown =
+            instance.supervised->call("started", [&] { instance.plugin->started(); });
+        if (thrown)
+            instance.supervised->fail(thrown.words(), QStringLiteral("it is shut down"));
     }
 }
 
 void PluginHost::startInputs()
 {
-    for (const Instance& instance : m_instances) {
-        if (instance.input)
-            instance.input->start();
-    }
+    for (const Instance& instance : m_instances)
+        callInput(instance, "start", [&] { instance.input->start(); });
 }
 
 void PluginHost::stopInputs()
 {
-    for (const Instance& instance : m_instances) {
-        if (instance.input)
-            instance.input->stop();
-    }
+    for (const Instance& instance : m_instances)
+        callInput(instance, "stop", [&] { instance.input->stop(); });
 }
 
 bool PluginHost::inputsEnded() const
 {
-    return std::all_of(m_instances.begin(), m_instances.end(), [](const Instance& instance) {
-        return !instance.input || instance.input->ended();
-    });
+    for (const Instance& instance : m_instances) {
+        bool ended = true; // one that has failed puts nothing more
+        callInput(instance, "ended", [&] { ended = instance.input->ended(); });
+        if (!ended)
+            return false;
+    }
+    return true;
 }
 
-void PluginHost::shutDown(const std::function<void(const QString& id)>& next)
+// Calls it unless it is no input, or is none any more.
+template<class Operation>
+void PluginHost::callInput(const Instance& instance, const char* name,
+                           const Operation& operation) const
 {
+    if (!instance.input || !instance.initialised || instance.supervised->hasFailed())
+        return;
+    if (const Error thrown = instance.supervised->call(name, operation))
+        instance.supervised->fail(thrown.words(), QStringLiteral("it is shut down"));
+}
+
+bool PluginHost::shutDownFailed()
+{
+    bool any = false;
     for (auto instance = m_instances.rbegin(); instance != m_instances.rend(); ++instance) {
-        if (std::exchange(instance->initialised, false)) {
-            next(instance->id);
-            instance->plugin->shutDown();
+        if (!instance->supervised->hasFailed())
+            continue;
+        any = true;
+        if (instance->initialised)
+            shutDown(*instance);
+    }
+    return any;
+}
+
+QMap<QString, QString> PluginHost::stuck(std::chrono::nanoseconds limit) const
+{
+    QMap<QString, QString> stuck;
+    if (limit.count() == 0)
+        return stuck;
+    const BusStatistics bus = CBusMonitor::statistics();
+    for (const InboxStatistics& inbox : bus.inboxes) {
+        if (inbox.busyForNs >= limit.count()) {
+            stuck.insert(inbox.plugin,
+                         QStringLiteral("its handler for %1 has not returned for %2")
+                             .arg(lxclient::kindName(inbox.kind), durationText(inbox.busyForNs)));
         }
     }
+    return stuck;
 }
 
-QVector<NamedReport> PluginHost::reports() const
+bool PluginHost::shutDown(const std::function<void(const QString& id)>& next,
+                          std::chrono::nanoseconds stuckLimit)
+{
+    const QMap<QString, QString> atFirst = stuck(stuckLimit);
+    const auto shutDownThose = [&](bool stuckAtFirst, const QMap<QString, QString>& stuckNow) {
+        bool all = true;
+        for (auto instance = m_instances.rbegin(); instance != m_instances.rend(); ++instance) {
+            if (!instance->initialised || atFirst.contains(instance->id) != stuckAtFirst)
+                continue;
+            if (stuckNow.contains(instance->id)) {
+                all = false;
+                instance->reports = false; // it may hold what its report waits for
+                instance->supervised->fail(stuckNow.value(instance->id),
+                                           QStringLiteral("the session ends without it"));
+            } else {
+                next(instance->id);
+                shutDown(*instance);
+            }
+        }
+        return all;
+    };
+    shutDownThose(false, {});
+    return shutDownThose(true, stuck(stuckLimit));
+}
+
+// One that throws may still be registered.
+void PluginHost::shutDown(Instance& instance)
+{
+    instance.initialised = false;
+    const Error thrown =
+        instance.supervised->call("shutDown", [&] { instance.plugin->shutDown(); });
+    if (!thrown)
+        return;
+    instance.supervised->fail(thrown.words(), QStringLiteral("the ledger will not balance"));
+    static_cast<void>( // the bus throws nothing, but waits for the handlers
+        instance.supervised->call("UnReg", [&] { CRegManager::UnReg(instance.id); }));
+}
+
+void PluginHost::unload()
+{
+    shutDown([](const QString&) {}, {});
+    // workers of the bus that the plugins' objects had, before their libraries go
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    const auto destroy = [](SupervisedPlugin* supervised, const auto& owner) {
+        // a destructor that throws ends the process, and its name is told
+        static_cast<void>(supervised->call("its destructor", owner));
+    };
+    for (Instance& instance : m_instances)
+        destroy(instance.supervised, [&] { instance.owned.reset(); });
+    m_instances.clear();
+    for (const bool payloads : {false, true}) {
+        for (auto library = m_libraries.rbegin(); library != m_libraries.rend(); ++library) {
+            if (library->supervised && library->meta_data.payloads == payloads)
+                destroy(library->supervised, [&] { library->loader->unload(); });
+        }
+    }
+    m_libraries.clear();
+}
+
+QVector<NamedReport> PluginHost::reports()
+{
+    for (Instance& instance : m_instances) {
+        if (!instance.reports)
+            continue;
+        const Error thrown = instance.supervised->call(
+            "report", [&] { instance.last_report = instance.plugin->report(); });
+        if (thrown) {
+            instance.reports = false;
+            instance.supervised->fail(thrown.words(), QStringLiteral("it is shut down"));
+        }
+    }
+    return lastReports();
+}
+
+QVector<NamedReport> PluginHost::lastReports() const
 {
     QVector<NamedReport> reports;
-    for (const Instance& instance : m_instances)
-        reports.append({instance.id, instance.plugin->report()});
+    for (const Instance& instance : m_instances) {
+        reports.append({instance.id, instance.last_report});
+        reports.last().report.faults += instance.supervised->faults();
+    }
     return reports;
+}
+
+SupervisedPlugin& PluginHost::supervise(const QString& id, const Library& library)
+{
+    m_supervised.push_back(std::make_unique<SupervisedPlugin>(id, library.file(), m_watch));
+    return *m_supervised.back();
 }
 
 // What is no plugin of ours is refused before it is loaded.
@@ -244,13 +375,30 @@ Error PluginHost::addLibrary(Library library)
 
 Error PluginHost::loadLibrary(const Library& library)
 {
-    if (!library.loader->load())
+    bool loaded = false;
+    if (const Error thrown = library.supervised->call(initialiserOperation,
+                                                      [&] { loaded = library.loader->load(); }))
+        return thrown;
+    if (!loaded)
         return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()));
-    lxclient::Plugin* const plugin =
-        library.meta_data.payloads ? pluginOf(library, library.loader->instance()) : nullptr;
-    if (plugin && !library.has_version_2)
-        plugin->registerPayloads();
-    return {};
+    if (!library.meta_data.payloads || library.has_version_2)
+        return {};
+    QObject* root = nullptr;
+    if (const Error thrown = makeRoot(library, root))
+        return thrown;
+    lxclient::Plugin* const plugin = pluginOf(library, root);
+    const Error thrown = plugin ? library.supervised->call("registerPayloads",
+                                                           [&] { plugin->registerPayloads(); })
+                                : Error(); // refused when the instances are made
+    return thrown ? cannotStart(library.meta_data.id, thrown) : Error();
+}
+
+// The loader makes it once.
+Error PluginHost::makeRoot(const Library& library, QObject*& root)
+{
+    const Error thrown = library.supervised->call(constructorOperation,
+                                                  [&] { root = library.loader->instance(); });
+    return thrown ? cannotStart(library.meta_data.id, thrown) : Error();
 }
 
 // Null: it is none.
@@ -267,7 +415,9 @@ Error PluginHost::makeInstances(const Library& library, const QVariantMap& commo
 {
     const QString& id = library.meta_data.id;
     const QString& setting = library.meta_data.instances;
-    QObject* const root = library.loader->instance();
+    QObject* root = nullptr;
+    if (const Error thrown = makeRoot(library, root))
+        return thrown;
     if (setting.isEmpty())
         return addInstance(library, id, root, false);
 
@@ -280,7 +430,12 @@ Error PluginHost::makeInstances(const Library& library, const QVariantMap& commo
     }
     for (int i = 1; i <= count; ++i) {
         const bool first = i == 1;
-        QObject* const object = first ? root : root->metaObject()->newInstance();
+        QObject* object = root;
+        if (!first) {
+            if (const Error thrown = library.supervised->call(
+                    constructorOperation, [&] { object = root->metaObject()->newInstance(); }))
+                return cannotStart(QStringLiteral("%1#%2").arg(id).arg(i), thrown);
+        }
         if (const Error error =
                 addInstance(library, QStringLiteral("%1#%2").arg(id).arg(i), object, !first))
             return error;
@@ -294,6 +449,7 @@ Error PluginHost::addInstance(const Library& library, const QString& id, QObject
     Instance instance;
     instance.id = id;
     instance.library = &library;
+    instance.supervised = &supervise(id, library);
     if (owned)
         instance.owned.reset(object);
     if (!object) {

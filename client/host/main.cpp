@@ -1,5 +1,6 @@
 // lxclient: the reference host of the bus. Everything it does with quotes and orders is done by
 // plugins; the host loads them, links them, listens in, and keeps the ledger.
+#include "CrashLine.h"
 #include "Options.h"
 #include "Session.h"
 #include "SignalWatcher.h"
@@ -72,6 +73,7 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    crashline::install();
     const std::unique_ptr<QCoreApplication> program = makeApplication(argc, argv);
     if (!program) {
         return refuse(lxclient::Error(QStringLiteral(
@@ -91,7 +93,8 @@ int main(int argc, char** argv)
     lxclient::registerPayloads();
 
     Session session(options);
-    const SignalWatcher signalWatcher([&] { session.interrupt(); });
+    const SignalWatcher signalWatcher([&] { session.requestInterrupt(); },
+                                      [&] { session.requestAbandon(); });
     QObject::connect(&session, &Session::ended, program.get(), &QCoreApplication::quit);
     if (const lxclient::Error error = session.start())
         return refuse(error, ExitCannotStart);

@@ -6,6 +6,7 @@
 #include <lxclient/Plugin.h>
 #include <lxclient/Protocol.h>
 #include <lxclient/Requests.h>
+#include <lxclient/Supervisor.h>
 
 #include <lxbase/BusMonitor.h>
 #include <lxbase/MessageInterface.h>
@@ -40,6 +41,10 @@ namespace lxclient {
 /// one thread never overlap, calls on different ones may. None runs before onInitialise has
 /// returned or after onShutDown has begun.
 ///
+/// An exception that leaves onMessage, onRequest, the answer to a request, onEvent or onQuote ends
+/// here: none of them is called again, and the host is told, which names plugin and reason, shuts
+/// the plugin down and counts it as a fault. Without a host it is said in the log.
+///
 /// A plugin that is destroyed without shutDown, a mistake of whoever owns it, has handlers that run
 /// in an object half gone. It says so in the log and unregisters.
 class PluginBase : public IMessageInterface, public Plugin
@@ -69,9 +74,15 @@ public:
         if (inboxesOf(id) > 0)
             return Error(QStringLiteral("the ID %1 is on the bus already").arg(id));
         m_id = id;
-        if (const Error error = onInitialise(settings)) {
-            UnReg(m_id); // its subscriptions
-            return error;
+        m_supervisor = settings.value(setting::Supervisor).value<Supervisor*>();
+        try {
+            if (const Error error = onInitialise(settings)) {
+                UnReg(m_id); // its subscriptions
+                return error;
+            }
+        } catch (...) {
+            UnReg(m_id);
+            throw;
         }
         Reg(m_id, this, m_kinds);
         if (inboxesOf(m_id) != numberOf(m_kinds)) {
@@ -214,27 +225,50 @@ protected:
     }
     /// \}
 
+    /// Calls `function` as the hooks are called: the edge of the plugin, beyond which, in a worker
+    /// of the bus or an event loop, an exception ends the process. Here it is caught and told, and
+    /// nothing is called after it. For what a plugin runs on a timer, say. `name` is told as what
+    /// has thrown; it outlives the call. From any thread.
+    template<class Function>
+    void guarded(const char* name, const Function& function)
+    {
+        if (m_failed.load(std::memory_order_relaxed))
+            return;
+        try {
+            const Watched watched(m_supervisor, name);
+            function();
+        } catch (...) {
+            m_failed.store(true, std::memory_order_relaxed);
+            const QString reason = exceptionWords();
+            if (m_supervisor)
+                m_supervisor->threw(name, reason);
+            else
+                qCritical("lxclient: plugin %s: %s has thrown: %s", qPrintable(m_id), name,
+                          qPrintable(reason));
+        }
+    }
+
 private:
     void RecvMsg(QString srcId, QVariant type, QVariant data) final
     {
         const int number = type.toInt();
         if (number == RequestType)
-            onRequest(data.value<Request>());
+            guarded("onRequest", [&] { onRequest(data.value<Request>()); });
         else if (number == ReplyType)
-            m_requests.take(data.value<Reply>());
+            guarded("the callback of a request", [&] { m_requests.take(data.value<Reply>()); });
         else
-            onMessage(srcId, number, data);
+            guarded("onMessage", [&] { onMessage(srcId, number, data); });
     }
 
     void RecvEvent(QString srcId, QVariant type, QVariant data) final
     {
-        onEvent(srcId, type.toInt(), data);
+        guarded("onEvent", [&] { onEvent(srcId, type.toInt(), data); });
     }
 
     void RecvQuotationMsg(QString, QVariant, QVariant data) final
     {
         if (data.userType() == qMetaTypeId<Quote>())
-            onQuote(data.value<Quote>());
+            guarded("onQuote", [&] { onQuote(data.value<Quote>()); });
     }
 
     // How many inboxes the bus has for the ID. While nobody else registers it, which is so on the
@@ -278,8 +312,34 @@ private:
                   QVariant::fromValue(Reply{traceId, reason, QVariant()}));
     }
 
+    class Watched
+    {
+    public:
+        Watched(Supervisor* supervisor, const char* handler)
+            : m_supervisor(supervisor)
+        {
+            if (m_supervisor)
+                m_supervisor->entered(handler);
+        }
+        ~Watched()
+        {
+            if (m_supervisor)
+                m_supervisor->left();
+        }
+        Q_DISABLE_COPY(Watched)
+
+    private:
+        Supervisor* const m_supervisor;
+    };
+
     const ThreadType m_kinds;
-    QString m_id; // constant after initialise
+    // constant after initialise
+    QString m_id;
+    Supervisor* m_supervisor = nullptr; // the host's; null: nobody wants to know
+
+    // atomic: set by the thread on which a hook has thrown, read by all
+    std::atomic<bool> m_failed{false};
+
     bool m_registered = false;
     PendingRequests m_requests;
     std::atomic<int> m_request_count{0}; // counted up by any thread

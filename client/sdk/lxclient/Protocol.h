@@ -131,12 +131,17 @@ inline const QString Journal = QStringLiteral("journal");
 inline const QString MetricsPort = QStringLiteral("metrics.port");
 /// bool: plugins may open windows, for there is a QApplication. Missing: they may not.
 inline const QString Windows = QStringLiteral("windows");
+/// double: a pause between two quotes that would be waited for longer than so many seconds is left
+/// out. Missing: none is.
+inline const QString SkipGaps = QStringLiteral("skip.gaps");
+/// lxclient::Supervisor*: whom PluginBase tells of the plugin's handlers. Missing: nobody.
+inline const QString Supervisor = QStringLiteral("supervisor");
 
 /// All of them.
 inline QStringList ofTheHost()
 {
-    return {Symbols,       Linked, Quotes,  Speed,       SyntheticQuotes,
-            SyntheticSeed, Boards, Journal, MetricsPort, Windows};
+    return {Symbols, Linked,  Quotes,      Speed,   SyntheticQuotes, SyntheticSeed,
+            Boards,  Journal, MetricsPort, Windows, SkipGaps,        Supervisor};
 }
 
 } // namespace setting

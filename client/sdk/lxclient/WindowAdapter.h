@@ -49,7 +49,7 @@ struct WindowHandlers
 ///
 /// Adapter and window live on the same thread, the main thread normally; everything here is called
 /// there. The window may go first: what still comes is then dropped. The adapter goes after
-/// shutDown.
+/// shutDown. A handler of the window that throws is treated as PluginBase treats one of its hooks.
 class WindowAdapter : public PluginBase
 {
 public:
@@ -67,7 +67,12 @@ public:
         m_window = window;
         m_handlers = std::move(handlers);
         m_quotes = m_handlers.quotes
-            ? std::make_unique<Conflator<QString, Quote>>(window, m_handlers.quotes, frame)
+            ? std::make_unique<Conflator<QString, Quote>>(
+                window,
+                [this](const QHash<QString, Quote>& newest) {
+                    guarded("WindowHandlers::quotes", [&] { m_handlers.quotes(newest); });
+                },
+                frame)
             : nullptr;
     }
 
@@ -138,7 +143,8 @@ protected:
     {
         onTheWindowsThread([=] {
             if (m_window && m_handlers.message)
-                m_handlers.message(sender, type, payload);
+                guarded("WindowHandlers::message",
+                        [&] { m_handlers.message(sender, type, payload); });
             ++m_messages;
         });
     }
@@ -147,11 +153,12 @@ protected:
         onTheWindowsThread([=] {
             if (type == SelectionType) {
                 if (m_selection.follow(sender, payload) && m_window && m_handlers.selected)
-                    m_handlers.selected(m_selection.symbol());
+                    guarded("WindowHandlers::selected",
+                            [&] { m_handlers.selected(m_selection.symbol()); });
                 return;
             }
             if (m_window && m_handlers.event)
-                m_handlers.event(sender, type, payload);
+                guarded("WindowHandlers::event", [&] { m_handlers.event(sender, type, payload); });
             ++m_events;
         });
     }
