@@ -1,5 +1,7 @@
 #include "PluginHost.h"
 
+#include "ProgressLine.h"
+
 #include <lxbase/MessageInterface.h>
 #include <lxclient/Protocol.h>
 
@@ -18,6 +20,7 @@ using lxclient::Error;
 struct PluginHost::Library
 {
     std::unique_ptr<QPluginLoader> loader;
+    QString canonical_file; // wherever links to it are
     MetaData meta_data;
     QVariantMap settings; // what it has declared, with its values
 
@@ -25,6 +28,16 @@ struct PluginHost::Library
 };
 
 namespace {
+
+// Why what is named like a library cannot be one; empty: it may be.
+QString flawOf(const QFileInfo& entry)
+{
+    if (entry.isSymLink() && !entry.exists())
+        return QStringLiteral("is a broken link to %1").arg(entry.symLinkTarget());
+    if (entry.isDir())
+        return QStringLiteral("is a folder, not a library");
+    return entry.isFile() ? QString() : QStringLiteral("is no file");
+}
 
 // No name is in both: plugins declare none of the host's.
 QVariantMap united(QVariantMap common, const QVariantMap& own)
@@ -48,22 +61,12 @@ PluginHost::~PluginHost()
         library->loader->unload();
 }
 
-Error PluginHost::readMetaData(const QString& folder)
+Error PluginHost::readMetaData(const QStringList& folders)
 {
-    m_folder = folder;
-    const QDir dir(folder);
-    if (!dir.exists())
-        return Error(QStringLiteral("there is no such plugin folder")).about(folder);
-    const QFileInfoList files = dir.entryInfoList(QDir::Files, QDir::Name);
-    for (const QFileInfo& file : files) {
-        if (!QLibrary::isLibrary(file.fileName()))
-            continue;
-        Library library;
-        library.loader = std::make_unique<QPluginLoader>(file.absoluteFilePath());
-        // when it is loaded, not in the middle of a run
-        library.loader->setLoadHints(QLibrary::ResolveAllSymbolsHint);
-        if (const Error error = addLibrary(std::move(library)))
-            return error.about(file.absoluteFilePath());
+    m_folders = folders;
+    for (const QString& folder : folders) {
+        if (const Error error = readFolder(folder))
+            return error;
     }
     std::sort(m_libraries.begin(), m_libraries.end(),
               [](const Library& a, const Library& b) { return a.meta_data.id < b.meta_data.id; });
@@ -124,7 +127,8 @@ Error PluginHost::load(const QVariantMap& common)
     const bool anyInput = std::any_of(m_instances.begin(), m_instances.end(),
                                       [](const Instance& instance) { return instance.input; });
     return anyInput ? Error()
-                    : Error(QStringLiteral("no plugin there brings in quotes")).about(m_folder);
+                    : Error(QStringLiteral("no plugin there brings in quotes"))
+                          .about(m_folders.join(QLatin1String(", ")));
 }
 
 QStringList PluginHost::ids() const
@@ -189,6 +193,39 @@ QVector<NamedReport> PluginHost::reports() const
     for (const Instance& instance : m_instances)
         reports.append({instance.id, instance.plugin->report()});
     return reports;
+}
+
+Error PluginHost::readFolder(const QString& folder)
+{
+    const QDir dir(folder);
+    if (!dir.exists())
+        return Error(QStringLiteral("there is no such plugin folder")).about(folder);
+    const QFileInfoList entries = // broken links and pipes are "system"
+        dir.entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+    for (const QFileInfo& entry : entries) {
+        if (!QLibrary::isLibrary(entry.fileName()))
+            continue;
+        const QString file = entry.absoluteFilePath();
+        if (const QString flaw = flawOf(entry); !flaw.isEmpty()) {
+            ProgressLine::say(QStringLiteral("%1: %2; passed over").arg(file, flaw));
+            continue;
+        }
+        const QString canonicalFile = entry.canonicalFilePath();
+        const bool known =
+            std::any_of(m_libraries.begin(), m_libraries.end(), [&](const Library& library) {
+                return library.canonical_file == canonicalFile;
+            });
+        if (known)
+            continue;
+        Library library;
+        library.canonical_file = canonicalFile;
+        library.loader = std::make_unique<QPluginLoader>(file);
+        // when it is loaded, not in the middle of a run
+        library.loader->setLoadHints(QLibrary::ResolveAllSymbolsHint);
+        if (const Error error = addLibrary(std::move(library)))
+            return error.about(file);
+    }
+    return {};
 }
 
 // What is no plugin of ours is refused before it is loaded.

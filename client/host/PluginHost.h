@@ -34,8 +34,11 @@ public:
     ~PluginHost();
     Q_DISABLE_COPY(PluginHost)
 
-    // Reads the metadata of every library in the folder, without loading one. Called first.
-    lxclient::Error readMetaData(const QString& folder);
+    // Reads the metadata of every library in the folders, without loading one. What is named like a
+    // library and is none that could be read, a broken link say, is warned of and passed over; a
+    // library that is met again, by another link or because its folder is named twice, is the same
+    // one. Called first.
+    lxclient::Error readMetaData(const QStringList& folders);
 
     // In the order of the IDs.
     QVector<MetaData> metaData() const;
@@ -75,12 +78,13 @@ private:
         bool initialised = false;
     };
 
+    lxclient::Error readFolder(const QString& folder);
     lxclient::Error addLibrary(Library library);
     lxclient::Error makeInstances(const Library& library, const QVariantMap& common);
     lxclient::Error addInstance(const Library& library, const QString& id, QObject* object,
                                 bool owned);
 
-    QString m_folder;
+    QStringList m_folders;
     std::vector<Library> m_libraries;  // sorted by ID; unchanged once there are instances
     std::vector<Instance> m_instances; // destroyed before the libraries are unloaded
 };

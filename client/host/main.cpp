@@ -10,6 +10,7 @@
 #include <QCoreApplication>
 #include <QLoggingCategory>
 
+#include <csignal>
 #include <cstdio>
 
 namespace {
@@ -21,10 +22,10 @@ ExitCode refuse(const lxclient::Error& error, ExitCode code)
 }
 
 // Reads the metadata alone: no code of a plugin runs.
-ExitCode listSettings(const QString& pluginFolder)
+ExitCode listSettings(const QStringList& pluginFolders)
 {
     PluginHost host;
-    if (const lxclient::Error error = host.readMetaData(pluginFolder))
+    if (const lxclient::Error error = host.readMetaData(pluginFolders))
         return refuse(error, ExitCannotStart);
     TextTable table({QStringLiteral("Plugin"), QStringLiteral("Setting"), QStringLiteral("Type"),
                      QStringLiteral("Range"), QStringLiteral("Default"),
@@ -45,6 +46,7 @@ ExitCode listSettings(const QString& pluginFolder)
 
 int main(int argc, char** argv)
 {
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is then an error like a full disk
     QCoreApplication program(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("lxclient"));
     QCoreApplication::setApplicationVersion(QStringLiteral(LXCLIENT_VERSION));
@@ -52,7 +54,7 @@ int main(int argc, char** argv)
     if (const lxclient::Error error = Options::parse(QCoreApplication::arguments(), options))
         return refuse(error, ExitBadCommandLine);
     if (options.list_settings)
-        return listSettings(options.plugin_folder);
+        return listSettings(options.plugin_folders);
     if (!options.verbose) // QT_LOGGING_RULES still has the last word
         QLoggingCategory::setFilterRules(QStringLiteral("lxbase.debug=false"));
     lxclient::registerPayloads();

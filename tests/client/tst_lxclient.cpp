@@ -100,29 +100,30 @@ QMap<QString, double> scrape(int port)
 #define VERIFY_CODE(outcome, expected)                                                             \
     QVERIFY2((outcome).code == (expected), qPrintable((outcome).out + (outcome).err))
 
-// A plugin folder with those of the build, and one more.
+// A plugin folder beside that of the build, with one library.
 class Folder
 {
 public:
-    explicit Folder(const QString& more)
+    explicit Folder(const QString& library)
     {
-        for (const QFileInfo& info : QDir(LXCLIENT_PLUGINS).entryInfoList({"*.so"}, QDir::Files))
-            copy(info.filePath(), m_dir.filePath(info.fileName()));
-        copy(more, added());
+        if (!QFile::copy(library, added()))
+            qFatal("%s cannot be copied", qPrintable(library));
     }
 
     QString path() const { return m_dir.path(); }
     QString added() const { return m_dir.filePath("libzz.so"); }
 
 private:
-    static void copy(const QString& from, const QString& to)
-    {
-        if (!QFile::copy(from, to))
-            qFatal("%s cannot be copied", qPrintable(from));
-    }
-
     QTemporaryDir m_dir;
 };
+
+QString writeFile(const QString& name, const QByteArray& text)
+{
+    QFile file(name);
+    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
+        qFatal("%s cannot be written", qPrintable(name));
+    return name;
+}
 
 } // namespace
 
@@ -177,6 +178,14 @@ private slots:
 
     void whatCannotStartSaysWhy()
     {
+        const QTemporaryDir dir;
+        const QByteArray header = "timestamp,symbol,bid,ask\n";
+        const QString empty = writeFile(dir.filePath("empty.csv"), header);
+        const QString bad = writeFile(dir.filePath("bad.csv"), header + "a,b\n");
+        const QString locked = dir.filePath("locked.db");
+        auto db = QSqlDatabase::addDatabase("QSQLITE", "locks");
+        db.setDatabaseName(locked);
+        QVERIFY(db.open() && QSqlQuery(db).exec("BEGIN EXCLUSIVE"));
         const std::tuple<int, QStringList, QString> cases[] = {
             {1, {"--nonsense"}, "Unknown option"},
             {1, {"--speed", "0"}, "--speed 0"},
@@ -184,6 +193,18 @@ private slots:
             {1, {"--metrics", "65536"}, "--metrics 65536"},
             {1, {"--stall-limit", "-1"}, "--stall-limit -1"},
             {1, {"--link", "red:a", "--link", "blue:a"}, "--link blue:a"},
+            {1, {"--journal", ""}, "--journal: a name is expected"},
+            {1, {"--record", ""}, "--record: a name is expected"},
+            {1, {"--quotes", empty, "--quotes", ""}, "--quotes: a name is expected"},
+            {1, {"--quotes", empty, "--synthetic-quotes", "5"}, "--quotes and --synthetic-quotes"},
+            {1, {"--quotes", empty, "--seed", "5"}, "--quotes and --seed exclude"},
+            {1, {"--record", bad, "--journal", bad}, "--record " + bad + ": is the file of"},
+            {1, {"--no-default-plugins"}, "--no-default-plugins leaves no plugin folder"},
+            {2, {"--quotes", empty}, empty + ": has no row that can be played; its header"},
+            {2, {"--quotes", bad}, bad + ": has no row that can be played; line 2: 4 fields"},
+            {2, {"--journal", locked}, locked + ": is locked by another program"},
+            {2, {"--journal", bad}, bad + ": is no journal"},
+            {2, {"--no-default-plugins", "--plugins", dir.path()}, dir.path() + ": no plugin"},
             {2, {"--set", "a=9"}, "--set a: no plugin has this setting; there are orders.max-open"},
             {2, {"--set", "orders.max-open=0"}, "--set orders.max-open=0: a whole number from 1"},
             {2, {"--set", "linked=board#1"}, "--set linked: is set by the client itself"},
@@ -201,6 +222,24 @@ private slots:
                      qPrintable(arguments.join(' ') + " -> " + outcome.err));
             QCOMPARE(outcome.out, QString());
         }
+    }
+
+    void pluginFoldersAddUpAndWhatIsNoLibraryInThemIsPassedOver()
+    {
+        const Folder folder(STRANGER);
+        const QDir dir(folder.path());
+        QVERIFY(dir.mkdir("folder.so") && QFile::link("/nowhere", dir.filePath("broken.so"))
+                && QFile::link(folder.added(), dir.filePath("again.so")));
+        const QStringList all{"--no-default-plugins", "--plugins", folder.path(), "--plugins",
+                              LXCLIENT_PLUGINS};
+        const Outcome outcome = runBriefly(all);
+        VERIFY_CODE(outcome, 0);
+        QVERIFY(!outcome.captured("Plugin", "(stranger#1) ").isEmpty());
+        for (const char* const said : {"/broken.so: is a broken link to /nowhere; passed over",
+                                       "/folder.so: is a folder, not a library; passed over"})
+            QVERIFY2(outcome.err.contains("lxclient: " + dir.path() + said),
+                     qPrintable(outcome.err));
+        QVERIFY(!outcome.err.contains("again.so"));
     }
 
     void exactlyTheBoardsOfTheColourFollow()
