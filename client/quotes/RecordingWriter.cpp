@@ -2,8 +2,6 @@
 
 #include "QuoteText.h"
 
-#include <algorithm>
-
 using lxclient::Error;
 
 namespace {
@@ -39,13 +37,18 @@ Error RecordingWriter::flush()
     if (m_error)
         return m_error;
     const qint64 before = m_file.pos();
-    const qint64 taken = std::max<qint64>(m_file.write(m_buffer), 0);
-    if (taken < m_buffer.size())
-        fail();
-    const int whole = m_buffer.left(static_cast<int>(taken)).lastIndexOf('\n') + 1;
-    m_written += static_cast<quint64>(m_buffer.left(whole).count('\n'));
+    int taken = 0;
+    while (taken < m_buffer.size() && !m_error) {
+        const qint64 more = m_file.write(m_buffer.constData() + taken, m_buffer.size() - taken);
+        if (more > 0)
+            taken += static_cast<int>(more);
+        else
+            fail();
+    }
+    m_buffer.truncate(m_buffer.left(taken).lastIndexOf('\n') + 1);
+    m_written += static_cast<quint64>(m_buffer.count('\n'));
     if (m_error)
-        m_file.resize(before + whole);
+        m_file.resize(before + m_buffer.size());
     m_buffer.clear();
     return m_error;
 }

@@ -1,5 +1,6 @@
-// The journal's file: what it refuses, and that batches are whole.
-#include <JournalFile.h>
+// The journal's file: what it refuses, that batches are whole, and what becomes of executions that
+// it cannot take.
+#include <JournalKeeper.h>
 
 #include <QFile>
 #include <QSqlQuery>
@@ -19,6 +20,59 @@ JournalBatch batchOf(std::initializer_list<quint64> orderIds)
     }
     return batch;
 }
+
+JournalBatch batchOfMany(quint64 first, quint64 last)
+{
+    JournalBatch batch;
+    for (quint64 id = first; id <= last; ++id)
+        batch.add(batchOf({id}));
+    return batch;
+}
+
+QString openedBy(JournalFile&& journal, const QString& file)
+{
+    UnwrittenFile unwritten(file + ".unwritten");
+    quint64 taken = 0;
+    return journal.open(file, unwritten, taken).words();
+}
+QString openedBy(JournalFile& journal, const QString& file)
+{
+    return openedBy(std::move(journal), file);
+}
+
+// Where the executions of a session stand: "rows kept unwritten nowhere taken-in".
+QString standing(const JournalKeeper& keeper)
+{
+    const JournalKeeper::Standing s = keeper.standing();
+    return QString("%1 %2 %3 %4 %5")
+        .arg(s.rows)
+        .arg(s.kept)
+        .arg(s.unwritten)
+        .arg(s.nowhere)
+        .arg(s.taken_in);
+}
+
+// Another program with the same database.
+class Other
+{
+public:
+    explicit Other(const QString& file)
+        : m_db(QSqlDatabase::addDatabase("QSQLITE", "other " + file))
+    {
+        m_db.setDatabaseName(file);
+        if (!m_db.open())
+            qFatal("%s cannot be opened", qPrintable(file));
+    }
+
+    QString ask(const QString& statement)
+    {
+        QSqlQuery query(m_db);
+        return query.exec(statement) && query.next() ? query.value(0).toString() : QString();
+    }
+
+private:
+    QSqlDatabase m_db;
+};
 
 QByteArray contentOf(const QString& name)
 {
@@ -50,7 +104,7 @@ private slots:
                 QVERIFY(QSqlQuery(db).exec(statement));
             db.close();
             const QByteArray before = contentOf(file);
-            const QString error = JournalFile().open(file).words();
+            const QString error = openedBy(JournalFile(), file);
             QVERIFY2(error.startsWith(file + ": ") && error.contains(reason), qPrintable(error));
             QCOMPARE(contentOf(file), before);
         }
@@ -61,13 +115,105 @@ private slots:
         const QTemporaryDir dir;
         for (int session = 0; session < 2; ++session) {
             JournalFile journal;
-            QCOMPARE(journal.open(dir.filePath("trades.db")).words(), QString());
+            quint64 rows = 0;
+            QCOMPARE(openedBy(journal, dir.filePath("trades.db")), QString());
             QCOMPARE(journal.write(batchOf({1, 2})).words(), QString());
             QVERIFY(journal.write(batchOf({3, 2})).words().contains("trades.db: ")); // 2 is there
-            QCOMPARE(journal.countExecutions(), quint64(2));
+            QVERIFY(!journal.countExecutions(rows));
+            QCOMPARE(rows, quint64(2));
             QCOMPARE(journal.write(batchOf({3})).words(), QString());
-            QCOMPARE(journal.countExecutions(), quint64(3));
+            QVERIFY(!journal.countExecutions(rows));
+            QCOMPARE(rows, quint64(3));
         }
+    }
+
+    void whatIsKeptComesIntoTheJournalInOrderAndOnce()
+    {
+        const QTemporaryDir dir;
+        const QString file = dir.filePath("trades.db");
+        const QString aside = file + ".unwritten";
+        const quint64 limit = JournalKeeper::KeptLimit;
+        Other other(file);
+        {
+            JournalKeeper keeper(file);
+            QVERIFY(!keeper.open());
+            QVERIFY(!keeper.write(batchOf({1})));
+            other.ask("BEGIN EXCLUSIVE");
+            QCOMPARE(keeper.write(batchOf({2})).words(), file + ": is locked by another program");
+            QCOMPARE(standing(keeper), QString("1 1 0 0 0"));
+            other.ask("COMMIT");
+            QVERIFY(!keeper.write({}));
+            QCOMPARE(standing(keeper), QString("2 0 0 0 0"));
+
+            other.ask("BEGIN EXCLUSIVE");
+            QVERIFY(keeper.write(batchOfMany(3, limit + 2)));
+            QCOMPARE(standing(keeper), QString("2 %1 0 0 0").arg(limit));
+            QVERIFY(keeper.write(batchOf({limit + 3})));
+            QCOMPARE(standing(keeper), QString("2 0 %1 0 0").arg(limit + 1));
+            QVERIFY(keeper.write(batchOf({limit + 4})));
+            other.ask("COMMIT");
+            QVERIFY(!keeper.write(batchOf({limit + 5})));
+            QCOMPARE(standing(keeper), QString("%1 0 0 0 0").arg(limit + 5));
+            QVERIFY(!QFile::exists(aside));
+
+            other.ask("BEGIN EXCLUSIVE");
+            QVERIFY(keeper.finish(batchOf({limit + 6})));
+            QCOMPARE(standing(keeper), QString("%1 0 1 0 0").arg(limit + 5));
+            other.ask("COMMIT");
+        }
+        const QByteArray left = contentOf(aside);
+        QCOMPARE(left.count('\n'), 1);
+        for (int round : {0, 1}) { // the second as after a crash before the file was removed
+            QFile again(aside);
+            QVERIFY(again.open(QIODevice::WriteOnly) && again.write(left) == left.size());
+            again.close();
+            JournalKeeper next(file);
+            QVERIFY(!next.open());
+            QCOMPARE(next.standing().taken_in, quint64(round == 0 ? 1 : 0));
+            QVERIFY(!QFile::exists(aside));
+        }
+        QStringList orders;
+        for (quint64 id = 1; id <= limit + 6; ++id)
+            orders.append(QString::number(id));
+        QCOMPARE(other.ask("SELECT group_concat(order_id) FROM (SELECT order_id FROM executions "
+                           "WHERE session = 1 ORDER BY id)"),
+                 orders.join(','));
+    }
+
+    void whatCannotBeTakenInStaysWhereItIs()
+    {
+        const QByteArray cases[][2] = {
+            {R"(["executions","2020-01-01T00:00:00.000Z","1","t","1","A","1","1","x"])",
+             "trades.db: has no session 1 of 2020"}, // another journal's
+            {R"(["executions","2020-01-01T00:00:00.000Z","1","t","1",)", ".unwritten:1: is no row"},
+            {R"(["executions","2020-01-01T00:00:00.000Z","1","t","x","A","1","1","x"])",
+             ".unwritten:1: is no row"},
+        };
+        for (const auto& [line, said] : cases) {
+            const QTemporaryDir dir;
+            const QString file = dir.filePath("trades.db");
+            QFile aside(file + ".unwritten");
+            QVERIFY(aside.open(QIODevice::WriteOnly) && aside.write(line) == line.size());
+            aside.close();
+            const QString error = openedBy(JournalFile(), file);
+            QVERIFY2(error.contains(said), qPrintable(error));
+            QCOMPARE(contentOf(aside.fileName()), line);
+        }
+    }
+
+    // With nothing that can be written at all, what was kept is printed.
+    void whatCanBeWrittenNowhereIsCountedAsSuch()
+    {
+        const QTemporaryDir dir;
+        const QString file = dir.filePath("trades.db");
+        JournalKeeper keeper(file);
+        QVERIFY(!keeper.open());
+        QVERIFY(QDir(dir.path()).mkdir("trades.db.unwritten"));
+        Other other(file);
+        other.ask("BEGIN EXCLUSIVE");
+        const QString error = keeper.finish(batchOf({1, 2})).words();
+        QVERIFY2(error.contains("trades.db.unwritten: cannot be written: "), qPrintable(error));
+        QCOMPARE(standing(keeper), QString("0 0 0 2 0"));
     }
 };
 

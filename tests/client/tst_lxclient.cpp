@@ -40,7 +40,10 @@ struct Outcome
 class Client : public QProcess
 {
 public:
-    explicit Client(const QStringList& arguments) { start(LXCLIENT, arguments); }
+    explicit Client(const QStringList& arguments)
+        : Client(LXCLIENT, arguments)
+    { }
+    Client(const QString& program, const QStringList& arguments) { start(program, arguments); }
 
     // The first capture of what the client has said on stderr so far; null: it has not said that.
     QString said(const QString& expression)
@@ -212,6 +215,7 @@ private slots:
             {2, {"--quotes", LXCLIENT}, LXCLIENT ": is no recording"},
             {2, {"--plugins", "/nowhere"}, "/nowhere: "},
             {2, {"--journal", "/nowhere/t.db"}, "/nowhere/t.db: "},
+            {2, {"--record", "/dev/full"}, "/dev/full: cannot be written: No space left"},
             {2, {"--record", "/nowhere/t.csv"}, "/nowhere/t.csv: "},
             {2, {"--link", "red:board#1,board#9"}, "--link: there is no plugin board#9"},
         };
@@ -308,6 +312,80 @@ private slots:
         VERIFY_CODE(outcome, 0);
         QCOMPARE(rows() - before, outcome.count("orders"));
         QCOMPARE(torn(), QString("0"));
+    }
+
+    void aLockedJournalIsSaidAtOnceAndFilledLater()
+    {
+        const QTemporaryDir dir;
+        const QString file = dir.filePath("trades.db");
+        auto db = QSqlDatabase::addDatabase("QSQLITE", "locker");
+        db.setDatabaseName(file);
+        const auto rows = [&] {
+            QSqlQuery query(db);
+            const bool answered =
+                db.open() && query.exec("SELECT count(*) FROM executions") && query.next();
+            return answered ? query.value(0).toInt() : 0;
+        };
+        Client client({"--speed", "5000", "--journal", file});
+        QTRY_VERIFY_WITH_TIMEOUT(rows() > 0, DeadlineMs);
+        QVERIFY(QSqlQuery(db).exec("PRAGMA busy_timeout = 60000"));
+        QVERIFY(QSqlQuery(db).exec("BEGIN EXCLUSIVE"));
+        const QString said = "lxclient.journal: (\\S+): is locked by another program";
+        QTRY_COMPARE_WITH_TIMEOUT(client.said(said), file, DeadlineMs);
+        client.interrupt();
+        const Outcome outcome = client.outcome();
+        VERIFY_CODE(outcome, 3);
+        QVERIFY(QSqlQuery(db).exec("COMMIT"));
+        const int left = outcome
+                             .captured("Ledger",
+                                       "FAULT  journal: \\d+ of \\d+ executions are not "
+                                       "in the journal, (\\d+) of them in ")
+                             .toInt();
+        QVERIFY(left > 0);
+        QCOMPARE(rows() + left, outcome.count("orders"));
+
+        const Outcome next = runBriefly({"--journal", file});
+        VERIFY_CODE(next, 0);
+        QCOMPARE(next.captured("Plugin", "journal .*of earlier sessions: (\\d+)").toInt(), left);
+        QCOMPARE(rows(), outcome.count("orders") + next.count("orders"));
+    }
+
+    void aFullDiskCostsNoExecutionAndTheRecordingEndsWithAWholeRow()
+    {
+        const QTemporaryDir dir;
+        const QString journal = dir.filePath("trades.db");
+        const QString recording = dir.filePath("day.csv");
+        // no file may have more than 30 KiB: for what is written a disk that is full
+        Client client("/bin/sh",
+                      {"-c", "ulimit -f 60; exec \"$@\"", "sh", LXCLIENT, "--speed", "max",
+                       "--synthetic-quotes", "200000", "--stall-limit", "0", "--journal", journal,
+                       "--record", recording});
+        const Outcome full = client.outcome();
+        VERIFY_CODE(full, 3);
+        QVERIFY2(
+            full.err.contains(recording + ": cannot be written: File too large; the recording "),
+            qPrintable(full.err));
+        QVERIFY2(full.err.contains("lxclient.journal: " + journal + ": "), qPrintable(full.err));
+        const Outcome replayed = run({"--quotes", recording, "--stall-limit", "0"});
+        VERIFY_CODE(replayed, 0);
+        QVERIFY(replayed.out.contains(
+            QRegularExpression("^(\\S+) quotes recorded in", QRegularExpression::MultilineOption)
+                .match(full.out)
+                .captured(1)
+            + " quotes in "));
+        QCOMPARE(replayed.err, QString());
+
+        const Outcome next = runBriefly({"--journal", journal});
+        VERIFY_CODE(next, 0);
+        auto db = QSqlDatabase::addDatabase("QSQLITE", "full");
+        db.setDatabaseName(journal);
+        QVERIFY(db.open());
+        QSqlQuery query(db);
+        QVERIFY(query.exec("SELECT count(*), count(DISTINCT order_id) FROM executions "
+                           "WHERE session = 1")
+                && query.next());
+        QCOMPARE(query.value(0).toInt(), full.count("orders"));
+        QCOMPARE(query.value(1).toInt(), full.count("orders"));
     }
 
     void aPluginUnknownToTheHostIsLedThroughItsLifeAndReported()

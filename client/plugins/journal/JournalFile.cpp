@@ -35,15 +35,15 @@ constexpr int WritingPatienceMs = 500;
 // very same row is there.
 const char* const insertion[] = {
     "INSERT INTO executions (session, trace_id, order_id, symbol, quantity, price, quoted)"
-    " VALUES (?1, ?2, ?3, ?4, ?5, ?6, ?7)",
+    " VALUES (?, ?, ?, ?, ?, ?, ?)",
     "INSERT OR REPLACE INTO positions (session, symbol, quantity, trace_id) VALUES (?1, ?2, ?3, "
     "?4)",
 };
 const char* const insertionOnce[] = {
     "INSERT INTO executions (session, trace_id, order_id, symbol, quantity, price, quoted)"
-    " SELECT ?1, ?2, ?3, ?4, ?5, ?6, ?7 WHERE NOT EXISTS (SELECT 1 FROM executions WHERE"
-    " session = ?1 AND trace_id = ?2 AND order_id = ?3 AND symbol = ?4 AND quantity = ?5"
-    " AND price = ?6 AND quoted = ?7)",
+    " SELECT ?, ?, ?, ?, ?, ?, ? WHERE NOT EXISTS (SELECT 1 FROM executions WHERE"
+    " session = ? AND trace_id = ? AND order_id = ? AND symbol = ? AND quantity = ?"
+    " AND price = ? AND quoted = ?)",
     insertion[JournalRow::Positions],
 };
 
@@ -68,10 +68,14 @@ Error run(QSqlQuery& query)
     return query.exec() ? Error() : errorOf(query.lastError());
 }
 
+// Binds the values, all of them again where the statement has places for that, and runs it.
 Error insertRow(QSqlQuery& query, const JournalRow& row)
 {
-    for (const QString& value : row.values)
+    const int places = query.lastQuery().count(QLatin1Char('?'));
+    for (int i = 0; i < places; ++i) {
+        const QString& value = row.values[i % row.values.size()];
         query.addBindValue(value.isNull() ? QString(QLatin1String("")) : value); // not NULL
+    }
     return run(query);
 }
 

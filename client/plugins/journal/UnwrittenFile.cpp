@@ -95,6 +95,19 @@ bool openLocked(QFile& file, QIODevice::OpenMode mode)
     return false;
 }
 
+// A disk that is full, or almost, takes a part; only then it says why not the rest.
+bool writeAll(QFile& file, const QByteArray& bytes)
+{
+    qint64 written = 0;
+    while (written < bytes.size()) {
+        const qint64 more = file.write(bytes.constData() + written, bytes.size() - written);
+        if (more <= 0)
+            return false;
+        written += more;
+    }
+    return true;
+}
+
 // So that a file that is new is found again after a power failure.
 void syncFolderOf(const QString& fileName)
 {
@@ -127,7 +140,7 @@ Error UnwrittenFile::append(const QVector<JournalRow>& rows)
     for (const JournalRow& row : rows)
         bytes += lineOf(row);
     QString reason;
-    if (!file.seek(size) || file.write(bytes) != bytes.size())
+    if (!file.seek(size) || !writeAll(file, bytes))
         reason = file.errorString();
     else if (::fsync(file.handle()) != 0)
         reason = qt_error_string(errno);
