@@ -2,6 +2,7 @@
 
 #include "ProgressLine.h"
 
+#include <lxbase/BusMonitor.h>
 #include <lxbase/MessageInterface.h>
 #include <lxclient/Protocol.h>
 
@@ -185,13 +186,35 @@ void PluginHost::shutDown(const std::function<void(const QString& id)>& next)
             instance->plugin->shutDown();
         }
     }
+    unregisterForgotten();
 }
 
+// Their workers would call into objects and libraries that go away.
+void PluginHost::unregisterForgotten()
+{
+    const QVector<InboxStatistics> inboxes = CBusMonitor::statistics().inboxes;
+    for (const InboxStatistics& inbox : inboxes) {
+        if (inbox.plugin.isEmpty() || m_forgotten.contains(inbox.plugin))
+            continue;
+        m_forgotten.append(inbox.plugin);
+        CRegManager::UnReg(inbox.plugin);
+    }
+}
+
+// An ID that is none of the host's was registered by one of the plugins beside its own.
 QVector<NamedReport> PluginHost::reports() const
 {
     QVector<NamedReport> reports;
     for (const Instance& instance : m_instances)
         reports.append({instance.id, instance.plugin->report()});
+    for (const QString& id : m_forgotten) {
+        auto named = std::find_if(reports.begin(), reports.end(),
+                                  [&](const NamedReport& report) { return report.id == id; });
+        if (named == reports.end())
+            named = reports.insert(reports.end(), {id, lxclient::Report()});
+        named->report.faults.append(QStringLiteral(
+            "was still registered on the bus after shutDown, which has to end with UnReg"));
+    }
     return reports;
 }
 

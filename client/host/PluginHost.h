@@ -61,12 +61,15 @@ public:
     void stopInputs();
     bool inputsEnded() const;
 
-    // Says before each plugin's shutDown, which waits for its handlers, whose it is.
+    // Says before each plugin's shutDown, which waits for its handlers, whose it is. Who is still
+    // registered on the bus afterwards is unregistered, and reported with that as a fault.
     void shutDown(const std::function<void(const QString& id)>& next);
 
     QVector<NamedReport> reports() const;
 
 private:
+    void unregisterForgotten();
+
     struct Library;
     struct Instance
     {
@@ -86,6 +89,7 @@ private:
 
     QStringList m_folders;
     std::vector<Library> m_libraries;  // sorted by ID; unchanged once there are instances
+    QStringList m_forgotten;           // IDs whose plugins did not unregister
     std::vector<Instance> m_instances; // destroyed before the libraries are unloaded
 };
 

@@ -410,6 +410,11 @@ private slots:
         VERIFY_CODE(faulty, 3);
         QVERIFY(faulty.out.contains("FAULT  stranger#1: told to be faulty"));
         QVERIFY(faulty.out.contains("The bus lost nothing."));
+        const Outcome forgetful =
+            runBriefly({"--plugins", folder.path(), "--set", "forget=stranger#1"});
+        VERIFY_CODE(forgetful, 3);
+        QVERIFY(forgetful.out.contains("FAULT  stranger#1: was still registered"));
+        QVERIFY(forgetful.out.contains("FAULT  window of stranger#1: was still registered"));
     }
 
     void whoHoldsUpTheEndIsNamed()
