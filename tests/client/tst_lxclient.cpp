@@ -246,6 +246,24 @@ private slots:
         QVERIFY(!outcome.err.contains("again.so"));
     }
 
+    void theManualHasTheOptionsOfHelp()
+    {
+        const auto options = [](const QString& text, const QString& line) {
+            QStringList found;
+            const QRegularExpression expression(line, QRegularExpression::MultilineOption);
+            for (auto match = expression.globalMatch(text); match.hasNext();)
+                found.append(match.next().captured(1));
+            found.sort();
+            return found;
+        };
+        QFile manual(LXCLIENT_MANUAL);
+        QVERIFY(manual.open(QIODevice::ReadOnly));
+        const QString text = QString::fromUtf8(manual.readAll()).remove('\\');
+        const QStringList help = options(run({"--help"}).out, "^  (?:-\\w, )?--([\\w-]+)");
+        QVERIFY(help.contains("journal"));
+        QCOMPARE(options(text, "^\\.TP\\n\\.BI?R? (?:-\\w \", \" )?--([\\w-]+)"), help);
+    }
+
     void exactlyTheBoardsOfTheColourFollow()
     {
         const Outcome outcome = runBriefly(
