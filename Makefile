@@ -59,7 +59,7 @@ bench: deps ## measure, next to what a user would pick instead; writes bench/res
 	@$(INSTALL) cppzmq-dev libbenchmark-dev libconcurrentqueue-dev libzmq3-dev
 	$(CONFIGURE) bench
 	cmake --build --preset bench
-	bench/run.py build/bench
+	bench/run.py build/bench $(if $(AGAINST),--against $(AGAINST))
 
 package-build: deps
 	$(CONFIGURE) package

@@ -51,6 +51,7 @@ PLAN = [
     ("costs", "park", ".", False),
     ("costs", "poll", "drain|log", False),
     ("memory", "park", ".", True),
+    ("monitor", "park", ".", False),
     ("pool", "park", ".", False),
 ]
 QUICK_PLAN = [
@@ -58,8 +59,18 @@ QUICK_PLAN = [
     ("latency", "park", "latency_500_", False),
     ("costs", "park", ".", False),
     ("memory", "park", "/double", True),
+    ("monitor", "park", ".", False),
     ("pool", "park", ".", False),
 ]
+# What counting costs is a matter of a few per cent, far less than a benchmark shakes from one run to
+# the next: many short runs, every level in turn.
+LEVELS = ["off", "counts", "sampled"]
+LEVEL_RUNS = 15
+LEVEL_PLAN = [
+    ("throughput", "^direct_1to1/bus/double", ["against", *LEVELS]),
+    ("latency", "^latency_500_0idle/bus", ["against", "off", "sampled"]),
+]
+LEVEL_MIN_TIME = 0.12  # seconds
 PROGRAM_TIMEOUT_S = 1800
 DELIVERIES_PER_BATCH = 64000  # as in throughput.cpp
 
@@ -71,7 +82,7 @@ class Results:
         self.context = {}
         self._rounds = {}
 
-    def add(self, policy, report):
+    def add(self, policy, report, prefix=""):
         self.context.update(report["context"])
         for run in report["benchmarks"]:
             # "/real_time", "/iterations:1" and the like say how it was measured, not what
@@ -80,7 +91,7 @@ class Results:
                 sys.exit(f"{name}: {run['error_message']}")
             for counter, value in run.items():
                 if isinstance(value, (int, float)):
-                    self._rounds.setdefault((policy, name, counter), []).append(value)
+                    self._rounds.setdefault((policy, prefix + name, counter), []).append(value)
 
     def rounds(self, name, counter="items_per_second", policy="park"):
         return self._rounds.get((policy, name, counter), [])
@@ -159,9 +170,34 @@ def targets(results):
          results.slowdown("put_round_1000/bus", "put_round_10/bus"), 1.3, False, times),
         ("put with 100,000 types against 10",
          results.slowdown("put_types_100000/bus", "put_types_10/bus"), 3, False, times),
+        *level_rows(results),
         ("pool: take and give back, one thread",
          results.median("pool_1threads/bus", "real_time"), pool_limit, False, "{:.0f} ns".format),
     ]
+    return rows
+
+
+def level_rows(results):
+    """What the levels of the statistics cost, for the table of targets. They are compared with an
+    earlier build if one was given, else with the level off."""
+    one = "direct_1to1/bus/double"
+    base = "against" if results.rounds(f"against/{one}") else "off"
+    title = "an earlier build" if base == "against" else "level off"
+    rows = []
+    for level, least in zip(LEVELS, (0.99, 0.97, 0.95)):
+        if level != base:
+            rows.append((f"level {level}: direct, 1 to 1, double, against {title}",
+                         results.ratio(f"{level}/{one}", f"{base}/{one}"), least, True, times))
+    rows.append((f"level sampled: latency at 500/s, p50, against {title}",
+                 results.ratio("sampled/latency_500_0idle/bus", f"{base}/latency_500_0idle/bus",
+                               "p50_us"), 1.05, False, times))
+    rows.append(("snapshot of 150 workers", results.median("snapshot_150/bus", "real_time"), 1,
+                 False, "{:.2f} ms".format))
+    bare = results.median("memory_per_inbox_off/bus", "bytes")
+    sampled = results.median("memory_per_inbox_sampled/bus", "bytes")
+    rows.append(("level sampled: memory per inbox above level off",
+                 None if bare is None or sampled is None else sampled - bare, 6144, False,
+                 "{:.0f} B".format))
     return rows
 
 
@@ -184,9 +220,9 @@ def cpu_ns_per_message(results, name):
     return "" if milliseconds is None else f"{milliseconds * 1e6 / DELIVERIES_PER_BATCH:.0f}"
 
 
-def target_table(results):
+def target_table(measured):
     rows = []
-    for measure, value, limit, least, form in targets(results):
+    for measure, value, limit, least, form in measured:
         verdict = ""
         if value is not None:
             verdict = "met" if (value >= limit if least else value <= limit) else "**missed**"
@@ -313,7 +349,7 @@ each benchmark
 
 ## Targets
 
-{target_table(results)}
+{target_table(targets(results))}
 ## Throughput, put to handler
 
 {throughput_tables(results)}
@@ -339,6 +375,24 @@ def run_program(program, arguments):
     return json.loads(done.stdout)
 
 
+def run_levels(programs, against, runs, results):
+    """Runs what LEVEL_PLAN names at each level, and from the programs of an earlier build if there
+    are some; that build's programs may not know the option."""
+    folders = {level: (programs, [f"--level={level}"]) for level in LEVELS}
+    if against:
+        folders["against"] = (against, [])
+    for k in range(runs):
+        print(f"levels, run {k + 1} of {runs}", file=sys.stderr, flush=True)
+        for program, pattern, variants in LEVEL_PLAN:
+            for variant in variants if k % 2 == 0 else reversed(variants):
+                if variant not in folders:
+                    continue
+                folder, options = folders[variant]
+                report = run_program(folder / f"lxbench_{program}", options + [
+                    f"--benchmark_filter={pattern}", f"--benchmark_min_time={LEVEL_MIN_TIME}"])
+                results.add("park", report, f"{variant}/")
+
+
 def run_step(step, programs, min_time, results):
     name, policy, pattern, alone = step
     program = programs / f"lxbench_{name}"
@@ -357,6 +411,12 @@ def main():
     parser = argparse.ArgumentParser(description=__doc__.split("\n\n")[0])
     parser.add_argument("build", type=pathlib.Path,
                         help="build folder, configured with -DLXBASE_BUILD_BENCH=ON")
+    parser.add_argument("--against", type=pathlib.Path, metavar="BUILD",
+                        help="build folder of an earlier state, to compare the levels of the "
+                        "statistics with")
+    parser.add_argument("--levels-only", action="store_true",
+                        help="measure the levels of the statistics only; writes no file unless "
+                        "--out names one")
     parser.add_argument("--rounds", type=int, default=5)
     parser.add_argument("--min-time", type=float, default=0.3, help="seconds per benchmark")
     parser.add_argument("--quick", action="store_true",
@@ -369,16 +429,24 @@ def main():
     rounds = 1 if options.quick else options.rounds
     min_time = 0.05 if options.quick else options.min_time
     plan = QUICK_PLAN if options.quick else PLAN
+    if options.levels_only:
+        plan = [step for step in plan if step[0] == "monitor"]
 
     results = Results()
+    run_levels(options.build / "bench", options.against and options.against / "bench",
+               1 if options.quick else LEVEL_RUNS, results)
     for k in range(rounds):
         for step in plan if k % 2 == 0 else reversed(plan):
             print(f"round {k + 1} of {rounds}: {step[0]}, {step[1]}", file=sys.stderr, flush=True)
             run_step(step, options.build / "bench", min_time, results)
 
-    text = report(results, rounds, min_time, here)
+    if options.levels_only:
+        text = target_table(level_rows(results))
+    else:
+        text = report(results, rounds, min_time, here)
     print(text)
-    out = options.out or (None if options.quick else here / "results.md")
+    shows_all = not (options.quick or options.levels_only)
+    out = options.out or (here / "results.md" if shows_all else None)
     if out:
         out.write_text(text)
         print(f"written to {out}", file=sys.stderr)

@@ -5,6 +5,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <lxbase/BusMonitor.h>
 #include <lxbase/MessageCenter.h>
 
 #include <QCoreApplication>
@@ -14,34 +15,66 @@
 #include <tbb/version.h>
 #include <zmq.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 #include <string>
 #include <thread>
+#include <utility>
+#include <vector>
 
 namespace bench {
 
 namespace {
 
-// Takes the value of --idle out of the arguments. False: it is neither poll nor park.
-bool takeIdlePolicy(int& argc, char** argv, CMessageCenter::IdlePolicy& policy)
+// An option of the program with the values that it takes.
+template<class Value>
+struct Choice
 {
+    const char* option;
+    std::vector<std::pair<const char*, Value>> values;
+};
+
+// Takes `choice` out of the arguments; the first value is the one that holds without it. Ends the
+// program if it is given with a value that there is not.
+template<class Value>
+Value take(int& argc, char** argv, const Choice<Value>& choice)
+{
+    Value taken = choice.values.front().second;
+    const std::string prefix = std::string(choice.option) + '=';
     int kept = 1;
     for (int k = 1; k < argc; ++k) {
-        if (std::strcmp(argv[k], "--idle=poll") == 0)
-            policy = CMessageCenter::IdlePolicy::Poll;
-        else if (std::strcmp(argv[k], "--idle=park") == 0)
-            policy = CMessageCenter::IdlePolicy::Park;
-        else if (std::strncmp(argv[k], "--idle", 6) == 0)
-            return false;
-        else
+        const std::string argument = argv[k];
+        if (argument != choice.option && argument.rfind(prefix, 0) != 0) {
             argv[kept++] = argv[k];
+            continue;
+        }
+        const auto found =
+            std::find_if(choice.values.begin(), choice.values.end(),
+                         [&](const auto& value) { return argument == prefix + value.first; });
+        if (found == choice.values.end()) {
+            std::fprintf(stderr, "%s: %s takes one of:", argv[0], choice.option);
+            for (const auto& value : choice.values)
+                std::fprintf(stderr, " %s", value.first);
+            std::fprintf(stderr, "\n");
+            std::exit(EXIT_FAILURE);
+        }
+        taken = found->second;
     }
     argc = kept;
-    return true;
+    return taken;
 }
+
+const Choice<CMessageCenter::IdlePolicy> idleChoice{
+    "--idle",
+    {{"park", CMessageCenter::IdlePolicy::Park}, {"poll", CMessageCenter::IdlePolicy::Poll}}};
+
+const Choice<StatisticsLevel> levelChoice{"--level",
+                                          {{"counts", StatisticsLevel::Counts},
+                                           {"off", StatisticsLevel::Off},
+                                           {"sampled", StatisticsLevel::Sampled},
+                                           {"full", StatisticsLevel::Full}}};
 
 // What a result depends on, for the report.
 void addVersions()
@@ -69,11 +102,8 @@ void fail(const char* what)
 
 int run(int argc, char** argv, void (*registerBenchmarks)())
 {
-    auto policy = CMessageCenter::IdlePolicy::Park;
-    if (!takeIdlePolicy(argc, argv, policy)) {
-        std::fprintf(stderr, "%s: --idle takes poll or park, e.g. --idle=park\n", argv[0]);
-        return EXIT_FAILURE;
-    }
+    const auto policy = take(argc, argv, idleChoice);
+    CBusMonitor::setLevel(take(argc, argv, levelChoice));
     const QCoreApplication application(argc, argv);
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     setBusDebug(false);

@@ -3,6 +3,7 @@
 #ifndef LXBASE_CALLGATE_H
 #define LXBASE_CALLGATE_H
 
+#include <lxbase/CacheLine.h>
 #include <lxbase/ThreadLocal.h>
 
 #include <QDeadlineTimer>
@@ -24,7 +25,7 @@ namespace lxbase::detail {
 // Passing counts an entry of the present era, and leaving an exit of the era of the entry. To begin
 // a new era reads and resets the entries in one step, so the calls to wait for are the entries of
 // the old era that have no exit yet: however many come later, they delay nothing.
-class CallGate
+class alignas(CacheLine) CallGate
 {
     enum Era : unsigned { Open, Closed, Sealed, EraCount };
 

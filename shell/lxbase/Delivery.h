@@ -92,10 +92,10 @@ public:
     template<class Record>
     void report(Record& record, PutPath path, const LogPlace& place) const
     {
-        if (m_failure)
-            logFailure(record, place);
-        if (m_losses.empty() && (m_directed || m_delivered))
+        if (!m_trouble && (m_directed || m_delivered))
             return;
+        if (m_trouble && m_trouble->failure)
+            logFailure(record, place);
         LostItem lost;
         lost.path = path;
         lost.source = m_item ? m_item->src_id : m_src_id;
@@ -103,11 +103,12 @@ public:
             lost.source = record.GetSrcid();
         lost.type = record.GetType();
         lost.traceId = traceIdOf(record);
-        if (m_losses.empty()) {
+        if (!m_trouble) {
             lost.reason = LostReason::NoSubscriber;
             LostItems::instance().note(lost);
+            return;
         }
-        for (const Loss& loss : m_losses) {
+        for (const Loss& loss : m_trouble->losses) {
             lost.reason = loss.reason;
             lost.destination = loss.id;
             LostItems::instance().note(lost);
@@ -122,6 +123,20 @@ private:
         LostReason reason;
         QString id; // of who went without
     };
+
+    // What a put has that did not reach everybody.
+    struct Trouble
+    {
+        std::vector<Loss> losses;
+        std::exception_ptr failure; // of a copy, the first
+    };
+
+    void lose(LostReason reason, const QString& id)
+    {
+        if (!m_trouble)
+            m_trouble = std::make_unique<Trouble>();
+        m_trouble->losses.push_back({reason, id});
+    }
 
     // False: the ID is not registered. A record without that inbox gets nothing. The registry's
     // mutex is held until the item is in the inbox, so that the receiver cannot be released in
@@ -139,27 +154,27 @@ private:
         const QMutexLocker locker(&m_registry_mutex);
         const auto record = m_registry.constFind(id);
         if (record == m_registry.constEnd()) {
-            m_losses.push_back({ifMissing, id});
+            lose(ifMissing, id);
             return false;
         }
         const Inbox<Item*> inbox = m_inbox_of(**record);
         if (!inbox) {
-            m_losses.push_back({ifNoInbox, id});
+            lose(ifNoInbox, id);
             return true;
         }
         try {
             if (!failure) {
                 inbox.append(m_item.get());
                 static_cast<void>(m_item.release()); // the inbox has it
-                ++m_delivered;
+                m_delivered = true;
                 return true;
             }
         } catch (...) { // no memory for the inbox to grow
             failure = std::current_exception();
         }
-        m_losses.push_back({LostReason::NotCopied, id});
-        if (!m_failure)
-            m_failure = failure;
+        lose(LostReason::NotCopied, id);
+        if (!m_trouble->failure)
+            m_trouble->failure = failure;
         return true;
     }
 
@@ -169,7 +184,7 @@ private:
         if (!lcLxbase().isCriticalEnabled())
             return;
         QStringList ids;
-        for (const Loss& loss : m_losses) {
+        for (const Loss& loss : m_trouble->losses) {
             if (loss.reason == LostReason::NotCopied)
                 ids.append(loss.id);
         }
@@ -178,7 +193,7 @@ private:
                                       << ", exception:" << exception;
         };
         try {
-            std::rethrow_exception(m_failure);
+            std::rethrow_exception(m_trouble->failure);
         } catch (const std::exception& e) {
             log(e.what());
         } catch (...) {
@@ -194,9 +209,8 @@ private:
     const MakeItem m_make_item;
     std::unique_ptr<Item> m_item; // made for somebody who could not take it: the next one's
     bool m_directed = false;
-    int m_delivered = 0;
-    std::vector<Loss> m_losses;
-    std::exception_ptr m_failure; // of a copy
+    bool m_delivered = false;
+    std::unique_ptr<Trouble> m_trouble;
 };
 
 } // namespace lxbase::detail

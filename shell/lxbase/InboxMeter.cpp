@@ -62,6 +62,7 @@ void InboxMeter::readTimes(InboxStatistics& statistics) const
 void InboxMeter::finishBatch(int dropped)
 {
     m_timed = false;
+    recordWait();
     const int handled = m_batch_size - m_batch_counted - dropped;
     m_calls_to_timed -= handled;
     increase(m_handled, static_cast<quint64>(handled));
@@ -98,6 +99,7 @@ bool InboxMeter::copyInHand(QString& sender, QVariant& type)
 // many calls as take some microseconds, or when a call is to be timed, or the probe's turn comes.
 void InboxMeter::readClock(int index)
 {
+    recordWait();
     const qint64 now = monotonicNs();
     if (m_read_ns) {
         const int calls = std::max(index - m_batch_counted, 1);
@@ -112,7 +114,7 @@ void InboxMeter::readClock(int index)
     m_read_ns = now;
     m_busy_since_ns.store(now, std::memory_order_relaxed);
     if (index == m_batch_probe.index)
-        recordTo(m_wait_time, m_wait_time_owner, now - m_batch_probe.putNs);
+        m_batch_probe.waitedNs = now - m_batch_probe.putNs;
 
     int next = m_calls_per_reading;
     m_timed = m_batch_level == StatisticsLevel::Full;
@@ -128,6 +130,13 @@ void InboxMeter::readClock(int index)
     if (m_batch_probe.index > index)
         next = std::min(next, m_batch_probe.index - index);
     m_calls_to_reading = next - 1;
+}
+
+// Only when the handler has been called, which would otherwise wait for it.
+void InboxMeter::recordWait()
+{
+    if (m_batch_probe.waitedNs >= 0)
+        recordTo(m_wait_time, m_wait_time_owner, std::exchange(m_batch_probe.waitedNs, -1));
 }
 
 void InboxMeter::recordHandlerTime()

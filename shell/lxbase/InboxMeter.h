@@ -4,25 +4,21 @@
 #define LXBASE_INBOXMETER_H
 
 #include <lxbase/BusMonitor.h>
+#include <lxbase/CacheLine.h>
 #include <lxbase/DurationRecorder.h>
 
 #include <atomic>
-#include <cstddef>
 #include <memory>
 
 namespace lxbase::detail {
 
-// What one thread writes for each message and another reads for each message lies on cache lines
-// apart.
-constexpr std::size_t CacheLine = 64; // bytes, or a divisor of what the processor has
-
 // Read by everybody who counts; set by CBusMonitor.
-struct MonitorSwitches
+struct alignas(CacheLine) MonitorSwitches
 {
     std::atomic<StatisticsLevel> level{StatisticsLevel::Counts};
     std::atomic<bool> watchesHandlers{false};
 };
-alignas(CacheLine) inline MonitorSwitches monitorSwitches;
+inline MonitorSwitches monitorSwitches;
 
 // Nanoseconds of a clock that only goes forward.
 qint64 monotonicNs();
@@ -43,6 +39,7 @@ public:
     {
         int index = -1; // in the inbox, and then in the batch; negative: there is none
         qint64 putNs = 0;
+        qint64 waitedNs = -1; // negative: not known yet, or recorded
     };
 
     // An item that a handler has, for whoever watches; lies on the worker's stack.
@@ -59,7 +56,7 @@ public:
     {
         if (monitorSwitches.level.load(std::memory_order_relaxed) >= StatisticsLevel::Sampled
             && m_probe.index < 0)
-            m_probe = {index, monotonicNs()};
+            m_probe = {index, monotonicNs(), -1};
     }
 
     // The draining thread has taken all `count` elements; `giveBack` returns the last ones.
@@ -117,6 +114,7 @@ private:
     }
 
     void readClock(int index);
+    void recordWait();
     void recordHandlerTime();
     void recordTo(std::atomic<DurationRecorder*>& recorder,
                   std::unique_ptr<DurationRecorder>& owner, qint64 duration);
