@@ -1,18 +1,19 @@
 // The journal's file: what it refuses, that batches are whole, and what becomes of executions that
 // it cannot take.
+#include "Database.h"
+
 #include <JournalKeeper.h>
 
 #include <QFile>
-#include <QSqlQuery>
 #include <QTemporaryDir>
 #include <QtTest>
 
 namespace {
 
-JournalBatch batchOf(std::initializer_list<quint64> orderIds)
+JournalBatch batchOf(quint64 first, quint64 last)
 {
     JournalBatch batch;
-    for (quint64 id : orderIds) {
+    for (quint64 id = first; id <= last; ++id) {
         lxclient::Execution execution;
         execution.order = {QString("t-%1").arg(id), id, "EUR/USD", -100};
         execution.price = {1121200, 6};
@@ -21,23 +22,11 @@ JournalBatch batchOf(std::initializer_list<quint64> orderIds)
     return batch;
 }
 
-JournalBatch batchOfMany(quint64 first, quint64 last)
-{
-    JournalBatch batch;
-    for (quint64 id = first; id <= last; ++id)
-        batch.add(batchOf({id}));
-    return batch;
-}
-
-QString openedBy(JournalFile&& journal, const QString& file)
+QString openedBy(JournalFile& journal, const QString& file)
 {
     UnwrittenFile unwritten(file + ".unwritten");
     quint64 taken = 0;
     return journal.open(file, unwritten, taken).words();
-}
-QString openedBy(JournalFile& journal, const QString& file)
-{
-    return openedBy(std::move(journal), file);
 }
 
 // Where the executions of a session stand: "rows kept unwritten nowhere taken-in".
@@ -51,28 +40,6 @@ QString standing(const JournalKeeper& keeper)
         .arg(s.nowhere)
         .arg(s.taken_in);
 }
-
-// Another program with the same database.
-class Other
-{
-public:
-    explicit Other(const QString& file)
-        : m_db(QSqlDatabase::addDatabase("QSQLITE", "other " + file))
-    {
-        m_db.setDatabaseName(file);
-        if (!m_db.open())
-            qFatal("%s cannot be opened", qPrintable(file));
-    }
-
-    QString ask(const QString& statement)
-    {
-        QSqlQuery query(m_db);
-        return query.exec(statement) && query.next() ? query.value(0).toString() : QString();
-    }
-
-private:
-    QSqlDatabase m_db;
-};
 
 QByteArray contentOf(const QString& name)
 {
@@ -97,14 +64,12 @@ private slots:
         for (const auto& [statements, reason] : cases) {
             const QTemporaryDir dir;
             const QString file = dir.filePath("trades.db");
-            auto db = QSqlDatabase::addDatabase("QSQLITE", statements.join(';'));
-            db.setDatabaseName(file);
-            QVERIFY(db.open());
+            Database db(file);
             for (const QString& statement : statements)
-                QVERIFY(QSqlQuery(db).exec(statement));
-            db.close();
+                QVERIFY(db.execute(statement));
             const QByteArray before = contentOf(file);
-            const QString error = openedBy(JournalFile(), file);
+            JournalFile journal;
+            const QString error = openedBy(journal, file);
             QVERIFY2(error.startsWith(file + ": ") && error.contains(reason), qPrintable(error));
             QCOMPARE(contentOf(file), before);
         }
@@ -117,11 +82,13 @@ private slots:
             JournalFile journal;
             quint64 rows = 0;
             QCOMPARE(openedBy(journal, dir.filePath("trades.db")), QString());
-            QCOMPARE(journal.write(batchOf({1, 2})).words(), QString());
-            QVERIFY(journal.write(batchOf({3, 2})).words().contains("trades.db: ")); // 2 is there
+            QCOMPARE(journal.write(batchOf(1, 2)).words(), QString());
+            JournalBatch torn = batchOf(3, 3);
+            torn.add(batchOf(2, 2));
+            QVERIFY(journal.write(torn).words().contains("trades.db: ")); // 2 is there
             QVERIFY(!journal.countExecutions(rows));
             QCOMPARE(rows, quint64(2));
-            QCOMPARE(journal.write(batchOf({3})).words(), QString());
+            QCOMPARE(journal.write(batchOf(3, 3)).words(), QString());
             QVERIFY(!journal.countExecutions(rows));
             QCOMPARE(rows, quint64(3));
         }
@@ -133,33 +100,33 @@ private slots:
         const QString file = dir.filePath("trades.db");
         const QString aside = file + ".unwritten";
         const quint64 limit = JournalKeeper::KeptLimit;
-        Other other(file);
+        Database other(file);
         {
             JournalKeeper keeper(file);
             QVERIFY(!keeper.open());
-            QVERIFY(!keeper.write(batchOf({1})));
-            other.ask("BEGIN EXCLUSIVE");
-            QCOMPARE(keeper.write(batchOf({2})).words(), file + ": is locked by another program");
+            QVERIFY(!keeper.write(batchOf(1, 1)));
+            QVERIFY(other.execute("BEGIN EXCLUSIVE"));
+            QCOMPARE(keeper.write(batchOf(2, 2)).words(), file + ": is locked by another program");
             QCOMPARE(standing(keeper), QString("1 1 0 0 0"));
-            other.ask("COMMIT");
+            QVERIFY(other.execute("COMMIT"));
             QVERIFY(!keeper.write({}));
             QCOMPARE(standing(keeper), QString("2 0 0 0 0"));
 
-            other.ask("BEGIN EXCLUSIVE");
-            QVERIFY(keeper.write(batchOfMany(3, limit + 2)));
+            QVERIFY(other.execute("BEGIN EXCLUSIVE"));
+            QVERIFY(keeper.write(batchOf(3, limit + 2)));
             QCOMPARE(standing(keeper), QString("2 %1 0 0 0").arg(limit));
-            QVERIFY(keeper.write(batchOf({limit + 3})));
+            QVERIFY(keeper.write(batchOf(limit + 3, limit + 3)));
             QCOMPARE(standing(keeper), QString("2 0 %1 0 0").arg(limit + 1));
-            QVERIFY(keeper.write(batchOf({limit + 4})));
-            other.ask("COMMIT");
-            QVERIFY(!keeper.write(batchOf({limit + 5})));
+            QVERIFY(keeper.write(batchOf(limit + 4, limit + 4)));
+            QVERIFY(other.execute("COMMIT"));
+            QVERIFY(!keeper.write(batchOf(limit + 5, limit + 5)));
             QCOMPARE(standing(keeper), QString("%1 0 0 0 0").arg(limit + 5));
             QVERIFY(!QFile::exists(aside));
 
-            other.ask("BEGIN EXCLUSIVE");
-            QVERIFY(keeper.finish(batchOf({limit + 6})));
+            QVERIFY(other.execute("BEGIN EXCLUSIVE"));
+            QVERIFY(keeper.finish(batchOf(limit + 6, limit + 6)));
             QCOMPARE(standing(keeper), QString("%1 0 1 0 0").arg(limit + 5));
-            other.ask("COMMIT");
+            QVERIFY(other.execute("COMMIT"));
         }
         const QByteArray left = contentOf(aside);
         QCOMPARE(left.count('\n'), 1);
@@ -195,7 +162,8 @@ private slots:
             QFile aside(file + ".unwritten");
             QVERIFY(aside.open(QIODevice::WriteOnly) && aside.write(line) == line.size());
             aside.close();
-            const QString error = openedBy(JournalFile(), file);
+            JournalFile journal;
+            const QString error = openedBy(journal, file);
             QVERIFY2(error.contains(said), qPrintable(error));
             QCOMPARE(contentOf(aside.fileName()), line);
         }
@@ -209,9 +177,9 @@ private slots:
         JournalKeeper keeper(file);
         QVERIFY(!keeper.open());
         QVERIFY(QDir(dir.path()).mkdir("trades.db.unwritten"));
-        Other other(file);
-        other.ask("BEGIN EXCLUSIVE");
-        const QString error = keeper.finish(batchOf({1, 2})).words();
+        Database other(file);
+        QVERIFY(other.execute("BEGIN EXCLUSIVE"));
+        const QString error = keeper.finish(batchOf(1, 2)).words();
         QVERIFY2(error.contains("trades.db.unwritten: cannot be written: "), qPrintable(error));
         QCOMPARE(standing(keeper), QString("0 0 0 2 0"));
     }

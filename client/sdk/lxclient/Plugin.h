@@ -23,8 +23,7 @@ namespace lxclient {
 ///         Q_INTERFACES(lxclient::Plugin)
 ///
 /// Metadata (the JSON file), which the host reads and checks before it loads any library:
-///  - "id": the plugin's ID on the bus, required, without a "#"; no other plugin that is
-///    loaded with it has it.
+///  - "id": the plugin's ID on the bus, required, without a "#"; no other plugin has it.
 ///  - "instances": optional, the name of an int setting that holds a number N: there are then N
 ///    objects of the class, with the IDs id#1 to id#N. The class needs a constructor without
 ///    arguments that is declared Q_INVOKABLE.
@@ -34,15 +33,14 @@ namespace lxclient {
 ///        { "name": "orders.max-open", "type": "int", "default": 1000, "min": 1,
 ///          "description": "So many orders may be open at once." }
 ///
-///    Begin the name with the plugin's ID, for no other plugin may declare it. "type"
-///    is int, double, string or bool; "min" and "max" are optional, for numbers.
+///    Begin the name with the plugin's ID, for no other plugin may declare it. "type" is int,
+///    double, string or bool; "min" and "max" are optional, for numbers.
 ///
 /// One plugin at least must be an Input.
 ///
 /// Life, all on the host's main thread, which runs an event loop:
 ///  1. Every library in the plugin folders that is needed is loaded and its root object made.
-///  Constructors touch
-///     neither the bus nor anything that can fail.
+///     Constructors touch neither the bus nor anything that can fail.
 ///  2. initialise, in the order of the IDs. The bus has been started.
 ///  3. Those that are an Input as well are started, when all have been initialised: whoever
 ///     subscribes in initialise misses nothing.
