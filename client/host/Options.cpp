@@ -16,7 +16,10 @@ const char description[] =
     "journal) and proves at the end that every plugin received everything exactly once.\n"
     "\n"
     "Recordings are CSV files with the header \"timestamp,symbol,bid,ask\"; timestamps look like\n"
-    "2020-01-31T17:00:00.065Z. Ctrl+C ends a session early, in the same orderly way as its end.\n"
+    "2020-01-31T17:00:00.065Z. Ctrl+C ends a session early, in the same orderly way as its end;\n"
+    "a second one does not wait for what is still on its way, and a third ends the program at "
+    "once.\n"
+    "SIGTERM and SIGHUP count as Ctrl+C.\n"
     "\n"
     "Example: two recordings, ten thousand times faster than they were made, with three boards of\n"
     "which two are linked, and a journal:\n"
@@ -28,7 +31,9 @@ const char description[] =
     "  1  the command line is wrong\n"
     "  2  cannot start: a recording, a plugin or its settings, the journal or the recording to be\n"
     "     written, the port of the metrics\n"
-    "  3  the ledger does not balance: something was lost, doubled, reordered or not written";
+    "  3  the ledger does not balance: something was lost, doubled, reordered or not written, or "
+    "a\n"
+    "     plugin has failed: it has thrown, or did not return in time";
 
 constexpr const char* colorNames[] = {"red", "orange", "yellow", "green", "cyan", "blue", "violet"};
 
@@ -65,6 +70,38 @@ Error speedFrom(const QString& text, double& speed)
     }
     speed = max ? 0 : given;
     return {};
+}
+
+// "0", "2.5"; `longest` is in seconds as well.
+Error secondsFrom(const QCommandLineParser& parser, const QString& option, double longest,
+                  double& seconds)
+{
+    bool ok = false;
+    const QString text = parser.value(option);
+    const double given = text.toDouble(&ok);
+    if (!ok || !(given >= 0 && given <= longest)) {
+        return Error(QStringLiteral("--%1 %2: a number of seconds from 0 to %3 is expected.")
+                         .arg(option, text)
+                         .arg(longest, 0, 'f', 0));
+    }
+    seconds = given;
+    return {};
+}
+
+Error skipGapsFrom(const QCommandLineParser& parser, std::optional<double>& seconds)
+{
+    const QString option = QStringLiteral("skip-gaps");
+    if (!parser.isSet(option))
+        return {};
+    return secondsFrom(parser, option, 1e9, seconds.emplace());
+}
+
+Error deadlineFrom(const QCommandLineParser& parser, int& ms)
+{
+    double seconds = 0;
+    const Error error = secondsFrom(parser, QStringLiteral("plugin-deadline"), 86'400, seconds);
+    ms = static_cast<int>(std::ceil(seconds * 1000));
+    return error;
 }
 
 Error seedFrom(const QString& text, quint64& seed)
@@ -203,6 +240,10 @@ Error Options::parse(const QStringList& arguments, Options& options)
         {QStringLiteral("speed"),
          QStringLiteral("Play so many times faster than real time, or \"max\" (default)."),
          QStringLiteral("X"), QStringLiteral("max")},
+        {QStringLiteral("skip-gaps"),
+         QStringLiteral("Leave out pauses between two quotes for which one would have to wait, at "
+                        "the chosen speed, longer than so many seconds. Default: wait."),
+         QStringLiteral("SECONDS")},
         {QStringLiteral("seed"),
          QStringLiteral("What the synthetic session is made from (default: 1)."),
          QStringLiteral("N"), QStringLiteral("1")},
@@ -249,6 +290,12 @@ Error Options::parse(const QStringList& arguments, Options& options)
          QStringLiteral("Say so when a handler, or the end of the session, takes longer than so "
                         "many milliseconds (default: 1000; 0: never)."),
          QStringLiteral("MS"), QStringLiteral("1000")},
+        {QStringLiteral("plugin-deadline"),
+         QStringLiteral("End the session when a call of a plugin has not returned after so many "
+                        "seconds, or at the end a handler (default: 10; 0: wait for ever)."),
+         QStringLiteral("SECONDS"), QStringLiteral("10")},
+        {QStringLiteral("quiet"),
+         QStringLiteral("Do not show on stderr how far the session has come.")},
         {QStringLiteral("metrics"),
          QStringLiteral("Serve the figures of the bus to Prometheus, on 127.0.0.1 alone. 0 takes a "
                         "free port and says which. Default: not served."),
@@ -276,6 +323,7 @@ Error Options::parse(const QStringList& arguments, Options& options)
     read.list_settings = parser.isSet(QStringLiteral("settings"));
     read.verbose = parser.isSet(QStringLiteral("verbose"));
     read.statistics = parser.isSet(QStringLiteral("statistics"));
+    read.quiet = parser.isSet(QStringLiteral("quiet"));
     read.stay = parser.isSet(QStringLiteral("stay"));
     read.links_by_default = !parser.isSet(QStringLiteral("link"));
     const QStringList links = read.links_by_default
@@ -293,6 +341,8 @@ Error Options::parse(const QStringList& arguments, Options& options)
         speedFrom(parser.value(QStringLiteral("speed")), read.speed),
         wholeNumber(parser, QStringLiteral("synthetic-quotes"), 0, 100'000'000,
                     read.synthetic_quotes),
+        skipGapsFrom(parser, read.skip_gaps_s),
+        deadlineFrom(parser, read.plugin_deadline_ms),
         seedFrom(parser.value(QStringLiteral("seed")), read.synthetic_seed),
         wholeNumber(parser, QStringLiteral("boards"), 1, 100, read.boards),
         linksFrom(links, read.links),

@@ -16,7 +16,7 @@ enum ExitCode {
     ExitBalanced = 0,
     ExitBadCommandLine = 1, // the framework's own for it
     ExitCannotStart = 2,
-    ExitUnbalanced = 3,
+    ExitUnbalanced = 3, // or a plugin had to be left as it was
 };
 
 struct Options
@@ -36,6 +36,9 @@ struct Options
     std::optional<int> metrics_port;        // 0: any; none: no metrics
     bool statistics = false;                // at the end
     int stall_limit_ms = 0;                 // 0: none
+    std::optional<double> skip_gaps_s;      // longer waits for a quote are left out; none: no wait
+    int plugin_deadline_ms = 0;             // of the host's calls; 0: none
+    bool quiet = false;                     // no progress
     bool stay = false;                      // at the end, until it is interrupted
     QMap<QString, QString> plugin_settings; // given with --set, by name
     bool list_settings = false;             // and no more

@@ -1,9 +1,11 @@
 #include "PluginHost.h"
 
+#include "BusTables.h"
 #include "ProgressLine.h"
 
 #include <lxbase/BusMonitor.h>
 #include <lxbase/MessageInterface.h>
+#include <lxclient/Inboxes.h>
 #include <lxclient/Protocol.h>
 
 #include <QCoreApplication>
@@ -23,7 +25,8 @@ struct PluginHost::Library
     std::unique_ptr<QPluginLoader> loader;
     QString canonical_file; // wherever links to it are
     MetaData meta_data;
-    QVariantMap settings; // what it has declared, with its values
+    QVariantMap settings;                   // what it has declared, with its values
+    SupervisedPlugin* supervised = nullptr; // once it is loaded
 
     QString file() const { return loader->fileName(); }
 };
@@ -40,6 +43,18 @@ QString flawOf(const QFileInfo& entry)
     return entry.isFile() ? QString() : QStringLiteral("is no file");
 }
 
+QStringList registeredIds()
+{
+    QStringList ids;
+    const QVector<InboxStatistics> inboxes = CBusMonitor::statistics().inboxes;
+    for (const InboxStatistics& inbox : inboxes) {
+        if (!inbox.plugin.isEmpty()
+            && !ids.contains(inbox.plugin)) // without: of those that have gone
+            ids.append(inbox.plugin);
+    }
+    return ids;
+}
+
 // No name is in both: plugins declare none of the host's.
 QVariantMap united(QVariantMap common, const QVariantMap& own)
 {
@@ -50,16 +65,13 @@ QVariantMap united(QVariantMap common, const QVariantMap& own)
 
 } // namespace
 
-PluginHost::PluginHost() = default;
+PluginHost::PluginHost(std::chrono::milliseconds deadline, CallWatch::Ending ending)
+    : m_watch(deadline, std::move(ending))
+{ }
 
 PluginHost::~PluginHost()
 {
-    shutDown([](const QString&) {});
-    // workers of the bus that the plugins' objects had, before their libraries go
-    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
-    m_instances.clear();
-    for (auto library = m_libraries.rbegin(); library != m_libraries.rend(); ++library)
-        library->loader->unload();
+    unload();
 }
 
 Error PluginHost::readMetaData(const QStringList& folders)
@@ -115,8 +127,14 @@ Error PluginHost::load(const QVariantMap& common)
     };
     m_libraries.erase(std::remove_if(m_libraries.begin(), m_libraries.end(), isNeedless),
                       m_libraries.end());
-    for (const Library& library : m_libraries) {
-        if (!library.loader->load()) {
+    for (Library& library : m_libraries) {
+        library.supervised = &supervise(library.meta_data.id, library);
+        bool loaded = false;
+        const Error thrown = library.supervised->call("an initialiser of its library",
+                                                      [&] { loaded = library.loader->load(); });
+        if (thrown)
+            return thrown.about(library.file());
+        if (!loaded) {
             return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()))
                 .about(library.file());
         }
@@ -145,8 +163,17 @@ Error PluginHost::initialise(const QString& id, const QVariantMap& common)
     for (Instance& instance : m_instances) {
         if (instance.id != id)
             continue;
-        if (const Error error =
-                instance.plugin->initialise(id, united(common, instance.library->settings))) {
+        QVariantMap settings = united(common, instance.library->settings);
+        settings.insert(lxclient::setting::Supervisor,
+                        QVariant::fromValue<lxclient::Supervisor*>(instance.supervised));
+        Error error;
+        const Error thrown = instance.supervised->call(
+            "initialise", [&] { error = instance.plugin->initialise(id, settings); });
+        if (thrown) {
+            error = thrown;
+            CRegManager::UnReg(id); // it may have come as far as that
+        }
+        if (error) {
             return error.about(QStringLiteral("plugin %1 cannot start").arg(id))
                 .about(instance.library->file());
         }
@@ -157,65 +184,177 @@ Error PluginHost::initialise(const QString& id, const QVariantMap& common)
 
 void PluginHost::startInputs()
 {
-    for (const Instance& instance : m_instances) {
-        if (instance.input)
-            instance.input->start();
-    }
+    for (const Instance& instance : m_instances)
+        callInput(instance, "start", [&] { instance.input->start(); });
 }
 
 void PluginHost::stopInputs()
 {
-    for (const Instance& instance : m_instances) {
-        if (instance.input)
-            instance.input->stop();
-    }
+    for (const Instance& instance : m_instances)
+        callInput(instance, "stop", [&] { instance.input->stop(); });
 }
 
 bool PluginHost::inputsEnded() const
 {
-    return std::all_of(m_instances.begin(), m_instances.end(), [](const Instance& instance) {
-        return !instance.input || instance.input->ended();
-    });
+    for (const Instance& instance : m_instances) {
+        bool ended = true; // one that has failed puts nothing more
+        callInput(instance, "ended", [&] { ended = instance.input->ended(); });
+        if (!ended)
+            return false;
+    }
+    return true;
 }
 
-void PluginHost::shutDown(const std::function<void(const QString& id)>& next)
+// Calls it unless it is no input, or is none any more.
+template<class Operation>
+void PluginHost::callInput(const Instance& instance, const char* name,
+                           const Operation& operation) const
 {
+    if (!instance.input || !instance.initialised || instance.supervised->hasFailed())
+        return;
+    if (const Error thrown = instance.supervised->call(name, operation))
+        instance.supervised->fail(thrown.words(), QStringLiteral("it is shut down"));
+}
+
+bool PluginHost::shutDownFailed()
+{
+    bool any = false;
     for (auto instance = m_instances.rbegin(); instance != m_instances.rend(); ++instance) {
-        if (std::exchange(instance->initialised, false)) {
-            next(instance->id);
-            instance->plugin->shutDown();
+        if (!instance->supervised->hasFailed())
+            continue;
+        any = true;
+        if (instance->initialised)
+            shutDown(*instance);
+    }
+    return any;
+}
+
+QMap<QString, QString> PluginHost::stuck(std::chrono::nanoseconds limit) const
+{
+    QMap<QString, QString> stuck;
+    if (limit.count() == 0)
+        return stuck;
+    const BusStatistics bus = CBusMonitor::statistics();
+    for (const InboxStatistics& inbox : bus.inboxes) {
+        if (inbox.busyForNs >= limit.count()) {
+            stuck.insert(inbox.plugin,
+                         QStringLiteral("its handler for %1 has not returned for %2")
+                             .arg(lxclient::kindName(inbox.kind), durationText(inbox.busyForNs)));
         }
     }
-    unregisterForgotten();
+    return stuck;
 }
 
-// Their workers would call into objects and libraries that go away.
+bool PluginHost::shutDown(const std::function<void(const QString& id)>& next,
+                          std::chrono::nanoseconds stuckLimit)
+{
+    const QMap<QString, QString> atFirst = stuck(stuckLimit);
+    const auto shutDownThose = [&](bool stuckAtFirst, const QMap<QString, QString>& stuckNow) {
+        bool all = true;
+        for (auto instance = m_instances.rbegin(); instance != m_instances.rend(); ++instance) {
+            if (!instance->initialised || atFirst.contains(instance->id) != stuckAtFirst)
+                continue;
+            if (stuckNow.contains(instance->id)) {
+                all = false;
+                instance->reports = false; // it may hold what its report waits for
+                instance->supervised->fail(stuckNow.value(instance->id),
+                                           QStringLiteral("the session ends without it"));
+            } else {
+                next(instance->id);
+                shutDown(*instance);
+            }
+        }
+        return all;
+    };
+    shutDownThose(false, {});
+    const bool all = shutDownThose(true, stuck(stuckLimit));
+    if (all)
+        unregisterForgotten();
+    return all;
+}
+
+// Their workers would call into objects and libraries that go away. An ID that is no plugin's own
+// was registered by one of them besides.
 void PluginHost::unregisterForgotten()
 {
-    const QVector<InboxStatistics> inboxes = CBusMonitor::statistics().inboxes;
-    for (const InboxStatistics& inbox : inboxes) {
-        if (inbox.plugin.isEmpty() || m_forgotten.contains(inbox.plugin))
+    const QString fault = QStringLiteral(
+        "was still registered on the bus after shutDown, which has to end with UnReg");
+    for (const Instance& instance : m_instances) {
+        if (!registeredIds().contains(instance.id))
             continue;
-        m_forgotten.append(inbox.plugin);
-        CRegManager::UnReg(inbox.plugin);
+        instance.supervised->fail(fault, QStringLiteral("it is unregistered"));
+        static_cast<void>(
+            instance.supervised->call("UnReg", [&] { CRegManager::UnReg(instance.id); }));
+    }
+    const QStringList others = registeredIds();
+    for (const QString& id : others) {
+        m_forgotten.append({id, lxclient::Report()});
+        m_forgotten.last().report.faults.append(fault);
+        CRegManager::UnReg(id);
     }
 }
 
-// An ID that is none of the host's was registered by one of the plugins beside its own.
-QVector<NamedReport> PluginHost::reports() const
+// One that throws may still be registered.
+void PluginHost::shutDown(Instance& instance)
+{
+    instance.initialised = false;
+    const Error thrown =
+        instance.supervised->call("shutDown", [&] { instance.plugin->shutDown(); });
+    if (!thrown)
+        return;
+    instance.supervised->fail(thrown.words(), QStringLiteral("the ledger will not balance"));
+    static_cast<void>( // the bus throws nothing, but waits for the handlers
+        instance.supervised->call("UnReg", [&] { CRegManager::UnReg(instance.id); }));
+}
+
+void PluginHost::unload()
+{
+    shutDown([](const QString&) {}, {});
+    // workers of the bus that the plugins' objects had, before their libraries go
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    const auto destroy = [](SupervisedPlugin* supervised, const auto& owner) {
+        // a destructor that throws ends the process, and its name is told
+        static_cast<void>(supervised->call("its destructor", owner));
+    };
+    for (Instance& instance : m_instances)
+        destroy(instance.supervised, [&] { instance.owned.reset(); });
+    m_instances.clear();
+    for (auto library = m_libraries.rbegin(); library != m_libraries.rend(); ++library) {
+        if (library->supervised)
+            destroy(library->supervised, [&] { library->loader->unload(); });
+    }
+    m_libraries.clear();
+}
+
+QVector<NamedReport> PluginHost::reports()
+{
+    for (Instance& instance : m_instances) {
+        if (!instance.reports)
+            continue;
+        const Error thrown = instance.supervised->call(
+            "report", [&] { instance.last_report = instance.plugin->report(); });
+        if (thrown) {
+            instance.reports = false;
+            instance.supervised->fail(thrown.words(), QStringLiteral("it is shut down"));
+        }
+    }
+    return lastReports();
+}
+
+QVector<NamedReport> PluginHost::lastReports() const
 {
     QVector<NamedReport> reports;
-    for (const Instance& instance : m_instances)
-        reports.append({instance.id, instance.plugin->report()});
-    for (const QString& id : m_forgotten) {
-        auto named = std::find_if(reports.begin(), reports.end(),
-                                  [&](const NamedReport& report) { return report.id == id; });
-        if (named == reports.end())
-            named = reports.insert(reports.end(), {id, lxclient::Report()});
-        named->report.faults.append(QStringLiteral(
-            "was still registered on the bus after shutDown, which has to end with UnReg"));
+    for (const Instance& instance : m_instances) {
+        reports.append({instance.id, instance.last_report});
+        reports.last().report.faults += instance.supervised->faults();
     }
-    return reports;
+    return reports + m_forgotten;
+}
+
+SupervisedPlugin& PluginHost::supervise(const QString& id, const Library& library)
+{
+    m_supervised.push_back(std::make_unique<SupervisedPlugin>(id, library.file(), m_watch));
+    return *m_supervised.back();
 }
 
 Error PluginHost::readFolder(const QString& folder)
@@ -287,7 +426,11 @@ Error PluginHost::makeInstances(const Library& library, const QVariantMap& commo
 {
     const QString& id = library.meta_data.id;
     const QString& setting = library.meta_data.instances;
-    QObject* const root = library.loader->instance();
+    const char* const constructor = "its constructor";
+    QObject* root = nullptr;
+    if (const Error thrown =
+            library.supervised->call(constructor, [&] { root = library.loader->instance(); }))
+        return thrown.about(QStringLiteral("plugin %1 cannot start").arg(id));
     if (setting.isEmpty())
         return addInstance(library, id, root, false);
 
@@ -300,7 +443,12 @@ Error PluginHost::makeInstances(const Library& library, const QVariantMap& commo
     }
     for (int i = 1; i <= count; ++i) {
         const bool first = i == 1;
-        QObject* const object = first ? root : root->metaObject()->newInstance();
+        QObject* object = root;
+        if (!first) {
+            if (const Error thrown = library.supervised->call(
+                    constructor, [&] { object = root->metaObject()->newInstance(); }))
+                return thrown.about(QStringLiteral("plugin %1#%2 cannot start").arg(id).arg(i));
+        }
         if (const Error error =
                 addInstance(library, QStringLiteral("%1#%2").arg(id).arg(i), object, !first))
             return error;
@@ -314,6 +462,7 @@ Error PluginHost::addInstance(const Library& library, const QString& id, QObject
     Instance instance;
     instance.id = id;
     instance.library = &library;
+    instance.supervised = &supervise(id, library);
     if (owned)
         instance.owned.reset(object);
     if (!object) {

@@ -7,11 +7,13 @@
 
 namespace {
 
-constexpr int RefreshMs = 200;
+constexpr int RefreshMs = 200; // on a terminal
+constexpr int IntervalMs = 5000;
 
 } // namespace
 
-ProgressLine::ProgressLine()
+ProgressLine::ProgressLine(Amount amount)
+    : m_amount(amount)
 {
     m_session.start();
     m_age.start();
@@ -22,17 +24,28 @@ ProgressLine::~ProgressLine()
     clear();
 }
 
-void ProgressLine::show(const Tap& tap)
+void ProgressLine::show(const Tap& tap, const Backlogs& backlogs)
 {
-    if (!isOnTerminal() || m_age.elapsed() < RefreshMs)
+    const qint64 age = m_age.elapsed();
+    if (m_amount == Amount::None || age < (isOnTerminal() ? RefreshMs : IntervalMs))
         return;
     m_age.restart();
     const Tap::Progress progress = tap.progress();
-    const QString time = QDateTime::fromMSecsSinceEpoch(progress.time_ms, Qt::UTC)
-                             .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));
-    std::fprintf(stderr, "\r\033[K%s quotes, %s UTC, %lld s",
-                 qPrintable(lxclient::grouped(static_cast<qint64>(progress.quotes))),
-                 qPrintable(time), m_session.elapsed() / 1000);
+    const auto perSecond = static_cast<qint64>(progress.quotes - m_quotes_before) * 1000 / age;
+    m_quotes_before = progress.quotes;
+    QString line = QStringLiteral("%1 s, %2 quotes, %3/s")
+                       .arg(m_session.elapsed() / 1000)
+                       .arg(lxclient::grouped(static_cast<qint64>(progress.quotes)),
+                            lxclient::grouped(perSecond));
+    if (progress.quotes > 0) {
+        line += QDateTime::fromMSecsSinceEpoch(progress.time_ms, Qt::UTC)
+                    .toString(QStringLiteral(", 'up to' yyyy-MM-dd hh:mm:ss 'UTC'"));
+    }
+    const bool behind =
+        !backlogs.now().isEmpty() && backlogs.now().first().items >= Backlogs::Noticeable;
+    line += behind ? QStringLiteral("; slowest ") + backlogs.now().first().toString()
+                   : QStringLiteral("; nobody is behind");
+    std::fprintf(stderr, isOnTerminal() ? "\r\033[K%s" : "lxclient: %s\n", qPrintable(line));
 }
 
 // In one call, so that nothing comes between.

@@ -10,7 +10,10 @@
 
 #include <QFileInfo>
 
+#include <algorithm>
+#include <chrono>
 #include <cstdio>
+#include <cstdlib>
 
 using lxclient::Error;
 namespace setting = lxclient::setting;
@@ -18,6 +21,10 @@ namespace setting = lxclient::setting;
 namespace {
 
 constexpr int TickMs = 2;
+constexpr int LookMs = 200;     // between looks at the backlogs
+constexpr int SayAfterMs = 300; // an interruption, what is waited for: mostly it is over by then
+constexpr int InVainMs = 1000;  // with nothing on its way, for counts that will not agree
+constexpr std::chrono::milliseconds AbandonedDeadline(1000); // of plugins, once it is abandoned
 
 QString baseOf(const QString& id)
 {
@@ -28,6 +35,8 @@ QString baseOf(const QString& id)
 
 Session::Session(const Options& options)
     : m_options(options)
+    , m_host(std::chrono::milliseconds(options.plugin_deadline_ms),
+             [this](const CallWatch::Overrun& overrun) { endWithout(overrun); })
 {
     m_settings = {
         {setting::Quotes, options.recordings},
@@ -39,10 +48,18 @@ Session::Session(const Options& options)
     };
     if (options.metrics_port)
         m_settings.insert(setting::MetricsPort, *options.metrics_port);
+    if (options.skip_gaps_s)
+        m_settings.insert(setting::SkipGaps, *options.skip_gaps_s);
     connect(&m_timer, &QTimer::timeout, this, &Session::tick);
 }
 
-Session::~Session() = default;
+// While there is everything that the end from another thread needs, and after the strings that may
+// be data of the libraries.
+Session::~Session()
+{
+    m_last_ledger = Ledger();
+    m_host.unload();
+}
 
 Error Session::start()
 {
@@ -69,6 +86,8 @@ Error Session::start()
     center->Start();
     const QStringList ids = m_host.ids();
     for (const QString& id : ids) {
+        if (const Error error = interruption())
+            return error;
         if (const Error error = m_host.initialise(id, settingsFor(id)))
             return error;
     }
@@ -76,22 +95,56 @@ Error Session::start()
         if (const Error error = m_tap.recordTo(m_options.record_file))
             return error;
     }
-    m_tap.start(m_settings.value(setting::Symbols).toStringList());
+    m_tap.start(m_settings.value(setting::Symbols).toStringList(),
+                {m_options.speed, m_options.skip_gaps_s});
     m_played.start();
-    m_progress.emplace();
+    m_progress.emplace(m_options.quiet ? ProgressLine::Amount::None : ProgressLine::Amount::All);
     m_host.startInputs();
     m_timer.start(TickMs);
     return {};
+}
+
+void Session::requestInterrupt()
+{
+    m_interrupt_requested = true;
+    QMetaObject::invokeMethod(this, &Session::interrupt, Qt::QueuedConnection);
+}
+
+// If the main thread is in a plugin that does not return, the shorter deadline ends it.
+void Session::requestAbandon()
+{
+    m_host.setDeadline(AbandonedDeadline);
+    QMetaObject::invokeMethod(this, &Session::abandon, Qt::QueuedConnection);
 }
 
 void Session::interrupt()
 {
     if (m_state == State::Staying) {
         end();
-    } else {
+    } else if (m_state != State::Ended) {
         m_interrupted = true;
+        m_interruption.start();
+        m_interrupted_after_s = static_cast<double>(m_played.elapsed()) / 1e3;
         m_host.stopInputs();
     }
+}
+
+void Session::abandon()
+{
+    if (m_state == State::Ended)
+        return;
+    m_abandoned = true;
+    if (m_state != State::Staying)
+        stopWaiting();
+    end();
+}
+
+// An interruption while it starts.
+Error Session::interruption() const
+{
+    return m_interrupt_requested
+        ? Error(QStringLiteral("interrupted before the first quote was played"))
+        : Error();
 }
 
 // The verdict is on the reports that follow the shutdown: only then are all accounts closed. So is
@@ -99,23 +152,75 @@ void Session::interrupt()
 ExitCode Session::finish()
 {
     BusStatistics bus = CBusMonitor::statistics();
+    m_backlogs.look(bus);
+    bool whole = true;
     {
         WaitReporter waitReporter(m_options.stall_limit_ms);
-        m_host.shutDown([&](const QString& id) {
-            waitReporter.begin(QStringLiteral("shutting down %1").arg(id));
-        });
+        const std::chrono::milliseconds stuckLimit = m_abandoned
+            ? AbandonedDeadline
+            : std::chrono::milliseconds(m_options.plugin_deadline_ms);
+        whole = m_host.shutDown(
+            [&](const QString& id) {
+                waitReporter.begin(QStringLiteral("shutting down %1").arg(id));
+            },
+            stuckLimit);
     }
     bus.lost = CBusMonitor::statistics().lost;
     m_tap.stop();
-    const QVector<NamedReport> last = reports();
-    const Ledger ledger(last);
-    const QString text =
-        summary(last, ledger,
-                {m_tap.progress().quotes, m_played_ns, m_interrupted, m_options.record_file,
-                 m_tap.recorded(), bus, m_options.statistics});
-    std::fputs(qPrintable(text), stdout);
+    const ExitCode code = print(m_host.reports(), bus);
+    if (!whole)
+        std::_Exit(code);
+    return code;
+}
+
+// Flushed, for the program may end right after it.
+ExitCode Session::print(QVector<NamedReport> reports, const BusStatistics& bus)
+{
+    reports.append({QStringLiteral("tap"), m_tap.report()});
+    const Ledger ledger(reports);
+    SessionFigures figures;
+    const Tap::Progress played = m_tap.progress();
+    figures.quotes = played.quotes;
+    figures.played_ns = m_played_ns;
+    if (m_options.speed > 0) // up to an interruption it may have waited for the next quote
+        figures.due_s = std::max(played.due_s, m_interrupted_after_s);
+    figures.ending = m_abandoned ? QStringLiteral("abandoned")
+        : m_interrupted          ? QStringLiteral("interrupted")
+                                 : QString();
+    figures.record_file = m_options.record_file;
+    figures.recorded = m_tap.recorded();
+    figures.backlogs = m_backlogs;
+    figures.bus = bus;
+    figures.statistics = m_options.statistics;
+    std::fputs(qPrintable(summary(reports, ledger, figures)), stdout);
     std::fflush(stdout);
+    m_printed = true;
     return ledger.balances() ? ExitBalanced : ExitUnbalanced;
+}
+
+// On the thread that watches the calls, which has the main thread's objects to itself. Calls no
+// plugin: what one holds, another may wait for.
+void Session::endWithout(const CallWatch::Overrun& overrun)
+{
+    overrun.plugin.fail(overrun.what, QStringLiteral("the session ends without it"));
+    const BusStatistics bus = CBusMonitor::statistics();
+    for (const QString& inbox : unfinishedInboxes(bus))
+        ProgressLine::say(QStringLiteral("still waiting for ") + inbox);
+    if (!m_printed) {
+        if (m_played_ns == 0 && m_played.isValid())
+            m_played_ns = m_played.nsecsElapsed();
+        m_tap.stop();
+        QVector<NamedReport> reports = m_host.lastReports();
+        const QString& id = overrun.plugin.id();
+        const bool known = std::any_of(reports.begin(), reports.end(),
+                                       [&](const NamedReport& named) { return named.id == id; });
+        if (!known) { // it is still being made
+            reports.append({id, {}});
+            reports.last().report.faults = overrun.plugin.faults();
+        }
+        static_cast<void>(print(reports, bus));
+    }
+    std::_Exit(ExitUnbalanced);
 }
 
 // What can be quoted has to be known before the first quote, so that plugins can subscribe to it.
@@ -132,7 +237,10 @@ Error Session::takeSymbols()
                     .about(recording);
             }
         }
-        if (const Error error = scanSymbols(m_options.recordings, symbols))
+        const auto isInterrupted = [this] { return m_interrupt_requested.load(); };
+        if (const Error error = scanSymbols(m_options.recordings, symbols, isInterrupted))
+            return error;
+        if (const Error error = interruption())
             return error;
     }
     symbols.sort(); // the same whichever was quoted first
@@ -176,22 +284,23 @@ QVariantMap Session::settingsFor(const QString& id) const
     return settings;
 }
 
-QVector<NamedReport> Session::reports() const
-{
-    QVector<NamedReport> reports = m_host.reports();
-    reports.append({QStringLiteral("tap"), m_tap.report()});
-    return reports;
-}
-
 void Session::tick()
 {
-    m_progress->show(m_tap);
+    if (!m_looked.isValid() || m_looked.elapsed() >= LookMs) {
+        m_looked.start();
+        m_backlogs.look(CBusMonitor::statistics());
+    }
+    m_progress->show(m_tap, m_backlogs);
+    m_any_failed = m_host.shutDownFailed();
+    if (m_interrupted && !m_said_what_it_waits_for && m_interruption.elapsed() >= SayAfterMs)
+        sayWhatItWaitsFor();
     if (m_state == State::Playing && m_host.inputsEnded()) {
         m_state = State::Settling;
         m_wait_reporter.emplace(m_options.stall_limit_ms);
         m_wait_reporter->begin(QStringLiteral("settling"));
         m_standstill.start();
         m_last_ledger = Ledger();
+        m_looked.invalidate();
     } else if (m_state == State::Settling) {
         settle();
     }
@@ -199,22 +308,25 @@ void Session::tick()
 
 void Session::settle()
 {
-    const Ledger ledger(reports());
+    QVector<NamedReport> reports = m_host.reports();
+    reports.append({QStringLiteral("tap"), m_tap.report()});
+    const Ledger ledger(reports);
     const bool moved = !(ledger == m_last_ledger);
     m_last_ledger = ledger;
     if (moved)
         m_standstill.restart();
     const bool settled = !moved && ledger.accountsBalance();
-    if (!settled && m_standstill.elapsed() < SettleLimitMs)
+    const qint64 still = m_standstill.elapsed();
+    const std::chrono::milliseconds deadline(m_options.plugin_deadline_ms);
+    const bool inVain = (m_any_failed && still >= InVainMs && m_backlogs.now().isEmpty())
+        || (still >= deadline.count() && !m_host.stuck(deadline).isEmpty());
+    if (!settled && !inVain && still < SettleLimitMs)
         return;
-    m_played_ns = m_played.nsecsElapsed();
-    m_timer.stop();
-    m_wait_reporter.reset();
-    m_progress.reset();
+    stopWaiting();
     if (!settled) {
         ProgressLine::say(QStringLiteral("the ledger has not changed for %1 s and does not "
                                          "balance; giving up waiting.")
-                              .arg(SettleLimitMs / 1000));
+                              .arg(still / 1000));
         for (const QString& inbox : unfinishedInboxes(CBusMonitor::statistics()))
             ProgressLine::say(QStringLiteral("still waiting for ") + inbox);
     }
@@ -224,6 +336,30 @@ void Session::settle()
     } else {
         end();
     }
+}
+
+// It has been played, as far as it will be.
+void Session::stopWaiting()
+{
+    m_played_ns = m_played.nsecsElapsed();
+    m_timer.stop();
+    m_wait_reporter.reset();
+    m_progress.reset();
+}
+
+void Session::sayWhatItWaitsFor()
+{
+    m_said_what_it_waits_for = true;
+    QStringList names;
+    for (const Backlog& backlog : m_backlogs.now())
+        names.append(backlog.toString());
+    if (names.isEmpty()) {
+        names.append(m_state == State::Playing
+                         ? QStringLiteral("the quotes to stop")
+                         : QStringLiteral("the counts of the plugins to agree"));
+    }
+    ProgressLine::say(QStringLiteral("waiting for %1; press again to abandon")
+                          .arg(names.join(QLatin1String(", "))));
 }
 
 void Session::end()

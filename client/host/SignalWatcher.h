@@ -1,24 +1,25 @@
-// SignalWatcher: turns SIGINT and SIGTERM into a call on the main thread.
+// SignalWatcher: turns SIGINT, SIGTERM and SIGHUP into calls on a thread.
 #ifndef LXCLIENT_SIGNALWATCHER_H
 #define LXCLIENT_SIGNALWATCHER_H
 
-#include <QSocketNotifier>
+#include <QtGlobal>
 
 #include <functional>
-#include <memory>
+#include <thread>
 
-// One per process, while an event loop runs. Only the first signal is taken: a second one ends the
-// process at once, as the system does by default.
+// One per process. Two signals are taken, whatever the main thread does meanwhile: the first and
+// the second call their functions on a thread of the watcher; a third ends the process at once, as
+// the system does by default. A SIGHUP that is ignored (nohup) stays so.
 class SignalWatcher
 {
 public:
-    explicit SignalWatcher(std::function<void()> onSignal);
+    SignalWatcher(std::function<void()> onFirst, std::function<void()> onSecond);
     // Gives the signals back to the system's default.
     ~SignalWatcher();
     Q_DISABLE_COPY(SignalWatcher)
 
 private:
-    std::unique_ptr<QSocketNotifier> m_notifier;
+    std::thread m_thread;
 };
 
 #endif

@@ -5,6 +5,8 @@
 
 #include <QMap>
 
+#include <algorithm>
+
 using lxclient::grouped;
 
 namespace {
@@ -39,15 +41,34 @@ QString symbolTable(const QVector<NamedReport>& reports)
     return table.isEmpty() ? QStringLiteral("No quotes.\n") : table.toString();
 }
 
-QString pluginTable(const QVector<NamedReport>& reports)
+// How far a plugin was behind, and for how much of the time nobody was further.
+QStringList backlogCells(const QString& id, const SessionFigures& figures)
+{
+    quint64 largest = figures.backlogs.largest(id);
+    bool known = largest > 0;
+    for (const InboxStatistics& inbox : figures.bus.inboxes) {
+        if (inbox.plugin == id) {
+            largest = std::max(largest, inbox.peak);
+            known = true;
+        }
+    }
+    const int share = figures.backlogs.slowestShare(id);
+    return {known ? grouped64(largest) : QString(),
+            share > 0 ? QStringLiteral("%1 %").arg(share) : QString()};
+}
+
+QString pluginTable(const QVector<NamedReport>& reports, const SessionFigures& figures)
 {
     TextTable table({QStringLiteral("Plugin"), QStringLiteral("Messages"),
-                     QStringLiteral("Quotations"), QStringLiteral("Events"), QString()});
-    table.alignLeft(4);
+                     QStringLiteral("Quotations"), QStringLiteral("Events"),
+                     QStringLiteral("Backlog"), QStringLiteral("Slowest"), QString()});
+    table.alignLeft(6);
     for (const NamedReport& named : reports) {
         const lxclient::Report& report = named.report;
-        table.addRow({named.id, grouped64(report.messages), grouped64(report.quotations),
-                      grouped64(report.events), report.remarks.join(QLatin1String(", "))});
+        table.addRow(QStringList{named.id, grouped64(report.messages), grouped64(report.quotations),
+                                 grouped64(report.events)}
+                     + backlogCells(named.id, figures)
+                     + QStringList(report.remarks.join(QLatin1String(", "))));
     }
     return table.toString();
 }
@@ -104,8 +125,29 @@ QString speed(const QVector<NamedReport>& reports, const SessionFigures& figures
     return QStringLiteral("%1 quotes in %2 s%3: %4 quotes/s, %5 deliveries/s.\n")
         .arg(grouped64(figures.quotes))
         .arg(seconds, 0, 'f', 2)
-        .arg(QLatin1String(figures.interrupted ? ", interrupted" : ""))
+        .arg(figures.ending.isEmpty() ? QString() : QLatin1String(", ") + figures.ending)
         .arg(perSecond(figures.quotes), perSecond(deliveries));
+}
+
+// Nothing if it kept pace, or had none to keep.
+QString slowness(const SessionFigures& figures)
+{
+    const double seconds = static_cast<double>(figures.played_ns) / 1e9;
+    if (!figures.due_s || seconds < 1.1 * *figures.due_s + 1)
+        return QString();
+    const QString slowest = figures.backlogs.slowest();
+    const QString reason = slowest.isEmpty()
+        ? QStringLiteral("no plugin was behind; the machine or the reading of quotes was too slow")
+        : QStringLiteral(
+              "because of %1, which was the slowest plugin %2 % of the time and up to %3 items "
+              "behind")
+              .arg(slowest)
+              .arg(figures.backlogs.slowestShare(slowest))
+              .arg(grouped64(figures.backlogs.largest(slowest)));
+    return QStringLiteral("Slower than asked, %1 s instead of %2 s: %3.\n")
+        .arg(seconds, 0, 'f', 2)
+        .arg(*figures.due_s, 0, 'f', 2)
+        .arg(reason);
 }
 
 } // namespace
@@ -116,9 +158,9 @@ QString summary(const QVector<NamedReport>& reports, const Ledger& ledger,
     const QString verdict = ledger.balances()
         ? QStringLiteral("The ledger balances: everything was delivered exactly once, in order.\n")
         : QStringLiteral("THE LEDGER DOES NOT BALANCE.\n");
-    QString text = symbolTable(reports) + QLatin1Char('\n') + pluginTable(reports)
+    QString text = symbolTable(reports) + QLatin1Char('\n') + pluginTable(reports, figures)
         + QLatin1Char('\n') + ledgerTable(ledger) + QLatin1Char('\n') + verdict
-        + speed(reports, figures);
+        + speed(reports, figures) + slowness(figures);
     if (!figures.record_file.isEmpty()) {
         text += QStringLiteral("%1 quotes recorded in %2.\n")
                     .arg(grouped64(figures.recorded), figures.record_file);

@@ -2,6 +2,7 @@
 #ifndef LXCLIENT_SUMMARY_H
 #define LXCLIENT_SUMMARY_H
 
+#include "Backlogs.h"
 #include "Ledger.h"
 #include "PluginHost.h"
 
@@ -10,14 +11,18 @@
 #include <QString>
 #include <QVector>
 
+#include <optional>
+
 // What the reports do not tell.
 struct SessionFigures
 {
     quint64 quotes = 0;
     qint64 played_ns = 0;
-    bool interrupted = false;
-    QString record_file; // empty: none was written
+    std::optional<double> due_s; // so long it should have taken; none: as short as possible
+    QString ending;              // "interrupted"; empty: it was played to the end
+    QString record_file;         // empty: none was written
     quint64 recorded = 0;
+    Backlogs backlogs;
     BusStatistics bus;       // inboxes as they were before the plugins were shut down
     bool statistics = false; // asked for
 };

@@ -5,6 +5,7 @@
 #include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
 
+#include <algorithm>
 #include <chrono>
 
 using lxclient::Error;
@@ -25,8 +26,9 @@ Error Tap::recordTo(const QString& fileName)
     return m_recording->open(fileName);
 }
 
-void Tap::start(const QStringList& symbols)
+void Tap::start(const QStringList& symbols, const Pace& pace)
 {
+    m_pace = pace;
     m_audit.expect(symbols);
     auto* const center = CMessageCenter::GetInstance();
     center->regNetMsgQueue(&m_net_queue);
@@ -67,7 +69,7 @@ quint64 Tap::recorded() const
 Tap::Progress Tap::progress() const
 {
     const QMutexLocker locker(&m_mutex);
-    return {m_audit.total(), m_time_ms};
+    return {m_audit.total(), m_time_ms, m_due_s};
 }
 
 // The queues cannot be waited on, so an idle tap looks every millisecond. After a pause in the
@@ -118,8 +120,14 @@ void Tap::hear(CMessageCommon& msg)
     if (m_recording)
         noteRecording(m_recording->write(quote));
     const QMutexLocker locker(&m_mutex);
+    if (m_audit.total() == 0)
+        m_time_ms = quote.time_ms;
+    const qint64 gap_ms = std::max<qint64>(quote.time_ms - m_time_ms, 0);
+    const double pause_s = m_pace.speed > 0 ? static_cast<double>(gap_ms) / m_pace.speed / 1e3 : 0;
+    if (!m_pace.skip_gaps_s || pause_s <= *m_pace.skip_gaps_s)
+        m_due_s += pause_s;
+    m_time_ms += gap_ms;
     m_audit.count(quote);
-    m_time_ms = quote.time_ms;
 }
 
 // Says at once that the recording has ended too early; it does not go on again.

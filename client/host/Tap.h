@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <memory>
+#include <optional>
 #include <thread>
 
 // A component of the host, not a plugin: it drains the outside queues of both network paths on a
@@ -27,8 +28,16 @@ public:
     // Records the quotes to this file. Called before start.
     lxclient::Error recordTo(const QString& fileName);
 
+    // How the quotes are played, by which it tells how long that should have taken: so many times
+    // real time (0: at once), without pauses of more seconds than this.
+    struct Pace
+    {
+        double speed = 0;
+        std::optional<double> skip_gaps_s;
+    };
+
     // Registers the queues and begins to drain them. Called before quotes, of these symbols, flow.
-    void start(const QStringList& symbols);
+    void start(const QStringList& symbols, const Pace& pace);
 
     // Drains the queues to the end and finishes the recording.
     void stop();
@@ -38,11 +47,11 @@ public:
     // How many quotes are in the recording.
     quint64 recorded() const;
 
-    // For the progress line.
     struct Progress
     {
         quint64 quotes;
         qint64 time_ms; // of the latest quote
+        double due_s;   // after which time it was due
     };
     Progress progress() const;
 
@@ -57,6 +66,8 @@ private:
     std::thread m_thread;
     std::atomic<bool> m_stop{false}; // atomic: set by the host, read by the listening thread
 
+    Pace m_pace; // constant after start
+
     std::unique_ptr<RecordingWriter> m_recording; // the listening thread's, after start
 
     mutable QMutex m_mutex;
@@ -65,7 +76,8 @@ private:
     quint64 m_acknowledged = 0;
     quint64 m_executed = 0;
     quint64 m_recorded = 0;
-    qint64 m_time_ms = 0;
+    qint64 m_time_ms = 0; // of the latest quote; quotes may come with earlier ones
+    double m_due_s = 0;
     lxclient::Error m_recording_error;
 };
 

@@ -1,5 +1,6 @@
 // lxclient: the reference host of the bus. Everything it does with quotes and orders is done by
 // plugins; the host loads them, links them, listens in, and keeps the ledger.
+#include "CrashLine.h"
 #include "Options.h"
 #include "Session.h"
 #include "SignalWatcher.h"
@@ -47,6 +48,7 @@ ExitCode listSettings(const QStringList& pluginFolders)
 int main(int argc, char** argv)
 {
     std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is then an error like a full disk
+    crashline::install();
     QCoreApplication program(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("lxclient"));
     QCoreApplication::setApplicationVersion(QStringLiteral(LXCLIENT_VERSION));
@@ -60,7 +62,8 @@ int main(int argc, char** argv)
     lxclient::registerPayloads();
 
     Session session(options);
-    const SignalWatcher signalWatcher([&] { session.interrupt(); });
+    const SignalWatcher signalWatcher([&] { session.requestInterrupt(); },
+                                      [&] { session.requestAbandon(); });
     QObject::connect(&session, &Session::ended, &program, &QCoreApplication::quit);
     if (const lxclient::Error error = session.start())
         return refuse(error, ExitCannotStart);

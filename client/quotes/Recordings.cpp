@@ -119,13 +119,17 @@ std::optional<TimedQuote> QuoteMerger::next()
     return std::exchange(earliest->head, earliest->reader->next());
 }
 
-Error scanSymbols(const QStringList& files, QStringList& symbols)
+Error scanSymbols(const QStringList& files, QStringList& symbols, const std::function<bool()>& stop)
 {
     QuoteMerger recordings([](const QString&, const QString&) {});
     if (const Error error = recordings.open(files))
         return error;
     symbols.clear();
+    constexpr int quotesBetweenQuestions = 1024;
+    int quotes = 0;
     while (const auto timed = recordings.next()) {
+        if (++quotes % quotesBetweenQuestions == 0 && stop && stop())
+            break;
         if (!symbols.contains(timed->quote.symbol))
             symbols.append(timed->quote.symbol);
     }

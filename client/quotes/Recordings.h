@@ -74,6 +74,8 @@ private:
 };
 
 // The symbols of recordings in the order of their first quotes; bad rows are left to the player.
-lxclient::Error scanSymbols(const QStringList& files, QStringList& symbols);
+// `stop` is asked now and then whether that is enough.
+lxclient::Error scanSymbols(const QStringList& files, QStringList& symbols,
+                            const std::function<bool()>& stop = {});
 
 #endif

@@ -116,6 +116,20 @@ private slots:
         QCOMPARE(symbols, QStringList({"A", "B"}));
     }
 
+    void theScanForSymbolsCanBeStopped()
+    {
+        const QTemporaryDir dir;
+        QFile file(dir.filePath("long.csv"));
+        QVERIFY(file.open(QIODevice::WriteOnly));
+        file.write(header + QByteArray("2020-01-01T00:00:01.000Z,A,1,1\n").repeated(10000));
+        file.close();
+        int asked = 0;
+        QStringList symbols;
+        const auto error = scanSymbols({file.fileName()}, symbols, [&] { return ++asked == 2; });
+        QCOMPARE(error.words(), QString());
+        QCOMPARE(asked, 2); // to the end it would have asked more often
+    }
+
     void aSyntheticSessionRepeatsWithItsSeed()
     {
         const QByteArray session = rowsOf(SyntheticSession(7, 5000));

@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <csignal>
+#include <sys/resource.h>
 
 namespace {
 
@@ -40,10 +41,17 @@ struct Outcome
 class Client : public QProcess
 {
 public:
-    explicit Client(const QStringList& arguments)
-        : Client(LXCLIENT, arguments)
-    { }
-    Client(const QString& program, const QStringList& arguments) { start(program, arguments); }
+    // `bad` is what BadPlugin does; no file that the client writes may grow beyond `fileLimit`
+    // bytes.
+    explicit Client(const QStringList& arguments, const QString& bad = QString(),
+                    rlim_t fileLimit = RLIM_INFINITY)
+        : m_file_limit(fileLimit)
+    {
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("LX_BAD", bad);
+        setProcessEnvironment(environment);
+        start(LXCLIENT, arguments);
+    }
 
     // The first capture of what the client has said on stderr so far; null: it has not said that.
     QString said(const QString& expression)
@@ -53,9 +61,9 @@ public:
         return QRegularExpression(expression).match(m_err).captured(1);
     }
 
-    void interrupt()
+    void interrupt(int signal = SIGINT)
     {
-        if (::kill(static_cast<pid_t>(processId()), SIGINT) != 0)
+        if (::kill(static_cast<pid_t>(processId()), signal) != 0)
             qFatal("lxclient cannot be interrupted");
     }
 
@@ -68,7 +76,16 @@ public:
                 m_err + QString::fromUtf8(readAllStandardError())};
     }
 
+protected:
+    void setupChildProcess() override
+    {
+        ::signal(SIGHUP, SIG_DFL); // also under nohup
+        const rlimit limit = {m_file_limit, m_file_limit};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
+
 private:
+    const rlim_t m_file_limit;
     QString m_err; // as far as it was looked at
 };
 
@@ -78,9 +95,11 @@ Outcome run(const QStringList& arguments)
 }
 
 // A short session with orders in it. However slow the machine, it does not complain.
+const QStringList brief{"--synthetic-quotes", "20000", "--stall-limit", "0", "--quiet"};
+
 Outcome runBriefly(const QStringList& arguments)
 {
-    return run(QStringList{"--synthetic-quotes", "20000", "--stall-limit", "0"} + arguments);
+    return run(brief + arguments);
 }
 
 // What a client serves: values by series, "lxbase_threads" or "lxbase_inbox_items{plugin=...}".
@@ -165,10 +184,13 @@ private slots:
         const Outcome replayed = run({"--quotes", file});
         VERIFY_CODE(made, 0);
         VERIFY_CODE(replayed, 0);
-        // without the line that tells how fast it was
-        const QString tables = made.out.section("in order.\n", 0, 0);
-        QVERIFY(tables.contains("quotes USD/JPY"));
-        QCOMPARE(replayed.out.section("in order.\n", 0, 0), tables);
+        // without what tells how fast it was: the backlogs of the plugins and the last lines
+        const auto tables = [](const Outcome& outcome) {
+            return outcome.out.section("\nPlugin ", 0, 0)
+                + outcome.out.section("\nLedger ", 1).section("in order.\n", 0, 0);
+        };
+        QVERIFY(tables(made).contains("quotes USD/JPY"));
+        QCOMPARE(tables(replayed), tables(made));
 
         QFile recording(file);
         QVERIFY(recording.open(QIODevice::Append) && recording.write("nonsense\n"));
@@ -194,6 +216,8 @@ private slots:
             {1, {"--boards", "0"}, "--boards 0"},
             {1, {"--metrics", "65536"}, "--metrics 65536"},
             {1, {"--stall-limit", "-1"}, "--stall-limit -1"},
+            {1, {"--skip-gaps", "-1"}, "--skip-gaps -1: a number of seconds from 0"},
+            {1, {"--plugin-deadline", "soon"}, "--plugin-deadline soon"},
             {1, {"--link", "red:a", "--link", "blue:a"}, "--link blue:a"},
             {1, {"--journal", ""}, "--journal: a name is expected"},
             {1, {"--record", ""}, "--record: a name is expected"},
@@ -356,11 +380,9 @@ private slots:
         const QTemporaryDir dir;
         const QString journal = dir.filePath("trades.db");
         const QString recording = dir.filePath("day.csv");
-        // no file may have more than 30 KiB: for what is written a disk that is full
-        Client client("/bin/sh",
-                      {"-c", "ulimit -f 60; exec \"$@\"", "sh", LXCLIENT, "--speed", "max",
-                       "--synthetic-quotes", "200000", "--stall-limit", "0", "--journal", journal,
-                       "--record", recording});
+        Client client({"--synthetic-quotes", "200000", "--stall-limit", "0", "--journal", journal,
+                       "--record", recording},
+                      {}, 30 * 1024); // for what is written like a disk that is full
         const Outcome full = client.outcome();
         VERIFY_CODE(full, 3);
         QVERIFY2(
@@ -385,8 +407,9 @@ private slots:
         const Folder folder(STRANGER);
         const Outcome outcome = runBriefly({"--plugins", folder.path(), "--set", "strangers=2"});
         VERIFY_CODE(outcome, 0);
-        QCOMPARE(outcome.captured("Plugin", "stranger#2 +0 +20,000 +0  (.*)$"),
-                 QString("a stranger's remark"));
+        QCOMPARE(
+            outcome.captured("Plugin", "stranger#2 +0 +20,000 +0 +[\\d,]+ +(?:\\d+ %)?  (.*)$"),
+            QString("a stranger's remark"));
         QStringList said = outcome.err.split('\n');
         std::sort(said.end() - 3, said.end()); // destroyed in no promised order, and the last end
         QCOMPARE(said.join(", "),
@@ -418,12 +441,123 @@ private slots:
         const Folder folder(STRANGER);
         for (const QStringList& names : cases) {
             Client client({"--plugins", folder.path(), "--synthetic-quotes", "2000",
-                           "--stall-limit", "50", "--set", names[0]});
+                           "--stall-limit", "50", "--plugin-deadline", "0", "--set", names[0]});
             QTRY_VERIFY_WITH_TIMEOUT(!client.said(names[1]).isNull(), DeadlineMs);
             client.closeWriteChannel();
             const Outcome outcome = client.outcome();
             VERIFY_CODE(outcome, 0);
         }
+    }
+
+    void aPluginThatFailsIsNamedAndTheSessionEnds_data()
+    {
+        QTest::addColumn<int>("code");
+        QTest::addColumn<QString>("said"); // behind the plugin's name
+        const std::tuple<const char*, int, QString> rows[] = {
+            {"throw constructor", 2,
+             ": plugin bad cannot start: its constructor has thrown: told to"},
+            {"throw initialise", 2, ": plugin bad cannot start: initialise has thrown: told to"},
+            {"wordless", 2, ": plugin bad cannot start: no reason was given"},
+            {"throw onQuote", 3, "): onQuote has thrown: told to"},
+            {"throw report", 3, "): report has thrown: told to"},
+            {"throw shutDown", 3, "): shutDown has thrown: told to"},
+            {"hang constructor", 3, "): has been in its constructor for "},
+            {"hang initialise", 3, "): has been in initialise for "},
+            {"hang onQuote", 3, "): its handler for quotations has not returned for "},
+            {"hang report", 3, "): has been in report for "},
+            {"hang shutDown", 3, "): has been in shutDown for "},
+            {"crash initialise", -1, "): initialise\n"},
+            {"crash onQuote", -1, "): onQuote\n"},
+            {"overflow onQuote", -1, "): onQuote\n"},
+        };
+        for (const auto& [bad, code, said] : rows)
+            QTest::newRow(bad) << code << said;
+    }
+
+    void aPluginThatFailsIsNamedAndTheSessionEnds()
+    {
+        QFETCH(int, code);
+        QFETCH(QString, said);
+        const Folder folder(BAD);
+        const QString bad = QTest::currentDataTag();
+        const QStringList deadline{"--plugin-deadline", bad.startsWith("hang") ? "2" : "0"};
+        const Outcome outcome =
+            Client(brief + QStringList{"--plugins", folder.path()} + deadline, bad).outcome();
+        if (code >= 0)
+            VERIFY_CODE(outcome, code);
+        else // a sanitizer may make an exit of it
+            QVERIFY(outcome.code != 0 && outcome.code != 2 && outcome.code != 3);
+        const QString named = said.startsWith(')') ? "plugin bad (library %1" : "lxclient: %1";
+        QVERIFY2(outcome.err.contains(named.arg(folder.added()) + said), qPrintable(outcome.err));
+        // a table where there can be one, with the fault, but for what failed without anybody else
+        QCOMPARE(outcome.out.contains("\nFAULT  bad: "), code == 3);
+        if (bad == "throw onQuote" || bad == "hang onQuote" || bad == "throw shutDown")
+            QVERIFY(outcome.count("orders") > 0); // the others went on, and were shut down
+        if (bad == "throw shutDown" || bad == "hang shutDown")
+            QVERIFY(outcome.count("quotes EUR/USD") > 1000);
+    }
+
+    void theSecondSignalDoesNotWait()
+    {
+        const std::tuple<QString, QString, QString, QString> cases[] = {
+            {"slow onQuote", "(settling for )", "(waiting for bad: [\\d,]+ quotes; press again)",
+             "\nNot finished: bad: quotations "},
+            {"hang shutDown", "(hangs)", "(hangs)", "\nFAULT  bad: has been in shutDown for "},
+            {"hang initialise", "(hangs)", "(hangs)", "\nFAULT  bad: has been in initialise for "},
+        };
+        const Folder folder(BAD);
+        for (const auto& [bad, before, waits, missing] : cases) {
+            Client client({"--synthetic-quotes", "20000", "--plugins", folder.path(),
+                           "--plugin-deadline", "0", "--stall-limit", "50"},
+                          bad);
+            QTRY_VERIFY_WITH_TIMEOUT(!client.said(before).isNull(), DeadlineMs);
+            client.interrupt(SIGHUP);
+            QTRY_VERIFY_WITH_TIMEOUT(!client.said(waits).isNull(), DeadlineMs);
+            client.interrupt(SIGTERM); // another one: two that are the same may come as one
+            const Outcome outcome = client.outcome();
+            VERIFY_CODE(outcome, 3);
+            QVERIFY2(outcome.out.contains(missing), qPrintable(outcome.out));
+        }
+    }
+
+    void aSessionSaysHowFarItIsAndWhatItWaitsFor()
+    {
+        const QTemporaryDir dir;
+        QFile recording(dir.filePath("years.csv"));
+        QVERIFY(recording.open(QIODevice::WriteOnly)
+                && recording.write("timestamp,symbol,bid,ask\n"
+                                   "2017-01-31T17:00:00.000Z,EUR/USD,1.1000,1.1001\n"
+                                   "2024-01-31T17:00:00.000Z,EUR/USD,1.1000,1.1001\n"));
+        recording.close();
+        const QStringList years{"--quotes", recording.fileName(), "--speed", "10000"};
+        Client waiting(years);
+        QTRY_VERIFY_WITH_TIMEOUT(!waiting
+                                      .said("(no quotes from 2017-01-31 .* 6 h 8 min at this "
+                                            "speed: waiting; --skip-gaps)")
+                                      .isNull(),
+                                 DeadlineMs);
+        QTRY_VERIFY_WITH_TIMEOUT(
+            !waiting.said("\nlxclient: \\d+ s, (1 quotes), 0/s, up to 2017-01-31 17:00:00 UTC; ")
+                 .isNull(),
+            DeadlineMs);
+        waiting.interrupt();
+        const Outcome interrupted = waiting.outcome();
+        VERIFY_CODE(interrupted, 0);
+        QVERIFY(!interrupted.out.contains("Slower than asked"));
+
+        const Outcome skipped = run(years + QStringList{"--skip-gaps", "5"});
+        VERIFY_CODE(skipped, 0);
+        QVERIFY(skipped.out.contains("gaps skipped: 1\n"));
+
+        const Folder folder(BAD);
+        const Outcome slow =
+            Client({"--synthetic-quotes", "200", "--speed", "100000", "--plugins", folder.path()},
+                   "slow onQuote")
+                .outcome();
+        VERIFY_CODE(slow, 0);
+        QVERIFY2(slow.out.contains(QRegularExpression("\nSlower than asked, .*: because of bad, ")),
+                 qPrintable(slow.out));
+        QVERIFY(!slow.captured("Plugin", "bad .* (\\d+ %)$").isEmpty());
     }
 
     void whatIsScrapedAddsUpAndIsWhatTheEndTableShows()

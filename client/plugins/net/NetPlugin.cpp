@@ -7,6 +7,7 @@
 #include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
 
+#include <QDateTime>
 #include <QLoggingCategory>
 
 #include <utility>
@@ -23,6 +24,25 @@ namespace {
 
 Q_LOGGING_CATEGORY(lcNet, "lxclient.net")
 
+constexpr double LongGapS = 60; // to wait for: worth a word
+
+// "6 h 12 min", "75 s".
+QString waitText(double seconds)
+{
+    const auto minutes = static_cast<qint64>(seconds / 60);
+    if (minutes >= 48 * 60)
+        return QStringLiteral("%1 days").arg(minutes / (24 * 60));
+    if (minutes >= 60)
+        return QStringLiteral("%1 h %2 min").arg(minutes / 60).arg(minutes % 60);
+    return QStringLiteral("%1 s").arg(seconds, 0, 'f', 0);
+}
+
+QString timeText(qint64 ms)
+{
+    return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC)
+        .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss 'UTC'"));
+}
+
 } // namespace
 
 NetPlugin::NetPlugin()
@@ -34,6 +54,8 @@ NetPlugin::~NetPlugin() = default;
 Error NetPlugin::onInitialise(const QVariantMap& settings)
 {
     m_speed = settings.value(setting::Speed).toDouble();
+    if (settings.contains(setting::SkipGaps))
+        m_skip_gaps_s = settings.value(setting::SkipGaps).toDouble();
     const QStringList files = settings.value(setting::Quotes).toStringList();
     if (files.isEmpty()) {
         m_source =
@@ -81,6 +103,8 @@ lxclient::Report NetPlugin::report() const
         QStringLiteral("pool records: %1 borrowed, %2 returned").arg(m_borrowed).arg(m_returned));
     if (m_bad_rows > 0)
         report.remarks.append(QStringLiteral("bad rows skipped: %1").arg(m_bad_rows));
+    if (m_gaps_skipped > 0)
+        report.remarks.append(QStringLiteral("gaps skipped: %1").arg(m_gaps_skipped));
     report.faults = m_faults;
     return report;
 }
@@ -121,17 +145,39 @@ void NetPlugin::play()
 // False: stop. The first quote is due at once and sets the clock for the others.
 bool NetPlugin::waitUntilDue(qint64 dueMs)
 {
-    std::unique_lock<std::mutex> locker(m_stop_mutex);
     if (m_speed > 0) {
         if (!m_first_due_ms) {
-            m_first_due_ms = dueMs;
+            m_first_due_ms = m_last_due_ms = dueMs;
             m_begin = Clock::now();
         }
+        passGap(dueMs - m_last_due_ms);
+        m_last_due_ms = dueMs;
+    }
+    std::unique_lock<std::mutex> locker(m_stop_mutex);
+    if (m_speed > 0) {
         const std::chrono::duration<double, std::milli> played((dueMs - *m_first_due_ms) / m_speed);
         const auto due = m_begin + std::chrono::duration_cast<Clock::duration>(played);
         m_stop_condition.wait_until(locker, due, [this] { return m_stop; });
     }
     return !m_stop;
+}
+
+// The pause before the next quote: leaves it out if it is too long, and says so if it is long.
+void NetPlugin::passGap(qint64 gapMs)
+{
+    const double waitS = static_cast<double>(gapMs) / m_speed / 1000;
+    const bool skip = m_skip_gaps_s && waitS > *m_skip_gaps_s;
+    if (waitS > LongGapS) {
+        qCWarning(lcNet).noquote().nospace()
+            << "no quotes from " << timeText(m_last_due_ms) << " to "
+            << timeText(m_last_due_ms + gapMs) << ", " << waitText(waitS) << " at this speed: "
+            << (skip ? "left out" : "waiting; --skip-gaps SECONDS leaves such gaps out");
+    }
+    if (!skip)
+        return;
+    *m_first_due_ms += gapMs;
+    const QMutexLocker locker(&m_mutex);
+    ++m_gaps_skipped;
 }
 
 void NetPlugin::putQuote(Quote quote)

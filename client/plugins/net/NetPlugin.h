@@ -57,6 +57,7 @@ private:
 
     void play();
     bool waitUntilDue(qint64 dueMs);
+    void passGap(qint64 gapMs);
     void putQuote(lxclient::Quote quote);
     void fill(const QString& customer, const lxclient::Order& order);
     void reportBadRow(const QString& where, const QString& reason);
@@ -67,12 +68,14 @@ private:
 
     // constant after initialise
     double m_speed = 0;
+    std::optional<double> m_skip_gaps_s;  // longer waits are left out; none: no wait is
     QHash<QString, int> m_line_of_symbol; // index into m_lines
 
     // the player thread's, after start
     using Clock = std::chrono::steady_clock;
     std::unique_ptr<QuoteSource> m_source;
-    std::optional<qint64> m_first_due_ms;
+    std::optional<qint64> m_first_due_ms; // moved on by the gaps that were left out
+    qint64 m_last_due_ms = 0;
     Clock::time_point m_begin; // when the first quote was due
     std::thread m_player;
 
@@ -88,6 +91,7 @@ private:
     // guarded by m_mutex
     QVector<Line> m_lines;
     quint64 m_bad_rows = 0;
+    quint64 m_gaps_skipped = 0;
     quint64 m_orders = 0;
     quint64 m_acknowledged = 0;
     quint64 m_executed = 0;

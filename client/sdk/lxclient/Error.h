@@ -25,7 +25,8 @@ public:
     /// A failure, also if `words` is empty. Written so that a name and a colon can stand before it:
     /// "cannot be read: permission denied".
     explicit Error(QString words)
-        : m_words(words.isEmpty() ? QStringLiteral("unknown error") : std::move(words))
+        : m_words(words.trimmed().isEmpty() ? QStringLiteral("no reason was given")
+                                            : std::move(words))
     { }
 
     /// Whether something went wrong.

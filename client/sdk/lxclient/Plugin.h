@@ -53,6 +53,15 @@ namespace lxclient {
 /// Another way to the end: if a library is refused or an initialise fails, those already
 /// initialised are shut down in reverse order and the client ends with exit code 2.
 ///
+/// A plugin that fails is named, with its library, the operation and the reason, and is a fault of
+/// the ledger: the client then ends with exit code 3. What throws counts as failed: a constructor
+/// or initialise as an initialise that fails; one that has thrown anywhere else is shut down at
+/// once, while the others go on. (A handler that throws is caught by PluginBase; with another base
+/// class it ends the process.) No operation may take longer than the deadline, 10 seconds unless
+/// the user says otherwise (--plugin-deadline): the client then ends without the plugins that are
+/// not shut down yet. A plugin with a handler that has not returned for as long is shut down after
+/// all others, or not at all.
+///
 /// The host owns the objects. Nothing of a plugin may outlive its shutDown: no thread, no timer, no
 /// registration on the bus, no value of a type of its own in somebody else's hands; the library's
 /// code goes away soon after.

@@ -5,9 +5,11 @@
 
 #include <lxclient/Plugin.h>
 #include <lxclient/Protocol.h>
+#include <lxclient/Supervisor.h>
 
 #include <lxbase/MessageInterface.h>
 
+#include <atomic>
 #include <utility>
 
 namespace lxclient {
@@ -29,6 +31,10 @@ namespace lxclient {
 /// onInitialise and onShutDown run on the main thread; the others each on a worker thread of the
 /// bus: calls of one never overlap, calls of different ones may. None runs before onInitialise has
 /// returned or after onShutDown has begun.
+///
+/// An exception that leaves onMessage, onEvent or onQuote ends here: none of the three is called
+/// again, and the host is told, which names plugin and reason, shuts the plugin down and counts it
+/// as a fault. Without a host it is said in the log.
 ///
 /// A plugin that is destroyed without shutDown, a mistake of whoever owns it, has handlers that run
 /// in an object half gone. It says so in the log and unregisters.
@@ -56,9 +62,15 @@ public:
     Error initialise(const QString& id, const QVariantMap& settings) final
     {
         m_id = id;
-        if (const Error error = onInitialise(settings)) {
-            UnReg(m_id); // its subscriptions
-            return error;
+        m_supervisor = settings.value(setting::Supervisor).value<Supervisor*>();
+        try {
+            if (const Error error = onInitialise(settings)) {
+                UnReg(m_id); // its subscriptions
+                return error;
+            }
+        } catch (...) {
+            UnReg(m_id);
+            throw;
         }
         Reg(m_id, this, m_kinds);
         m_registered = true;
@@ -119,22 +131,68 @@ protected:
 private:
     void RecvMsg(QString srcId, QVariant type, QVariant data) final
     {
-        onMessage(srcId, type.toInt(), data);
+        call("onMessage", [&] { onMessage(srcId, type.toInt(), data); });
     }
 
     void RecvEvent(QString srcId, QVariant type, QVariant data) final
     {
-        onEvent(srcId, type.toInt(), data);
+        call("onEvent", [&] { onEvent(srcId, type.toInt(), data); });
     }
 
     void RecvQuotationMsg(QString, QVariant, QVariant data) final
     {
         if (data.userType() == qMetaTypeId<Quote>())
-            onQuote(data.value<Quote>());
+            call("onQuote", [&] { onQuote(data.value<Quote>()); });
     }
 
+    // The edge of the plugin: beyond it, in the worker of the bus, an exception ends the process.
+    template<class Hook>
+    void call(const char* name, const Hook& hook)
+    {
+        if (m_failed.load(std::memory_order_relaxed))
+            return;
+        try {
+            const Watched watched(m_supervisor, name);
+            hook();
+        } catch (...) {
+            m_failed.store(true, std::memory_order_relaxed);
+            const QString reason = exceptionWords();
+            if (m_supervisor)
+                m_supervisor->threw(name, reason);
+            else
+                qCritical("lxclient: plugin %s: %s has thrown: %s", qPrintable(m_id), name,
+                          qPrintable(reason));
+        }
+    }
+
+    class Watched
+    {
+    public:
+        Watched(Supervisor* supervisor, const char* handler)
+            : m_supervisor(supervisor)
+        {
+            if (m_supervisor)
+                m_supervisor->entered(handler);
+        }
+        ~Watched()
+        {
+            if (m_supervisor)
+                m_supervisor->left();
+        }
+        Q_DISABLE_COPY(Watched)
+
+    private:
+        Supervisor* const m_supervisor;
+    };
+
     const ThreadType m_kinds;
-    QString m_id; // constant after initialise
+    // constant after initialise
+    QString m_id;
+    Supervisor* m_supervisor = nullptr; // the host's; null: nobody wants to know
+
+    // atomic: set by the worker whose handler has thrown, read by all three
+    std::atomic<bool> m_failed{false};
+
     bool m_registered = false;
 };
 

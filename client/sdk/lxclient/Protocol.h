@@ -126,12 +126,17 @@ inline const QString Boards = QStringLiteral("boards");
 inline const QString Journal = QStringLiteral("journal");
 /// int: where the metrics are served, on the loopback interface; 0: anywhere. Missing: nowhere.
 inline const QString MetricsPort = QStringLiteral("metrics.port");
+/// double: a pause between two quotes that would be waited for longer than so many seconds is left
+/// out. Missing: none is.
+inline const QString SkipGaps = QStringLiteral("skip.gaps");
+/// lxclient::Supervisor*: whom PluginBase tells of the plugin's handlers. Missing: nobody.
+inline const QString Supervisor = QStringLiteral("supervisor");
 
 /// All of them.
 inline QStringList ofTheHost()
 {
-    return {Symbols,       Linked, Quotes,  Speed,      SyntheticQuotes,
-            SyntheticSeed, Boards, Journal, MetricsPort};
+    return {Symbols, Linked,  Quotes,      Speed,    SyntheticQuotes, SyntheticSeed,
+            Boards,  Journal, MetricsPort, SkipGaps, Supervisor};
 }
 
 } // namespace setting
