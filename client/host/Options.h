@@ -21,9 +21,9 @@ enum ExitCode {
 
 struct Options
 {
-    QString plugin_folder;
-    QStringList recordings; // empty: a synthetic session
-    double speed = 0;       // times real time; 0: as fast as possible
+    QStringList plugin_folders; // in the order in which they are read
+    QStringList recordings;     // empty: a synthetic session
+    double speed = 0;           // times real time; 0: as fast as possible
     int synthetic_quotes = 0;
     quint64 synthetic_seed = 0;
     int boards = 0;

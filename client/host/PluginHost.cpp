@@ -1,6 +1,7 @@
 #include "PluginHost.h"
 
 #include "BusTables.h"
+#include "ProgressLine.h"
 
 #include <lxbase/BusMonitor.h>
 #include <lxbase/MessageInterface.h>
@@ -22,6 +23,7 @@ using lxclient::Error;
 struct PluginHost::Library
 {
     std::unique_ptr<QPluginLoader> loader;
+    QString canonical_file; // wherever links to it are
     MetaData meta_data;
     QVariantMap settings;                   // what it has declared, with its values
     bool has_version_2 = false;             // of the interface: report is its last operation
@@ -43,6 +45,28 @@ Error cannotStart(const QString& id, const Error& reason)
     return reason.about(QStringLiteral("plugin %1 cannot start").arg(id));
 }
 
+// Why what is named like a library cannot be one; empty: it may be.
+QString flawOf(const QFileInfo& entry)
+{
+    if (entry.isSymLink() && !entry.exists())
+        return QStringLiteral("is a broken link to %1").arg(entry.symLinkTarget());
+    if (entry.isDir())
+        return QStringLiteral("is a folder, not a library");
+    return entry.isFile() ? QString() : QStringLiteral("is no file");
+}
+
+QStringList registeredIds()
+{
+    QStringList ids;
+    const QVector<InboxStatistics> inboxes = CBusMonitor::statistics().inboxes;
+    for (const InboxStatistics& inbox : inboxes) {
+        if (!inbox.plugin.isEmpty()
+            && !ids.contains(inbox.plugin)) // without: of those that have gone
+            ids.append(inbox.plugin);
+    }
+    return ids;
+}
+
 // No name is in both: plugins declare none of the host's.
 QVariantMap united(QVariantMap common, const QVariantMap& own)
 {
@@ -62,22 +86,12 @@ PluginHost::~PluginHost()
     unload();
 }
 
-Error PluginHost::readMetaData(const QString& folder)
+Error PluginHost::readMetaData(const QStringList& folders)
 {
-    m_folder = folder;
-    const QDir dir(folder);
-    if (!dir.exists())
-        return Error(QStringLiteral("there is no such plugin folder")).about(folder);
-    const QFileInfoList files = dir.entryInfoList(QDir::Files, QDir::Name);
-    for (const QFileInfo& file : files) {
-        if (!QLibrary::isLibrary(file.fileName()))
-            continue;
-        Library library;
-        library.loader = std::make_unique<QPluginLoader>(file.absoluteFilePath());
-        // when it is loaded, not in the middle of a run
-        library.loader->setLoadHints(QLibrary::ResolveAllSymbolsHint);
-        if (const Error error = addLibrary(std::move(library)))
-            return error.about(file.absoluteFilePath());
+    m_folders = folders;
+    for (const QString& folder : folders) {
+        if (const Error error = readFolder(folder))
+            return error;
     }
     std::sort(m_libraries.begin(), m_libraries.end(),
               [](const Library& a, const Library& b) { return a.meta_data.id < b.meta_data.id; });
@@ -130,7 +144,7 @@ Error PluginHost::load(const QVariantMap& common)
         for (Library& library : m_libraries) {
             if (library.meta_data.payloads != payloads)
                 continue;
-            library.supervised = &supervise(library.meta_data.id, library);
+            library.supervised = &supervise(library.meta_data.id, library.file());
             if (const Error error = loadLibrary(library))
                 return error.about(library.file());
         }
@@ -142,7 +156,8 @@ Error PluginHost::load(const QVariantMap& common)
     const bool anyInput = std::any_of(m_instances.begin(), m_instances.end(),
                                       [](const Instance& instance) { return instance.input; });
     return anyInput ? Error()
-                    : Error(QStringLiteral("no plugin there brings in quotes")).about(m_folder);
+                    : Error(QStringLiteral("no plugin there brings in quotes"))
+                          .about(m_folders.join(QLatin1String(", ")));
 }
 
 QStringList PluginHost::ids() const
@@ -272,7 +287,33 @@ bool PluginHost::shutDown(const std::function<void(const QString& id)>& next,
         return all;
     };
     shutDownThose(false, {});
-    return shutDownThose(true, stuck(stuckLimit));
+    const bool all = shutDownThose(true, stuck(stuckLimit));
+    if (all)
+        unregisterForgotten();
+    return all;
+}
+
+// Their workers would call into objects and libraries that go away. An ID that is no plugin's own
+// was registered by one of them besides.
+void PluginHost::unregisterForgotten()
+{
+    const QString fault = QStringLiteral(
+        "was still registered on the bus after shutDown, which has to end with UnReg");
+    const auto unregister = [&](SupervisedPlugin& supervised) {
+        supervised.fail(fault, QStringLiteral("it is unregistered"));
+        static_cast<void>( // waits for the handlers
+            supervised.call("UnReg", [&] { CRegManager::UnReg(supervised.id()); }));
+    };
+    for (const Instance& instance : m_instances) {
+        if (registeredIds().contains(instance.id))
+            unregister(*instance.supervised);
+    }
+    const QStringList others = registeredIds();
+    for (const QString& id : others) {
+        SupervisedPlugin& forgotten = supervise(id, QStringLiteral("of one of the plugins"));
+        m_forgotten.push_back(&forgotten);
+        unregister(forgotten);
+    }
 }
 
 // One that throws may still be registered.
@@ -331,13 +372,50 @@ QVector<NamedReport> PluginHost::lastReports() const
         reports.append({instance.id, instance.last_report});
         reports.last().report.faults += instance.supervised->faults();
     }
+    for (const SupervisedPlugin* const forgotten : m_forgotten) {
+        reports.append({forgotten->id(), {}});
+        reports.last().report.faults = forgotten->faults();
+    }
     return reports;
 }
 
-SupervisedPlugin& PluginHost::supervise(const QString& id, const Library& library)
+SupervisedPlugin& PluginHost::supervise(const QString& id, const QString& library)
 {
-    m_supervised.push_back(std::make_unique<SupervisedPlugin>(id, library.file(), m_watch));
+    m_supervised.push_back(std::make_unique<SupervisedPlugin>(id, library, m_watch));
     return *m_supervised.back();
+}
+
+Error PluginHost::readFolder(const QString& folder)
+{
+    const QDir dir(folder);
+    if (!dir.exists())
+        return Error(QStringLiteral("there is no such plugin folder")).about(folder);
+    const QFileInfoList entries = // broken links and pipes are "system"
+        dir.entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+    for (const QFileInfo& entry : entries) {
+        if (!QLibrary::isLibrary(entry.fileName()))
+            continue;
+        const QString file = entry.absoluteFilePath();
+        if (const QString flaw = flawOf(entry); !flaw.isEmpty()) {
+            ProgressLine::say(QStringLiteral("%1: %2; passed over").arg(file, flaw));
+            continue;
+        }
+        const QString canonicalFile = entry.canonicalFilePath();
+        const bool known =
+            std::any_of(m_libraries.begin(), m_libraries.end(), [&](const Library& library) {
+                return library.canonical_file == canonicalFile;
+            });
+        if (known)
+            continue;
+        Library library;
+        library.canonical_file = canonicalFile;
+        library.loader = std::make_unique<QPluginLoader>(file);
+        // when it is loaded, not in the middle of a run
+        library.loader->setLoadHints(QLibrary::ResolveAllSymbolsHint);
+        if (const Error error = addLibrary(std::move(library)))
+            return error.about(file);
+    }
+    return {};
 }
 
 // What is no plugin of ours is refused before it is loaded.
@@ -387,17 +465,18 @@ Error PluginHost::loadLibrary(const Library& library)
     if (const Error thrown = makeRoot(library, root))
         return thrown;
     lxclient::Plugin* const plugin = pluginOf(library, root);
-    const Error thrown = plugin ? library.supervised->call("registerPayloads",
-                                                           [&] { plugin->registerPayloads(); })
-                                : Error(); // refused when the instances are made
+    if (!plugin)
+        return {}; // refused when the instances are made
+    const Error thrown =
+        library.supervised->call("registerPayloads", [&] { plugin->registerPayloads(); });
     return thrown ? cannotStart(library.meta_data.id, thrown) : Error();
 }
 
 // The loader makes it once.
 Error PluginHost::makeRoot(const Library& library, QObject*& root)
 {
-    const Error thrown = library.supervised->call(constructorOperation,
-                                                  [&] { root = library.loader->instance(); });
+    const Error thrown =
+        library.supervised->call(constructorOperation, [&] { root = library.loader->instance(); });
     return thrown ? cannotStart(library.meta_data.id, thrown) : Error();
 }
 
@@ -449,7 +528,7 @@ Error PluginHost::addInstance(const Library& library, const QString& id, QObject
     Instance instance;
     instance.id = id;
     instance.library = &library;
-    instance.supervised = &supervise(id, library);
+    instance.supervised = &supervise(id, library.file());
     if (owned)
         instance.owned.reset(object);
     if (!object) {

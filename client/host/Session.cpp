@@ -63,7 +63,7 @@ Error Session::start()
 {
     if (const Error error = takeSymbols())
         return error;
-    if (const Error error = m_host.readMetaData(m_options.plugin_folder))
+    if (const Error error = m_host.readMetaData(m_options.plugin_folders))
         return error;
     if (const Error error = m_host.set(m_options.plugin_settings))
         return error;
@@ -73,7 +73,7 @@ Error Session::start()
         return error;
     if (m_options.metrics_port && !m_host.ids().contains(QStringLiteral("metrics"))) {
         return Error(QStringLiteral("--metrics: there is no plugin metrics in %1")
-                         .arg(m_options.plugin_folder));
+                         .arg(m_options.plugin_folders.join(QLatin1String(", "))));
     }
 
     CBusMonitor::setStallLimit(m_options.stall_limit_ms);

@@ -15,6 +15,7 @@
 #endif
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <memory>
 
@@ -27,10 +28,10 @@ ExitCode refuse(const lxclient::Error& error, ExitCode code)
 }
 
 // Reads the metadata alone: no code of a plugin runs.
-ExitCode listSettings(const QString& pluginFolder)
+ExitCode listSettings(const QStringList& pluginFolders)
 {
     PluginHost host;
-    if (const lxclient::Error error = host.readMetaData(pluginFolder))
+    if (const lxclient::Error error = host.readMetaData(pluginFolders))
         return refuse(error, ExitCannotStart);
     TextTable table({QStringLiteral("Plugin"), QStringLiteral("Setting"), QStringLiteral("Type"),
                      QStringLiteral("Range"), QStringLiteral("Default"),
@@ -73,6 +74,7 @@ std::unique_ptr<QCoreApplication> makeApplication(int& argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    std::signal(SIGXFSZ, SIG_IGN); // a file that may not grow is then an error like a full disk
     crashline::install();
     const std::unique_ptr<QCoreApplication> program = makeApplication(argc, argv);
     if (!program) {
@@ -87,7 +89,7 @@ int main(int argc, char** argv)
     if (const lxclient::Error error = Options::parse(QCoreApplication::arguments(), options))
         return refuse(error, ExitBadCommandLine);
     if (options.list_settings)
-        return listSettings(options.plugin_folder);
+        return listSettings(options.plugin_folders);
     if (!options.verbose) // QT_LOGGING_RULES still has the last word
         QLoggingCategory::setFilterRules(QStringLiteral("lxbase.debug=false"));
     lxclient::registerPayloads();

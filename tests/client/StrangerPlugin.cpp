@@ -37,6 +37,9 @@ private:
     lxclient::Error onInitialise(const QVariantMap& settings) override
     {
         m_faulty = settings.value("fault") == id();
+        m_forgetful = settings.value("forget") == id();
+        if (m_forgetful)
+            Reg("window of " + id(), this, EventThread);
         m_hangs = settings.value("hang") == id();
         m_late = settings.value("late") == id();
         if (settings.value("refuse") == id())
@@ -54,6 +57,8 @@ private:
     {
         if (m_late)
             waitForTheEndOfInput();
+        if (m_forgetful)
+            Reg(id(), this, MessageThread); // as if it had not been unregistered
         say("shut down");
     }
 
@@ -73,6 +78,7 @@ private:
     }
 
     bool m_faulty = false;
+    bool m_forgetful = false;
     bool m_hangs = false;
     bool m_late = false;
     mutable QMutex m_mutex;

@@ -23,8 +23,7 @@ namespace lxclient {
 ///         Q_INTERFACES(lxclient::Plugin)
 ///
 /// Metadata (the JSON file), which the host reads and checks before it loads any library:
-///  - "id": the plugin's ID on the bus, required, without a "#"; no other plugin in the folder has
-///    it.
+///  - "id": the plugin's ID on the bus, required, without a "#"; no other plugin has it.
 ///  - "instances": optional, the name of an int setting that holds a number N: there are then N
 ///    objects of the class, with the IDs id#1 to id#N. The class needs a constructor without
 ///    arguments that is declared Q_INVOKABLE.
@@ -35,13 +34,13 @@ namespace lxclient {
 ///        { "name": "orders.max-open", "type": "int", "default": 1000, "min": 1,
 ///          "description": "So many orders may be open at once." }
 ///
-///    Begin the name with the plugin's ID, for no other plugin in the folder may declare it. "type"
-///    is int, double, string or bool; "min" and "max" are optional, for numbers.
+///    Begin the name with the plugin's ID, for no other plugin may declare it. "type" is int,
+///    double, string or bool; "min" and "max" are optional, for numbers.
 ///
-/// A folder needs one plugin at least that is an Input.
+/// One plugin at least must be an Input.
 ///
 /// Life, all on the host's main thread, which runs an event loop:
-///  1. Every library in the plugin folder that is needed is loaded and its root object made.
+///  1. Every library in the plugin folders that is needed is loaded and its root object made.
 ///     Constructors touch neither the bus nor anything that can fail. Those with payload types of
 ///     their own come first: each is loaded, and registerPayloads called, before the next one.
 ///  2. initialise, in the order of the IDs. The bus has been started.
@@ -60,15 +59,15 @@ namespace lxclient {
 /// A plugin that fails is named, with its library, the operation and the reason, and is a fault of
 /// the ledger: the client then ends with exit code 3. What throws counts as failed: a constructor,
 /// registerPayloads or initialise as an initialise that fails; one that has thrown anywhere else is
-/// shut down at once, while the others go on. (A handler that throws is caught by PluginBase; with another base
-/// class it ends the process.) No operation may take longer than the deadline, 10 seconds unless
-/// the user says otherwise (--plugin-deadline): the client then ends without the plugins that are
-/// not shut down yet. A plugin with a handler that has not returned for as long is shut down after
-/// all others, or not at all.
+/// shut down at once, while the others go on. (A handler that throws is caught by PluginBase; with
+/// another base class it ends the process.) No operation may take longer than the deadline, 10
+/// seconds unless the user says otherwise (--plugin-deadline): the client then ends without the
+/// plugins that are not shut down yet. A plugin with a handler that has not returned for as long is
+/// shut down after all others, or not at all.
 ///
 /// The host owns the objects. Nothing of a plugin may outlive its shutDown: no thread, no timer, no
 /// registration on the bus, no value of a type of its own in somebody else's hands; the library's
-/// code goes away soon after. A plugin that is destroyed while it is registered crashes the client.
+/// code goes away soon after.
 ///
 /// The handlers of IMessageInterface are called on the bus's worker threads, never on the main
 /// thread: whatever they share with the operations below needs a lock. Hold it briefly, and never
@@ -87,8 +86,9 @@ public:
     virtual Error initialise(const QString& id, const QVariantMap& settings) = 0;
 
     /// Ends what initialise began: unregisters first, then releases. Called once if initialise
-    /// succeeded. Whatever was put before has been handled by then, unless the host gave up waiting
-    /// for it.
+    /// succeeded. Who is still registered when all have been shut down is a fault of the ledger,
+    /// under the ID with which he is. Whatever was put before has been handled by then, unless the
+    /// host gave up waiting for it.
     virtual void shutDown() = 0;
 
     /// What the plugin has to say about itself at the moment; quick, and without side effects.

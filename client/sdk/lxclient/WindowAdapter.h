@@ -66,14 +66,13 @@ public:
     {
         m_window = window;
         m_handlers = std::move(handlers);
-        m_quotes = m_handlers.quotes
-            ? std::make_unique<Conflator<QString, Quote>>(
-                window,
-                [this](const QHash<QString, Quote>& newest) {
-                    guarded("WindowHandlers::quotes", [&] { m_handlers.quotes(newest); });
-                },
-                frame)
-            : nullptr;
+        m_quotes.reset();
+        if (!m_handlers.quotes)
+            return;
+        const auto show = [this](const QHash<QString, Quote>& newest) {
+            guarded("WindowHandlers::quotes", [&] { m_handlers.quotes(newest); });
+        };
+        m_quotes = std::make_unique<Conflator<QString, Quote>>(window, show, frame);
     }
 
     /// The user has selected a symbol: the linked windows follow, if it is another one. The
