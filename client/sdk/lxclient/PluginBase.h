@@ -180,7 +180,15 @@ protected:
         QMetaObject::invokeMethod(
             this,
             [this, destination, traceId, timeout] {
-                QTimer::singleShot(timeout, this, [=] { giveUp(destination, traceId, timeout); });
+                // a child, which goes with the plugin: what QTimer::singleShot makes would keep its
+                // function until the time is over, when the library may have gone
+                auto* const timer = new QTimer(this);
+                timer->setSingleShot(true);
+                connect(timer, &QTimer::timeout, this, [=] {
+                    timer->deleteLater();
+                    giveUp(destination, traceId, timeout);
+                });
+                timer->start(timeout);
             },
             Qt::QueuedConnection);
         putTraced(destination, RequestType, traceId,
