@@ -7,6 +7,7 @@
 
 #include <array>
 #include <atomic>
+#include <stdexcept>
 #include <thread>
 
 using namespace std::chrono_literals;
@@ -35,6 +36,19 @@ public:
 
     lxclient::WindowAdapter m_bus;
     int m_shown = 0;
+};
+
+class Host : public lxclient::Supervisor
+{
+public:
+    void entered(const char*) noexcept override { }
+    void left() noexcept override { }
+    void threw(const char* handler, const QString& reason) override
+    {
+        m_told = QLatin1String(handler) + ": " + reason;
+    }
+
+    QString m_told;
 };
 
 } // namespace
@@ -262,6 +276,25 @@ private slots:
         bench.quote("A", {1, 0}, {2, 0});
         bench.quote("B", {1, 0}, {2, 0});
         QVERIFY(bench.waitUntil([&] { return windows[1].m_shown == 2; }));
+    }
+
+    void whatAWindowThrowsEndsInTheAdapterAndIsTold()
+    {
+        QObject window;
+        int calls = 0;
+        const auto show = [&](const auto&) {
+            ++calls;
+            throw std::runtime_error("no room");
+        };
+        Host host;
+        lxclient::WindowAdapter adapter(lxclient::PluginBase::QuotationThread);
+        adapter.setWindow(&window, {show}, 0ms);
+        TestBench bench({"A"});
+        const auto supervisor = QVariant::fromValue<lxclient::Supervisor*>(&host);
+        QVERIFY(!bench.start(adapter, "window", {{lxclient::setting::Supervisor, supervisor}}));
+        bench.quote("A", {1, 0}, {2, 0});
+        QVERIFY(bench.waitUntil([&] { return calls == 1; }));
+        QCOMPARE(host.m_told, QString("WindowHandlers::quotes: no room"));
     }
 };
 
