@@ -79,7 +79,7 @@ private:
     QVariantMap m_settings; // the host's own, the same for every plugin
     QMap<RelationColor_t, QStringList> m_links;
     TraceFile m_trace; // before what makes threads
-    Tap m_tap; // outlives the plugins, which put to its queues
+    Tap m_tap;         // outlives the plugins, which put to its queues
     PluginHost m_host;
 
     // atomic: set by whoever interrupts, read while the session starts
