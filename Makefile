@@ -5,8 +5,8 @@
 .PHONY: help deps build demo test metrics-test asan tsan soak fuzz model bench package-build package package-test \
 	abi-reference docs lint format format-check
 
-PACKAGES := ca-certificates ccache cmake g++ libqt5sql5-sqlite libtbb-dev make ninja-build \
-	pkg-config prometheus-cpp-dev python3 qtbase5-dev
+PACKAGES := ca-certificates ccache cmake g++ libprotozero-dev libqt5sql5-sqlite libtbb-dev make ninja-build \
+	pkg-config prometheus-cpp-dev protobuf-compiler python3 qtbase5-dev systemtap-sdt-dev
 SOURCES = $(shell git ls-files '*.h' '*.cpp')
 INSTALL = tools/install-deps
 CONFIGURE = cmake $(if $(shell command -v ccache),-DCMAKE_CXX_COMPILER_LAUNCHER=ccache) --preset
@@ -43,9 +43,12 @@ tsan: deps ## every test under ThreadSanitizer
 	cmake --build --preset tsan
 	ctest --preset tsan
 
-soak: build ## ten million deliveries under each idle policy, checked one by one
+soak: build ## ten million deliveries under each idle policy; a slow board; five million quotes in bounded memory
 	LXTEST_IDLE=poll build/release/tests/stress/stress_ledger --long
 	LXTEST_IDLE=park build/release/tests/stress/stress_ledger --long
+	LXTEST_IDLE=poll build/release/tests/stress/stress_slow_board --long
+	LXTEST_IDLE=park build/release/tests/stress/stress_slow_board --long
+	tools/check-memory build/release/client/lxclient
 
 fuzz: deps ## feed the quote reader with what a fuzzer thinks of, for a minute
 	@$(INSTALL) clang-14 libclang-rt-14-dev

@@ -7,6 +7,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <lxbase/MessageCenter.h>
 #include <lxevent/EventMessageCommon.h>
 #include <lxmsg/MessageCommon.h>
 
@@ -57,13 +58,14 @@ public:
     int count() const { return static_cast<int>(m_ids.size()); }
 
     // Blocks every plugin with a message that `putTo` puts to it, measures PutsPerBatch calls of
-    // `put`, spread evenly over the plugins, and has everything delivered. Returns seconds.
+    // `put`, spread evenly over the plugins, and has everything delivered, or so many puts as
+    // `delivered` says. Returns seconds.
     template<class PutTo, class Put>
-    double measure(PutTo putTo, Put put)
+    double measure(PutTo putTo, Put put, int delivered = PutsPerBatch)
     {
         Countdown done(count());
         for (int k = 0; k < count(); ++k) {
-            m_plugins[k]->expect(1 + PutsPerBatch / count(), done);
+            m_plugins[k]->expect(1 + delivered / count(), done);
             m_plugins[k]->shut();
             putTo(k);
         }
@@ -92,10 +94,11 @@ void putTo(const QString& id, int type, int number)
 }
 
 template<class PutTo, class Put>
-void measurePuts(benchmark::State& state, BlockedPlugins& plugins, PutTo putTo, Put put)
+void measurePuts(benchmark::State& state, BlockedPlugins& plugins, PutTo putTo, Put put,
+                 int delivered = PutsPerBatch)
 {
     for (auto _ : state)
-        state.SetIterationTime(plugins.measure(putTo, put));
+        state.SetIterationTime(plugins.measure(putTo, put, delivered));
     state.SetItemsProcessed(state.iterations() * PutsPerBatch);
 }
 
@@ -129,6 +132,22 @@ void putAgainstTypes(benchmark::State& state, int count)
         [&](int k) {
             putTo(QString(), static_cast<int>(static_cast<qint64>(k) * Stride % count), k);
         });
+}
+
+// Direct puts of types in turn, to an inbox that takes all of them or keeps the latest of each.
+void putUnderPolicy(benchmark::State& state, int types, InboxPolicy::Mode mode)
+{
+    BlockedPlugins plugins(1, IMessageInterface::MessageThread);
+    const auto setMode = [&](InboxPolicy::Mode chosen) {
+        InboxPolicy policy;
+        policy.mode = chosen;
+        CMessageCenter::GetInstance()->setInboxPolicy(plugins.id(0),
+                                                      IMessageInterface::MessageThread, policy);
+    };
+    setMode(mode);
+    const auto put = [&](int k) { putTo(plugins.id(0), k % types, k); };
+    measurePuts(state, plugins, put, put, mode == InboxPolicy::KeepLatest ? types : PutsPerBatch);
+    setMode(InboxPolicy::Unbounded);
 }
 
 // The trace of an event is written, to a handler that does nothing with it, or switched off.
@@ -257,6 +276,11 @@ void registerBenchmarks()
     }
     for (const int types : {10, 1000, 100000})
         add("put_types_" + std::to_string(types), putAgainstTypes, types);
+    for (const int types : {10, 1000}) {
+        const std::string suffix = "_" + std::to_string(types) + "_types";
+        add("put_unbounded" + suffix, putUnderPolicy, types, InboxPolicy::Unbounded);
+        add("put_latest" + suffix, putUnderPolicy, types, InboxPolicy::KeepLatest);
+    }
     for (const bool log : {false, true}) {
         const std::string suffix = log ? "_log_on" : "_log_off";
         add("put_message" + suffix, putMessageTraced, log);

@@ -67,7 +67,7 @@ QUICK_PLAN = [
 LEVELS = ["off", "counts", "sampled"]
 LEVEL_RUNS = 15
 LEVEL_PLAN = [
-    ("throughput", "^direct_1to1/bus/double", ["against", *LEVELS]),
+    ("throughput", "^direct_1to1/bus/double", ["against", *LEVELS, "traced"]),
     ("latency", "^latency_500_0idle/bus", ["against", "off", "sampled"]),
 ]
 LEVEL_MIN_TIME = 0.12  # seconds
@@ -170,6 +170,12 @@ def targets(results):
          results.slowdown("put_round_1000/bus", "put_round_10/bus"), 1.3, False, times),
         ("put with 100,000 types against 10",
          results.slowdown("put_types_100000/bus", "put_types_10/bus"), 3, False, times),
+        ("put under KeepLatest against unbounded, 10 types",
+         results.slowdown("put_latest_10_types/bus", "put_unbounded_10_types/bus"), 1.3, False,
+         times),
+        ("put under KeepLatest against unbounded, 1,000 types",
+         results.slowdown("put_latest_1000_types/bus", "put_unbounded_1000_types/bus"), 1.3, False,
+         times),
         *level_rows(results),
         ("pool: take and give back, one thread",
          results.median("pool_1threads/bus", "real_time"), pool_limit, False, "{:.0f} ns".format),
@@ -191,6 +197,8 @@ def level_rows(results):
     rows.append((f"level sampled: latency at 500/s, p50, against {title}",
                  results.ratio("sampled/latency_500_0idle/bus", f"{base}/latency_500_0idle/bus",
                                "p50_us"), 1.05, False, times))
+    rows.append(("recording a trace: direct, 1 to 1, double, against none",
+                 results.ratio(f"traced/{one}", f"counts/{one}"), 0.5, True, times))
     rows.append(("snapshot of 150 workers", results.median("snapshot_150/bus", "real_time"), 1,
                  False, "{:.2f} ms".format))
     bare = results.median("memory_per_inbox_off/bus", "bytes")
@@ -379,6 +387,7 @@ def run_levels(programs, against, runs, results):
     """Runs what LEVEL_PLAN names at each level, and from the programs of an earlier build if there
     are some; that build's programs may not know the option."""
     folders = {level: (programs, [f"--level={level}"]) for level in LEVELS}
+    folders["traced"] = (programs, ["--trace=on"])
     if against:
         folders["against"] = (against, [])
     for k in range(runs):

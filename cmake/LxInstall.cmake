@@ -44,7 +44,7 @@ string(REPLACE "](examples/plugin-template)" "](${template})" readme "${readme}"
 file(WRITE ${PROJECT_BINARY_DIR}/README.md "${readme}")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
     DESTINATION ${docs} COMPONENT development
-    FILES_MATCHING PATTERN "*.md" PATTERN "*.json" PATTERN "*.yml" PATTERN "main.cpp"
+    FILES_MATCHING PATTERN "*.md" PATTERN "*.json" PATTERN "*.png" PATTERN "*.yml" PATTERN "main.cpp"
     REGEX "/own-siblings/.*"
     PATTERN plugin-template EXCLUDE)
 install(FILES ${PROJECT_SOURCE_DIR}/bench/results.md DESTINATION ${docs}/bench COMPONENT development)
@@ -65,8 +65,8 @@ set(CPACK_STRIP_FILES ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-foreach(library IN ITEMS lxbase lxevent lxmsg lxutils) # where the client's needs are looked up
-    if(NOT library IN_LIST LXBASE_EXTERNAL_SIBLINGS)
+foreach(library IN ITEMS lxbase lxevent lxmsg lxobserve lxutils) # where the client's needs are looked up
+    if(TARGET ${library} AND NOT library IN_LIST LXBASE_EXTERNAL_SIBLINGS)
         get_target_property(folder ${library} BINARY_DIR)
         list(APPEND CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${folder})
     endif()

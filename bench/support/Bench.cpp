@@ -76,6 +76,8 @@ const Choice<StatisticsLevel> levelChoice{"--level",
                                            {"sampled", StatisticsLevel::Sampled},
                                            {"full", StatisticsLevel::Full}}};
 
+const Choice<int> traceChoice{"--trace", {{"off", 0}, {"on", 64}}}; // MiB
+
 // What a result depends on, for the report.
 void addVersions()
 {
@@ -104,6 +106,8 @@ int run(int argc, char** argv, void (*registerBenchmarks)())
 {
     const auto policy = take(argc, argv, idleChoice);
     CBusMonitor::setLevel(take(argc, argv, levelChoice));
+    if (const int mebibytes = take(argc, argv, traceChoice))
+        CBusMonitor::startTrace(mebibytes);
     const QCoreApplication application(argc, argv);
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     setBusDebug(false);

@@ -21,7 +21,8 @@ constexpr std::chrono::seconds Deadline{120};
 
 // The body of main(). The idle policy is fixed for the life of a process at the first
 // registration, so that it is an option of the program: --idle=poll or --idle=park (the default).
-// So is what the bus counts: --level=off, counts (the default), sampled or full. The other options
+// So is what the bus counts: --level=off, counts (the default), sampled or full,
+// and whether it records: --trace=on or off (the default). The other options
 // are those of Google Benchmark. The bus logs to a null handler, its debug level off. Returns the
 // exit status.
 int run(int argc, char** argv, void (*registerBenchmarks)());

@@ -1,5 +1,7 @@
 #include "Options.h"
 
+#include "TraceFile.h"
+
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
@@ -29,7 +31,7 @@ const char description[] =
     "  0  played to the end, or interrupted, and the ledger balances\n"
     "  1  the command line is wrong\n"
     "  2  cannot start: a recording, a plugin or its settings, the journal or the recording to be\n"
-    "     written, the port of the metrics\n"
+    "     written, the port of the metrics, the trace\n"
     "  3  the ledger does not balance: something was lost, doubled, reordered or not written, or "
     "a\n"
     "     plugin has failed: it has thrown, or did not return in time";
@@ -124,6 +126,14 @@ Error idleFrom(const QString& text, CMessageCenter::IdlePolicy& idle)
     return {};
 }
 
+Error boardPolicyFrom(const QString& text, bool& keepLatest)
+{
+    keepLatest = text == QLatin1String("latest");
+    if (keepLatest || text == QLatin1String("all"))
+        return {};
+    return Error(QStringLiteral("--board-policy %1: \"latest\" or \"all\" is expected.").arg(text));
+}
+
 Error colorFrom(const QString& name, RelationColor_t& color)
 {
     QStringList known;
@@ -207,6 +217,11 @@ Error Options::parse(const QStringList& arguments, Options& options)
         {QStringLiteral("boards"),
          QStringLiteral("Open so many quote boards, board#1, board#2, ... (default: 2)."),
          QStringLiteral("N"), QStringLiteral("2")},
+        {QStringLiteral("board-policy"),
+         QStringLiteral(
+             "What a board does with quotes that come faster than it takes them: \"all\" "
+             "(default) lets every one wait, \"latest\" the newest of each symbol."),
+         QStringLiteral("POLICY"), QStringLiteral("all")},
         {QStringLiteral("link"),
          QStringLiteral("Link windows: those of one colour follow one another's selected symbol. "
                         "Colours: red, orange, yellow, green, cyan, blue, violet. May be given "
@@ -246,6 +261,19 @@ Error Options::parse(const QStringList& arguments, Options& options)
          QStringLiteral("SECONDS"), QStringLiteral("10")},
         {QStringLiteral("quiet"),
          QStringLiteral("Do not show on stderr how far the session has come.")},
+        {QStringLiteral("trace"),
+         QStringLiteral("Record what happens in the bus, and write it at the end to this file, as "
+                        "a timeline: for Perfetto if it ends in .pftrace, as Chrome trace events "
+                        "if it ends in .json. SIGUSR1 writes what there is so far to FILE.1, and "
+                        "so does a handler that stalls; the number stands before the ending."),
+         QStringLiteral("FILE")},
+        {QStringLiteral("trace-size"),
+         QStringLiteral("So many MiB of records are kept, the newest (default: 64)."),
+         QStringLiteral("MIB"), QStringLiteral("64")},
+        {QStringLiteral("follow"),
+         QStringLiteral("Show at the end the way of this trace ID, such as strategy-1: each put "
+                        "and handler, with its thread, how long it waited and how long it took."),
+         QStringLiteral("TRACE-ID")},
         {QStringLiteral("metrics"),
          QStringLiteral("Serve the figures of the bus to Prometheus, on 127.0.0.1 alone. 0 takes a "
                         "free port and says which. Default: not served."),
@@ -276,6 +304,8 @@ Error Options::parse(const QStringList& arguments, Options& options)
     read.verbose = parser.isSet(QStringLiteral("verbose"));
     read.statistics = parser.isSet(QStringLiteral("statistics"));
     read.quiet = parser.isSet(QStringLiteral("quiet"));
+    read.trace_file = parser.value(QStringLiteral("trace"));
+    read.follow = parser.value(QStringLiteral("follow"));
     read.stay = parser.isSet(QStringLiteral("stay"));
     read.links_by_default = !parser.isSet(QStringLiteral("link"));
     const QStringList links = read.links_by_default
@@ -289,11 +319,14 @@ Error Options::parse(const QStringList& arguments, Options& options)
         deadlineFrom(parser, read.plugin_deadline_ms),
         seedFrom(parser.value(QStringLiteral("seed")), read.synthetic_seed),
         wholeNumber(parser, QStringLiteral("boards"), 1, 100, read.boards),
+        boardPolicyFrom(parser.value(QStringLiteral("board-policy")), read.boards_keep_latest),
         linksFrom(links, read.links),
         idleFrom(parser.value(QStringLiteral("idle")), read.idle),
         settingsFrom(parser.values(QStringLiteral("set")), read.plugin_settings),
         wholeNumber(parser, QStringLiteral("stall-limit"), 0, 3'600'000, read.stall_limit_ms),
         portFrom(parser, QStringLiteral("metrics"), read.metrics_port),
+        wholeNumber(parser, QStringLiteral("trace-size"), 1, 16'384, read.trace_mib),
+        parser.isSet(QStringLiteral("trace")) ? TraceFile::check(read.trace_file) : Error(),
     };
     for (const Error& error : errors) {
         if (error)

@@ -27,6 +27,7 @@ struct Options
     int synthetic_quotes = 0;
     quint64 synthetic_seed = 0;
     int boards = 0;
+    bool boards_keep_latest = false;
     QMap<RelationColor_t, QStringList> links; // plugin IDs by colour, each ID once
     bool links_by_default = false;            // not asked for: they need not exist
     QString record_file;
@@ -39,6 +40,9 @@ struct Options
     std::optional<double> skip_gaps_s;      // longer waits for a quote are left out; none: no wait
     int plugin_deadline_ms = 0;             // of the host's calls; 0: none
     bool quiet = false;                     // no progress
+    QString trace_file;                     // empty: none is written
+    int trace_mib = 0;                      // of records, at most
+    QString follow;                         // a trace ID whose way is told; empty: none
     bool stay = false;                      // at the end, until it is interrupted
     QMap<QString, QString> plugin_settings; // given with --set, by name
     bool list_settings = false;             // and no more

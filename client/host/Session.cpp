@@ -7,6 +7,7 @@
 #include <SyntheticSession.h>
 
 #include <lxbase/BusMonitor.h>
+#include <lxclient/Accounts.h>
 
 #include <QFileInfo>
 
@@ -35,6 +36,7 @@ QString baseOf(const QString& id)
 
 Session::Session(const Options& options)
     : m_options(options)
+    , m_trace(options.trace_file)
     , m_host(std::chrono::milliseconds(options.plugin_deadline_ms),
              [this](const CallWatch::Overrun& overrun) { endWithout(overrun); })
 {
@@ -44,6 +46,8 @@ Session::Session(const Options& options)
         {setting::SyntheticQuotes, options.synthetic_quotes},
         {setting::SyntheticSeed, options.synthetic_seed},
         {setting::Boards, options.boards},
+        {setting::BoardsKeepLatest, options.boards_keep_latest},
+        {setting::Heard, QVariant::fromValue(m_tap.heard())},
         {setting::Journal, options.journal_file},
     };
     if (options.metrics_port)
@@ -81,6 +85,10 @@ Error Session::start()
     CBusMonitor::setStallLimit(m_options.stall_limit_ms);
     if (m_options.statistics)
         CBusMonitor::setLevel(StatisticsLevel::Sampled);
+    if (!m_options.trace_file.isEmpty() || !m_options.follow.isEmpty()) {
+        if (const Error error = m_trace.start(m_options.trace_mib))
+            return error;
+    }
     auto* const center = CMessageCenter::GetInstance();
     center->setIdlePolicy(m_options.idle);
     center->Start();
@@ -176,7 +184,7 @@ ExitCode Session::finish()
 // Flushed, for the program may end right after it.
 ExitCode Session::print(QVector<NamedReport> reports, const BusStatistics& bus)
 {
-    reports.append({QStringLiteral("tap"), m_tap.report()});
+    addOwnReports(reports, bus);
     const Ledger ledger(reports);
     SessionFigures figures;
     const Tap::Progress played = m_tap.progress();
@@ -193,9 +201,12 @@ ExitCode Session::print(QVector<NamedReport> reports, const BusStatistics& bus)
     figures.bus = bus;
     figures.statistics = m_options.statistics;
     std::fputs(qPrintable(summary(reports, ledger, figures)), stdout);
-    std::fflush(stdout);
     m_printed = true;
-    return ledger.balances() ? ExitBalanced : ExitUnbalanced;
+    if (!m_options.follow.isEmpty())
+        std::fputs(qPrintable(QLatin1Char('\n') + TraceFile::wayTable(m_options.follow)), stdout);
+    std::fflush(stdout);
+    const bool traced = m_trace.end();
+    return ledger.balances() && traced ? ExitBalanced : ExitUnbalanced;
 }
 
 // On the thread that watches the calls, which has the main thread's objects to itself. Calls no
@@ -284,11 +295,28 @@ QVariantMap Session::settingsFor(const QString& id) const
     return settings;
 }
 
+// What the host knows by itself; what the bus counts is asked for while the plugins are registered.
+void Session::addOwnReports(QVector<NamedReport>& reports, const BusStatistics& bus) const
+{
+    reports.append({QStringLiteral("tap"), m_tap.report()});
+    if (!m_options.boards_keep_latest)
+        return;
+    lxclient::Report superseded;
+    for (const InboxStatistics& inbox : bus.inboxes) {
+        if (inbox.kind == InboxKind::Quotations && baseOf(inbox.plugin) == QLatin1String("board")) {
+            superseded.post(lxclient::account::supersededQuotesAt(inbox.plugin), inbox.superseded);
+        }
+    }
+    reports.append({QStringLiteral("bus"), superseded});
+}
+
 void Session::tick()
 {
     if (!m_looked.isValid() || m_looked.elapsed() >= LookMs) {
         m_looked.start();
         m_backlogs.look(CBusMonitor::statistics());
+        if (!CBusMonitor::stalls().isEmpty())
+            m_trace.noteStall();
     }
     m_progress->show(m_tap, m_backlogs);
     m_any_failed = m_host.shutDownFailed();
@@ -309,7 +337,7 @@ void Session::tick()
 void Session::settle()
 {
     QVector<NamedReport> reports = m_host.reports();
-    reports.append({QStringLiteral("tap"), m_tap.report()});
+    addOwnReports(reports, CBusMonitor::statistics());
     const Ledger ledger(reports);
     const bool moved = !(ledger == m_last_ledger);
     m_last_ledger = ledger;

@@ -8,6 +8,7 @@
 #include "PluginHost.h"
 #include "ProgressLine.h"
 #include "Tap.h"
+#include "TraceFile.h"
 #include "WaitReporter.h"
 
 #include <QElapsedTimer>
@@ -63,6 +64,7 @@ private:
     lxclient::Error linkPlugins();
     QVariantMap settingsFor(const QString& id) const;
     lxclient::Error interruption() const;
+    void addOwnReports(QVector<NamedReport>& reports, const BusStatistics& bus) const;
     ExitCode print(QVector<NamedReport> reports, const BusStatistics& bus);
     [[noreturn]] void endWithout(const CallWatch::Overrun& overrun);
     void tick();
@@ -76,6 +78,7 @@ private:
     const Options m_options;
     QVariantMap m_settings; // the host's own, the same for every plugin
     QMap<RelationColor_t, QStringList> m_links;
+    TraceFile m_trace; // before what makes threads
     Tap m_tap; // outlives the plugins, which put to its queues
     PluginHost m_host;
 

@@ -155,9 +155,15 @@ QString slowness(const SessionFigures& figures)
 QString summary(const QVector<NamedReport>& reports, const Ledger& ledger,
                 const SessionFigures& figures)
 {
-    const QString verdict = ledger.balances()
+    quint64 superseded = 0;
+    for (const InboxStatistics& inbox : figures.bus.inboxes)
+        superseded += inbox.superseded;
+    const QString verdict = !ledger.balances() ? QStringLiteral("THE LEDGER DOES NOT BALANCE.\n")
+        : superseded == 0
         ? QStringLiteral("The ledger balances: everything was delivered exactly once, in order.\n")
-        : QStringLiteral("THE LEDGER DOES NOT BALANCE.\n");
+        : QStringLiteral("The ledger balances: everything was delivered exactly once, in order, or "
+                         "superseded by a newer quote (%1 were).\n")
+              .arg(grouped64(superseded));
     QString text = symbolTable(reports) + QLatin1Char('\n') + pluginTable(reports, figures)
         + QLatin1Char('\n') + ledgerTable(ledger) + QLatin1Char('\n') + verdict
         + speed(reports, figures) + slowness(figures);

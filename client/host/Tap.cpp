@@ -119,6 +119,7 @@ void Tap::hear(CMessageCommon& msg)
         return;
     const auto quote = payload.value<Quote>();
     const Error error = m_recording ? m_recording->write(quote) : Error();
+    ++*m_heard;
     const QMutexLocker locker(&m_mutex);
     if (m_audit.total() == 0)
         m_time_ms = quote.time_ms;

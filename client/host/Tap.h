@@ -6,6 +6,7 @@
 #include <RecordingWriter.h>
 
 #include <lxbase/MessageCenter.h>
+#include <lxclient/Protocol.h>
 #include <lxclient/QuoteAudit.h>
 
 #include <QMutex>
@@ -44,6 +45,9 @@ public:
 
     lxclient::Report report() const;
 
+    // Counts on while it drains.
+    lxclient::HeardQuotes heard() const { return m_heard; }
+
     // How many quotes are in the recording.
     quint64 recorded() const;
 
@@ -65,6 +69,7 @@ private:
     std::thread m_thread;
     std::atomic<bool> m_stop{false}; // atomic: set by the host, read by the listening thread
 
+    const lxclient::HeardQuotes m_heard = std::make_shared<std::atomic<quint64>>(0);
     Pace m_pace; // constant after start
 
     std::unique_ptr<RecordingWriter> m_recording; // the listening thread's, after start

@@ -10,6 +10,7 @@
 
 #include <QCoreApplication>
 #include <QLoggingCategory>
+#include <QThread>
 
 #include <cstdio>
 
@@ -48,6 +49,7 @@ int main(int argc, char** argv)
 {
     crashline::install();
     QCoreApplication program(argc, argv);
+    QThread::currentThread()->setObjectName(QStringLiteral("main")); // in traces
     QCoreApplication::setApplicationName(QStringLiteral("lxclient"));
     QCoreApplication::setApplicationVersion(QStringLiteral(LXCLIENT_VERSION));
     Options options;

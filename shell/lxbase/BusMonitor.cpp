@@ -9,6 +9,7 @@
 #include <lxbase/MessageCenter.h>
 #include <lxbase/MessageCommonManage.h>
 #include <lxbase/StallWatch.h>
+#include <lxbase/TraceRecorder.h>
 
 #include <QDateTime>
 
@@ -117,7 +118,10 @@ QString lostReasonName(LostReason reason)
                                                        "no_plugin",
                                                        "not_copied",
                                                        "before_start",
-                                                       "at_end"};
+                                                       "at_end",
+                                                       "dropped_oldest",
+                                                       "refused_newest",
+                                                       "too_old"};
     return QLatin1String(names[static_cast<int>(reason)]);
 }
 
@@ -185,4 +189,19 @@ void CBusMonitor::setStallLimit(int ms)
 QVector<Stall> CBusMonitor::stalls()
 {
     return StallWatch::stalls();
+}
+
+void CBusMonitor::startTrace(int mebibytes)
+{
+    TraceRecorder::start(mebibytes);
+}
+
+void CBusMonitor::stopTrace()
+{
+    TraceRecorder::stop();
+}
+
+BusTrace CBusMonitor::takeTrace()
+{
+    return TraceRecorder::take();
 }

@@ -12,6 +12,8 @@
 #include <functional>
 #include <vector>
 
+struct BusTrace;
+
 /// How much the bus counts and times while it works.
 enum class StatisticsLevel {
     Off,     ///< only what comes for nothing: how many items were put, handled and dropped
@@ -71,7 +73,7 @@ private:
 };
 
 /// The figures of one inbox since its registration. At every moment put == waiting + handled +
-/// dropped + what of the batch in hand has not been counted yet. Counts are of items.
+/// dropped + superseded + what of the batch in hand has not been counted yet. Counts are of items.
 struct InboxStatistics
 {
     QString plugin;                       ///< the ID; empty: all plugins that have gone
@@ -81,6 +83,7 @@ struct InboxStatistics
     quint64 put = 0;                      ///< into the inbox
     quint64 handled = 0;                  ///< counted every 64 calls at most, and with each batch
     quint64 dropped = 0;                  ///< freed undelivered
+    quint64 superseded = 0;               ///< replaced by a newer one: InboxPolicy::KeepLatest
     qint64 busyForNs = 0;                 ///< of the handler call in progress; 0 if there is none
     DurationHistogram waitTime;           ///< from put to handler; from level Sampled on
     DurationHistogram handlerTime;        ///< of handler calls; from level Sampled on
@@ -108,10 +111,13 @@ enum class LostReason {
     NotCopied,               ///< the payload's copy has thrown, or there was no memory
     BeforeStart,             ///< network traffic before CMessageCenter::Start
     AtEnd,                   ///< dropped at the end of the process
+    DroppedOldest,           ///< of a full inbox, for a newer one: InboxPolicy::DropOldest
+    RefusedNewest,           ///< put to a full inbox: InboxPolicy::RefuseNewest
+    TooOld,                  ///< when its turn came: InboxPolicy::maxAgeMs
 };
 
 /// How many reasons there are.
-constexpr int LostReasonCount = 10;
+constexpr int LostReasonCount = 13;
 
 /// The reason in a word, for tables and labels: "unknown_destination".
 LXBASE_EXPORT QString lostReasonName(LostReason reason);
@@ -204,6 +210,18 @@ public:
 
     /// The calls in progress that have been reported.
     static QVector<Stall> stalls();
+
+    /// Records from now on what happens (see BusTrace.h), in at most `mebibytes` MiB for all
+    /// threads together: when they are full, the oldest records make room. What was recorded before
+    /// is forgotten. Below 1 is refused with a critical log record.
+    static void startTrace(int mebibytes);
+
+    /// Records no more; what was recorded stays until the next startTrace().
+    static void stopTrace();
+
+    /// What has been recorded so far; it stays recorded. Recording goes on meanwhile. Takes time
+    /// and memory in proportion to the records, some 56 bytes each.
+    static BusTrace takeTrace();
 };
 
 #endif

@@ -4,11 +4,13 @@
 #define LXBASE_CENTERSTATE_H
 
 #include <lxbase/Inbox.h>
+#include <lxbase/InboxPolicy.h>
 #include <lxbase/MessageCenter.h>
 #include <lxbase/RelationTable.h>
 #include <lxbase/SubscriptionTable.h>
 #include <lxbase/WaitGraph.h>
 
+#include <QHash>
 #include <QMutex>
 
 #include <atomic>
@@ -34,6 +36,11 @@ struct CenterState
     // atomic, set by registrations and Start: the process that the threads of the bus run in; 0
     // while there are none. A forked child has the center without its threads.
     std::atomic<qint64> process_of_threads{0};
+
+    // The policies of the inboxes of one kind by plugin ID, with the default under the empty one.
+    using InboxPolicies = QHash<QString, InboxPolicy>;
+    InboxPolicies msg_policies, quotation_policies; // guarded by m_msg_reg_mutex
+    InboxPolicies event_policies;                   // guarded by m_event_reg_mutex
 
     WaitGraph unregs; // handlers in UnReg
 

@@ -3,10 +3,13 @@
 #ifndef LXBASE_DELIVERY_H
 #define LXBASE_DELIVERY_H
 
+#include <lxbase/Aftermath.h>
 #include <lxbase/Inbox.h>
 #include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
+#include <lxbase/Probes.h>
 #include <lxbase/SubscriptionTable.h>
+#include <lxbase/TraceRecorder.h>
 
 #include <QMutex>
 #include <QString>
@@ -15,6 +18,7 @@
 
 #include <exception>
 #include <memory>
+#include <optional>
 #include <type_traits>
 #include <utility>
 #include <vector>
@@ -50,15 +54,20 @@ template<class Registry, class InboxOf, class MakeItem>
 class Delivery
 {
 public:
-    Delivery(const Registry& registry, QMutex& registryMutex, InboxOf inboxOf, QString&& srcId,
-             QVariant&& type, MakeItem makeItem)
-        : m_registry(registry)
+    Delivery(PutPath path, const Registry& registry, QMutex& registryMutex, InboxOf inboxOf,
+             QString&& srcId, QVariant&& type, MakeItem makeItem)
+        : m_path(path)
+        , m_registry(registry)
         , m_registry_mutex(registryMutex)
         , m_inbox_of(inboxOf)
         , m_src_id(std::move(srcId))
         , m_type(std::move(type))
         , m_make_item(makeItem)
-    { }
+    {
+        LXBASE_PROBE(put_begin, static_cast<int>(path));
+        if (Q_UNLIKELY(isTracing()))
+            m_traced.emplace(path, m_src_id, m_type);
+    }
 
     // To the destination if there is one, else to the subscribers of the type. Subscribers that are
     // not registered are passed over.
@@ -87,17 +96,25 @@ public:
 
     const QString& srcId() const { return m_src_id; }
 
-    // With no lock held, after all: a critical record if a copy has thrown, and what was lost. The
-    // values are asked from the record then; those that were given may have been given away.
+    // With no lock held, after all: what the inboxes left to be done, a critical record if a copy
+    // has thrown, and what was lost. The values are asked from the record then; those that were
+    // given may have been given away.
     template<class Record>
-    void report(Record& record, PutPath path, const LogPlace& place) const
+    void report(Record& record, const LogPlace& place)
     {
+        m_aftermath.finish();
+        LXBASE_PROBE(put_end, static_cast<int>(m_path));
+        if (Q_UNLIKELY(m_traced)) {
+            const bool fromNet = m_path == PutPath::PutNetMsg || m_path == PutPath::PutQuotationMsg;
+            m_traced->end(fromNet ? TraceKind::Route : TraceKind::Put, record.GetDstid(),
+                          traceIdOf(record), fromNet ? &record : nullptr);
+        }
         if (!m_trouble && (m_directed || m_delivered))
             return;
         if (m_trouble && m_trouble->failure)
             logFailure(record, place);
         LostItem lost;
-        lost.path = path;
+        lost.path = m_path;
         lost.source = m_item ? m_item->src_id : m_src_id;
         if (lost.source.isEmpty()) // given away with a copy that has thrown
             lost.source = record.GetSrcid();
@@ -164,8 +181,13 @@ private:
         }
         try {
             if (!failure) {
-                inbox.append(m_item.get());
-                static_cast<void>(m_item.release()); // the inbox has it
+                LXBASE_PROBE(append, static_cast<int>(m_path), m_item.get());
+                if (Q_UNLIKELY(m_traced))
+                    m_traced->beginAppend();
+                const int waiting = inbox.append(m_item.get(), m_aftermath);
+                if (Q_UNLIKELY(m_traced))
+                    m_traced->endAppend(id, m_item.get(), waiting);
+                static_cast<void>(m_item.release()); // the inbox has it, or the aftermath
                 m_delivered = true;
                 return true;
             }
@@ -201,6 +223,7 @@ private:
         }
     }
 
+    const PutPath m_path;
     const Registry& m_registry;
     QMutex& m_registry_mutex;
     const InboxOf m_inbox_of;
@@ -208,9 +231,11 @@ private:
     QVariant m_type;
     const MakeItem m_make_item;
     std::unique_ptr<Item> m_item; // made for somebody who could not take it: the next one's
+    Aftermath<Item> m_aftermath;  // of the inboxes
     bool m_directed = false;
     bool m_delivered = false;
     std::unique_ptr<Trouble> m_trouble;
+    std::optional<TracedPut> m_traced; // if the put is recorded
 };
 
 } // namespace lxbase::detail

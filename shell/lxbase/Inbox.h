@@ -13,6 +13,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <memory>
+#include <type_traits>
 #include <utility>
 
 namespace lxbase::detail {
@@ -40,6 +42,24 @@ struct Backoff
     static constexpr std::chrono::microseconds MaxTime{500};
 };
 
+template<class Item>
+class Aftermath;
+
+// The part of an InboxLimiter that does not depend on the items.
+class InboxLimiterBase
+{
+public:
+    InboxLimiterBase() = default;
+    virtual ~InboxLimiterBase() = default;
+    Q_DISABLE_COPY(InboxLimiterBase)
+
+    virtual int waiting() const = 0; // with the mutex of the inbox held
+};
+
+// Puts into an inbox that has a limiter, see there. With the mutex held.
+template<class Item>
+void putLimited(InboxLimiterBase& limiter, Item* item, Aftermath<Item>& aftermath);
+
 // What an inbox has beside its list and its mutex, one for each.
 // NOLINTNEXTLINE(clang-analyzer-optin.performance.Padding): on purpose, see CacheLine
 class InboxState
@@ -63,7 +83,13 @@ private:
 
     const CMessageCenter::IdlePolicy m_policy;
     alignas(CacheLine) bool m_waits = false; // guarded by the mutex of the inbox
-    QSemaphore m_wake_ups;                   // one for each claim that found the thread waiting
+
+public:
+    // Guarded by the mutex of the inbox; null while nothing limits it, and for the network paths.
+    std::unique_ptr<InboxLimiterBase> limiter;
+
+private:
+    QSemaphore m_wake_ups; // one for each claim that found the thread waiting
 };
 
 // The part of a view that does not depend on the elements. Without a state, the thread polls.
@@ -97,7 +123,15 @@ struct Inbox : InboxBase
         if (!list)
             return 0;
         const QMutexLocker locker(mutex);
-        return static_cast<quint64>(list->size());
+        return static_cast<quint64>(waiting());
+    }
+
+    // The same with the mutex held.
+    int waiting() const
+    {
+        if (Q_UNLIKELY(state && state->limiter))
+            return state->limiter->waiting();
+        return list ? list->size() : 0;
     }
 
     // Queues an element and wakes the thread if it waits. The wake-up follows the unlock, so that
@@ -106,9 +140,34 @@ struct Inbox : InboxBase
     void append(const Element& element) const
     {
         QMutexLocker locker(mutex);
+        appendLocked(element);
+        wakeAfter(locker);
+    }
+
+    // The same for an inbox that may have a limiter; the caller finishes the aftermath.
+    // Returns how many are in it now.
+    int append(const Element& item, Aftermath<std::remove_pointer_t<Element>>& aftermath) const
+    {
+        QMutexLocker locker(mutex);
+        if (Q_UNLIKELY(state && state->limiter))
+            putLimited(*state->limiter, item, aftermath);
+        else
+            appendLocked(item);
+        const int count = waiting();
+        wakeAfter(locker);
+        return count;
+    }
+
+private:
+    void appendLocked(const Element& element) const
+    {
         list->append(element);
         if (state)
             state->meter.put(list->size() - 1);
+    }
+
+    void wakeAfter(QMutexLocker& locker) const
+    {
         const bool waits = state && state->claimWaiter();
         locker.unlock();
         if (waits)

@@ -18,17 +18,21 @@ qint64 monotonicNs()
 
 void InboxMeter::take(int count)
 {
+    take(count, std::exchange(m_probe, {}));
+}
+
+void InboxMeter::take(int count, Probe probe)
+{
     m_batch_level = monitorSwitches.level.load(std::memory_order_relaxed);
     m_batch_size = count;
     m_batch_counted = 0;
-    m_batch_probe = std::exchange(m_probe, {});
+    m_batch_probe = probe;
     m_calls_to_reading =
         m_batch_level == StatisticsLevel::Off ? std::numeric_limits<int>::max() : 0;
     m_read_ns = 0;
     const auto taken = static_cast<quint64>(count);
     increase(m_taken, taken);
-    if (taken > m_peak.load(std::memory_order_relaxed))
-        m_peak.store(taken, std::memory_order_relaxed);
+    raisePeak(taken);
 }
 
 void InboxMeter::giveBack(int count)
@@ -45,8 +49,9 @@ NetworkListStatistics InboxMeter::counts(int waiting) const
     NetworkListStatistics counts;
     counts.waiting = static_cast<quint64>(waiting);
     counts.handled = m_handled.load(std::memory_order_acquire);
-    counts.dropped = m_dropped.load(std::memory_order_acquire);
-    counts.put = m_taken.load(std::memory_order_relaxed) + counts.waiting;
+    counts.dropped = m_dropped.load(std::memory_order_acquire) + m_dropped_waiting;
+    counts.put =
+        m_taken.load(std::memory_order_relaxed) + counts.waiting + m_superseded + m_dropped_waiting;
     counts.peak = std::max(m_peak.load(std::memory_order_relaxed), counts.waiting);
     return counts;
 }

@@ -17,6 +17,7 @@ struct alignas(CacheLine) MonitorSwitches
 {
     std::atomic<StatisticsLevel> level{StatisticsLevel::Counts};
     std::atomic<bool> watchesHandlers{false};
+    std::atomic<bool> traces{false};
 };
 inline MonitorSwitches monitorSwitches;
 
@@ -63,8 +64,19 @@ public:
     void take(int count);
     void giveBack(int count);
 
+    // The same for an inbox with a limiter, which says when it puts, when an element was superseded
+    // or dropped, and what the draining thread takes; `probe` is of an element of the batch.
+    void putLimited(int waiting) { raisePeak(static_cast<quint64>(waiting)); }
+    void supersede() { ++m_superseded; }
+    void dropWaiting() { ++m_dropped_waiting; }
+    void take(int count, Probe probe);
+
+    // An inbox gets a limiter, whose probes are its own.
+    void withdrawProbe() { m_probe = {}; }
+
     // The counts, while `waiting` elements are in the list.
     NetworkListStatistics counts(int waiting) const;
+    quint64 superseded() const { return m_superseded; }
 
     // ---- the draining thread, for the batch that it has taken
 
@@ -114,6 +126,11 @@ private:
         value.store(value.load(std::memory_order_relaxed) + by, std::memory_order_relaxed);
     }
 
+    void raisePeak(quint64 waiting)
+    {
+        if (waiting > m_peak.load(std::memory_order_relaxed))
+            m_peak.store(waiting, std::memory_order_relaxed);
+    }
     void readClock(int index);
     void recordWait();
     void recordHandlerTime();
@@ -126,7 +143,10 @@ private:
     static constexpr qint64 MaxNsPerCall = 2000; // above that on average, fewer calls
     static constexpr int SampledCalls = 64;      // one in so many is timed at level Sampled
 
-    Probe m_probe; // guarded by the mutex of the inbox
+    // guarded by the mutex of the inbox
+    Probe m_probe;
+    quint64 m_superseded = 0;
+    quint64 m_dropped_waiting = 0;
 
     // the draining thread's alone
     alignas(CacheLine) StatisticsLevel m_batch_level = StatisticsLevel::Off;
@@ -141,7 +161,8 @@ private:
     std::unique_ptr<DurationRecorder> m_wait_time_owner;
     std::unique_ptr<DurationRecorder> m_handler_time_owner;
 
-    // atomic: written by the draining thread, the first two with the mutex of the inbox held
+    // atomic: written by the draining thread, the first two with the mutex of the inbox held (the
+    // peak, with it, by whoever puts under a limiter as well)
     std::atomic<quint64> m_taken{0};
     std::atomic<quint64> m_peak{0};
     std::atomic<quint64> m_handled{0};

@@ -1,13 +1,14 @@
 #include <lxbase/InboxWorker.h>
 
 #include <lxbase/CallGate.h>
-#include <lxbase/Inbox.h>
+#include <lxbase/InboxLimiter.h>
 #include <lxbase/LostItems.h>
 #include <lxbase/LxbaseLog.h>
 #include <lxbase/MessageInterface.h>
+#include <lxbase/Probes.h>
 #include <lxbase/QueueItems.h>
+#include <lxbase/TraceRecorder.h>
 
-#include <lxdefine/PluginID.h>
 #include <lxplatform/Clock.h>
 #include <lxplatform/ThreadNumber.h>
 
@@ -21,26 +22,6 @@
 using namespace lxbase::detail;
 
 namespace {
-
-QString traceIdOf(const MsgQueueItem& item)
-{
-    return item.trace_id;
-}
-
-QString traceIdOf(const EventQueueItem&)
-{
-    return {};
-}
-
-// How an item came that waits in an inbox.
-PutPath pathOf(InboxKind kind, const QString& srcId)
-{
-    if (kind == InboxKind::Events)
-        return PutPath::PutEvent;
-    if (kind == InboxKind::Quotations)
-        return PutPath::PutQuotationMsg;
-    return srcId == PluginID::PLUGINNET_GLOBALID ? PutPath::PutNetMsg : PutPath::Put;
-}
 
 // Workers that have ended and are still there. Never destroyed: an event loop may delete a worker
 // at any time.
@@ -114,6 +95,7 @@ InboxStatistics CInboxWorkerBase::statistics() const
         return statistics;
     QMutexLocker locker(m_mutex);
     const NetworkListStatistics counts = m_state->meter.counts(listSize());
+    statistics.superseded = m_state->meter.superseded();
     locker.unlock();
     statistics.waiting = counts.waiting;
     statistics.peak = counts.peak;
@@ -162,7 +144,7 @@ CInboxWorker<Item>::~CInboxWorker()
 template<class Item>
 int CInboxWorker<Item>::listSize() const
 {
-    return m_list ? m_list->size() : 0;
+    return Inbox<Item*>{{m_mutex, m_state}, m_list}.waiting();
 }
 
 template<class Item>
@@ -180,6 +162,7 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
 {
     quint32 lastRecord = lxplatform::tickCountMs();
     m_thread_number = lxplatform::currentThreadNumber();
+    const QByteArray plugin = m_id.toUtf8();
     if (m_stop)
         return;
     InboxState ownState(CMessageCenter::IdlePolicy::Poll); // of a worker that has none
@@ -187,24 +170,38 @@ void CInboxWorker<Item>::drain(const WorkerProfile& profile, const LogPlace& pla
     const Inbox<Item*> inbox{{m_mutex, m_state}, m_list};
     Backoff backoff;
     QVector<Item*> batch;
+    Aftermath<Item> aftermath;
     while (!m_stop) {
         if (!m_mutex)
             continue;
         m_mutex->lock();
-        const int n = m_list ? m_list->size() : 0;
+        int n = inbox.waiting();
         if (n == 0) {
             inbox.idle(m_stop, backoff);
             countPoll(0);
             continue;
         }
-        takeBatch(batch, profile.take);
-        meter.take(n);
+        if (auto* const limiter = limiterOf<Item>(m_state); Q_UNLIKELY(limiter)) {
+            limiter->take(batch, aftermath);
+            n = batch.size();
+        } else {
+            takeBatch(batch, profile.take);
+            meter.take(n);
+        }
         m_mutex->unlock();
+        aftermath.finish();
+        if (n == 0)
+            continue;
         backoff.taken += n;
 
         if (m_interface) {
             countPoll(n);
-            if (!deliver(batch, profile, meter))
+            LXBASE_PROBE(batch_begin, plugin.constData(), static_cast<int>(m_kind), n);
+            traceBatch(TraceKind::BatchBegin, n);
+            const bool stopped = !deliver(batch, profile, meter, plugin.constData());
+            LXBASE_PROBE(batch_end, plugin.constData(), static_cast<int>(m_kind));
+            traceBatch(TraceKind::BatchEnd, n);
+            if (stopped)
                 return;
         } else {
             drop(batch.cbegin(), batch.cend(), false);
@@ -225,8 +222,15 @@ void CInboxWorker<Item>::freeInbox()
 {
     if (!m_list)
         return;
-    const QVector<Item*> items = std::exchange(*m_list, {});
+    QVector<Item*> items = std::exchange(*m_list, {});
+    Aftermath<Item> aftermath;
+    if (auto* const limiter = limiterOf<Item>(m_state)) {
+        items = limiter->takeAll(aftermath);
+        m_state->limiter.reset();
+    }
     drop(items.cbegin(), items.cend(), true);
+    if (centerGate.isOpen()) // at the end of the process an observer may be gone
+        aftermath.finish();
 }
 
 template<class Item>
@@ -250,12 +254,16 @@ void CInboxWorker<Item>::takeBatch(QVector<Item*>& batch, Take take)
 // the batch then is freed undelivered. False: stopped.
 template<class Item>
 bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfile& profile,
-                                 InboxMeter& meter)
+                                 InboxMeter& meter, [[maybe_unused]] const char* plugin)
 {
     int passedOver = 0;
     for (int i = 0; i < batch.size(); ++i) {
         if (const std::unique_ptr<Item> item{batch[i]}) {
             meter.begin(i);
+            LXBASE_PROBE(handler_begin, plugin, static_cast<int>(m_kind), item.get());
+            const bool traced = isTracing();
+            if (Q_UNLIKELY(traced))
+                traceHandler(TraceKind::HandlerBegin, *item);
             if (monitorSwitches.watchesHandlers.load(std::memory_order_relaxed)) {
                 callWatched(*item, profile, meter);
             } else { // the item is deleted anyway
@@ -263,6 +271,9 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
                                                 std::move(item->data));
             }
             meter.end();
+            LXBASE_PROBE(handler_end, plugin, static_cast<int>(m_kind), item.get());
+            if (Q_UNLIKELY(traced))
+                traceHandler(TraceKind::HandlerEnd, *item);
         } else {
             ++passedOver;
         }
@@ -274,6 +285,33 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
     }
     meter.finishBatch(passedOver);
     return true;
+}
+
+template<class Item>
+void CInboxWorker<Item>::traceBatch(TraceKind kind, int items) const
+{
+    if (!isTracing())
+        return;
+    TraceEntry entry{kind};
+    entry.detail = static_cast<quint8>(m_kind);
+    entry.number = static_cast<quint64>(items);
+    entry.destination = &m_id;
+    TraceRecorder::record(entry);
+}
+
+// The item's address is read at the end, its values are gone by then.
+template<class Item>
+void CInboxWorker<Item>::traceHandler(TraceKind kind, const Item& item) const
+{
+    TraceEntry entry{kind};
+    entry.detail = static_cast<quint8>(m_kind);
+    entry.item = &item;
+    if (kind == TraceKind::HandlerBegin) {
+        entry.type = &item.type;
+        entry.source = &item.src_id;
+    }
+    entry.destination = &m_id;
+    TraceRecorder::record(entry);
 }
 
 // For whoever watches: sender and type are copied, so that they can be seen while the handler runs.
@@ -295,16 +333,8 @@ void CInboxWorker<Item>::drop(Item* const* first, Item* const* last, bool hasPlu
                                          : LostReason::AtEnd;
     for (; first != last; ++first) {
         const std::unique_ptr<Item> item(*first);
-        if (!item)
-            continue;
-        LostItem lost;
-        lost.reason = reason;
-        lost.path = pathOf(m_kind, item->src_id);
-        lost.source = item->src_id;
-        lost.destination = m_id;
-        lost.type = item->type;
-        lost.traceId = traceIdOf(*item);
-        LostItems::instance().note(std::move(lost));
+        if (item)
+            LostItems::instance().note(*item, reason, m_kind, m_id);
     }
 }
 

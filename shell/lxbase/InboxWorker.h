@@ -18,6 +18,7 @@ enum class InboxKind;
 struct EventQueueItem;
 struct InboxStatistics;
 struct MsgQueueItem;
+enum class TraceKind : quint8;
 
 namespace lxbase::detail {
 class InboxMeter;
@@ -157,8 +158,10 @@ protected:
 private:
     void takeBatch(QVector<Item*>& batch, Take take);
     bool deliver(const QVector<Item*>& batch, const WorkerProfile& profile,
-                 lxbase::detail::InboxMeter& meter);
+                 lxbase::detail::InboxMeter& meter, const char* plugin);
     void callWatched(Item& item, const WorkerProfile& profile, lxbase::detail::InboxMeter& meter);
+    void traceBatch(TraceKind kind, int items) const;
+    void traceHandler(TraceKind kind, const Item& item) const;
     void drop(Item* const* first, Item* const* last, bool hasPlugin);
     void countPoll(int items);
     void writeRecord(const WorkerProfile& profile, const lxbase::detail::LogPlace& place);

@@ -71,6 +71,7 @@ void LiveWorkers::addTo(Sums& sums, const InboxStatistics& last)
     sum.put += last.put;
     sum.handled += last.handled;
     sum.dropped += last.dropped;
+    sum.superseded += last.superseded;
     sum.waitTime.add(last.waitTime);
     sum.handlerTime.add(last.handlerTime);
 }

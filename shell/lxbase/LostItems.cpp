@@ -2,6 +2,11 @@
 
 #include <lxbase/InboxMeter.h>
 #include <lxbase/Owned.h>
+#include <lxbase/Probes.h>
+#include <lxbase/QueueItems.h>
+#include <lxbase/TraceRecorder.h>
+
+#include <lxdefine/PluginID.h>
 
 #include <QDateTime>
 #include <QScopedValueRollback>
@@ -15,6 +20,28 @@ namespace {
 // Whether the present thread is inside the observer: what it loses there is not observed again.
 thread_local bool observing = false;
 
+// How an item came that waits in an inbox.
+PutPath pathOf(InboxKind kind, const QString& srcId)
+{
+    if (kind == InboxKind::Events)
+        return PutPath::PutEvent;
+    if (kind == InboxKind::Quotations)
+        return PutPath::PutQuotationMsg;
+    return srcId == PluginID::PLUGINNET_GLOBALID ? PutPath::PutNetMsg : PutPath::Put;
+}
+
+template<class Item>
+LostItem lostFrom(const Item& item, LostReason reason, InboxKind kind, const QString& plugin)
+{
+    LostItem lost;
+    lost.reason = reason;
+    lost.path = pathOf(kind, item.src_id);
+    lost.source = item.src_id;
+    lost.destination = plugin;
+    lost.type = item.type;
+    return lost;
+}
+
 } // namespace
 
 LostItems& LostItems::instance()
@@ -25,6 +52,17 @@ LostItems& LostItems::instance()
 
 void LostItems::note(LostItem item)
 {
+    LXBASE_PROBE(lost, static_cast<int>(item.path), static_cast<int>(item.reason));
+    if (isTracing()) {
+        TraceEntry entry{TraceKind::Lost};
+        entry.detail = static_cast<quint8>(item.path);
+        entry.number = static_cast<quint64>(item.reason);
+        entry.type = &item.type;
+        entry.source = &item.source;
+        entry.destination = &item.destination;
+        entry.traceId = &item.traceId;
+        TraceRecorder::record(entry);
+    }
     if (monitorSwitches.level.load(std::memory_order_relaxed) == StatisticsLevel::Off)
         return;
     count(item.reason);
@@ -46,6 +84,20 @@ void LostItems::note(LostItem item)
         const QScopedValueRollback<bool> inside(observing, true); // also if it throws
         (*observer)(item);
     }
+}
+
+void LostItems::note(const MsgQueueItem& item, LostReason reason, InboxKind kind,
+                     const QString& plugin)
+{
+    LostItem lost = lostFrom(item, reason, kind, plugin);
+    lost.traceId = item.trace_id;
+    note(std::move(lost));
+}
+
+void LostItems::note(const EventQueueItem& item, LostReason reason, InboxKind kind,
+                     const QString& plugin)
+{
+    note(lostFrom(item, reason, kind, plugin));
 }
 
 void LostItems::count(LostReason reason, quint64 count)

@@ -10,6 +10,9 @@
 #include <atomic>
 #include <memory>
 
+struct EventQueueItem;
+struct MsgQueueItem;
+
 namespace lxbase::detail {
 
 // Never destroyed: something may be lost at any time. Any thread.
@@ -21,6 +24,10 @@ public:
     // Counts and lists an item, unless the level is Off, and calls the observer. The sequence and
     // the time are filled in here. Called with no lock held.
     void note(LostItem item);
+
+    // The same for one that was put into an inbox of `plugin`.
+    void note(const MsgQueueItem& item, LostReason reason, InboxKind kind, const QString& plugin);
+    void note(const EventQueueItem& item, LostReason reason, InboxKind kind, const QString& plugin);
 
     // Counts `count` items only: where they are too many to list, or it is too late for that.
     void count(LostReason reason, quint64 count = 1);

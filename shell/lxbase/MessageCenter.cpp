@@ -12,9 +12,11 @@
 #include <lxbase/MessageWorkerThread.h>
 #include <lxbase/NetworkPath.h>
 #include <lxbase/Owned.h>
+#include <lxbase/Probes.h>
 #include <lxbase/QuotationWorkerThread.h>
 #include <lxbase/Registry.h>
 #include <lxbase/StallWatch.h>
+#include <lxbase/TraceRecorder.h>
 
 #include <lxdefine/PluginID.h>
 #include <lxmsg/MessageCommon.h>
@@ -62,6 +64,29 @@ void noteNotHandedIn(CMessageCommon* msg, PutPath path, bool inside)
     LostItems::instance().note(std::move(lost));
 }
 
+void traceUnReg(TraceKind kind, const QString& id)
+{
+    if (!isTracing())
+        return;
+    TraceEntry entry{kind};
+    entry.destination = &id;
+    TraceRecorder::record(entry);
+}
+
+// Hands a message from the network in, and records that. False: there is no list.
+template<class Thread>
+bool handIn(const NetworkPath<Thread>& network, const QSharedPointer<CMessageCommon>& msg,
+            PutPath path, const QString& srcId)
+{
+    LXBASE_PROBE(hand_in, static_cast<int>(path), msg.get());
+    if (!msg || !isTracing())
+        return network.handIn(msg);
+    const TracedPut traced(path, srcId, msg->GetType());
+    const bool handedIn = network.handIn(msg);
+    traced.end(TraceKind::Put, msg->GetDstid(), msg->traceId(), msg.get());
+    return handedIn;
+}
+
 // Both singletons are made while the library is loaded. The pool is made first, so it outlives the
 // workers that the center stops at its end.
 [[maybe_unused]] const auto* const thePool = CMessageCommonManage::GetInstance();
@@ -93,7 +118,17 @@ void CMessageCenter::Reg(QString id, IMessageInterface* pInterface,
     if (!pass)
         return;
     qCDebug(lcLxbase) << "reg id:" << id;
-    ProcessReg(owned(std::move(id)), pInterface, type);
+    LXBASE_PROBE(reg_begin);
+    const qint64 begin = isTracing() ? TraceRecorder::stamp() : 0;
+    ProcessReg(owned(id), pInterface, type);
+    LXBASE_PROBE(reg_end);
+    if (begin) {
+        TraceEntry entry{TraceKind::Reg};
+        entry.timeNs = begin;
+        entry.number = static_cast<quint64>(TraceRecorder::stamp() - begin);
+        entry.destination = &id;
+        TraceRecorder::record(entry);
+    }
 }
 
 // A handler that would wait for itself, directly or over other handlers in UnReg, is refused.
@@ -114,7 +149,11 @@ void CMessageCenter::UnReg(QString id)
                              << "that a handler of the plugin waits for, refused, ID:" << id;
         return;
     }
+    LXBASE_PROBE(unreg_begin);
+    traceUnReg(TraceKind::UnRegBegin, id);
     FreeOneResouce(id);
+    LXBASE_PROBE(unreg_end);
+    traceUnReg(TraceKind::UnRegEnd, id);
     if (worker)
         unregs.end(worker->id(), id);
 }
@@ -137,8 +176,8 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
         return countTurnedAway(msg.get());
     const QString dst = msg->GetDstid();
     Delivery delivery(
-        m_msg_reg_hash, m_msg_reg_mutex, messageInbox, std::move(srcId), msg->GetType(),
-        [&](QString&& src, QVariant&& type) {
+        PutPath::Put, m_msg_reg_hash, m_msg_reg_mutex, messageInbox, std::move(srcId),
+        msg->GetType(), [&](QString&& src, QVariant&& type) {
             return new MsgQueueItem{std::move(src), std::move(type), msg->traceId(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::LeftOut);
@@ -149,15 +188,14 @@ void CMessageCenter::Put(QString srcId, CMessageCommon* pMsg)
     if (dst.isEmpty() && msg->GetSendToNetFlag())
         delivery.alsoTo(PluginID::PLUGINNET_GLOBALID, LostReason::NoNetPlugin,
                         LostReason::NoNetPlugin);
-    delivery.report(*msg, PutPath::Put, LXBASE_LOG_PLACE);
+    delivery.report(*msg, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
 {
-    Q_UNUSED(srcId)
     const QSharedPointer<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
-    const bool handedIn = pass && netPath().handIn(msg);
+    const bool handedIn = pass && handIn(netPath(), msg, PutPath::PutNetMsg, srcId);
     if (!handedIn)
         noteNotHandedIn(msg.get(), PutPath::PutNetMsg, bool(pass));
     if (!handedIn && pass.mayLog())
@@ -166,10 +204,9 @@ void CMessageCenter::PutNetMsg(QString srcId, CMessageCommon* pMsg)
 
 void CMessageCenter::PutQuotationMsg(QString srcId, CMessageCommon* pMsg)
 {
-    Q_UNUSED(srcId)
     const QSharedPointer<CMessageCommon> msg(pMsg);
     const CallGate::Pass pass(centerGate);
-    const bool handedIn = pass && quotationPath().handIn(msg);
+    const bool handedIn = pass && handIn(quotationPath(), msg, PutPath::PutQuotationMsg, srcId);
     if (!handedIn)
         noteNotHandedIn(msg.get(), PutPath::PutQuotationMsg, bool(pass));
     if (!handedIn && pass.mayLog())
@@ -212,8 +249,8 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
         return countTurnedAway(msg.get());
     const QString dst = msg->GetDstid();
     Delivery delivery(
-        m_msg_reg_hash, m_msg_reg_mutex, messageInbox, QString(PluginID::PLUGINNET_GLOBALID),
-        msg->GetType(), [&](QString&& src, QVariant&& type) {
+        PutPath::PutNetMsg, m_msg_reg_hash, m_msg_reg_mutex, messageInbox,
+        QString(PluginID::PLUGINNET_GLOBALID), msg->GetType(), [&](QString&& src, QVariant&& type) {
             return new MsgQueueItem{std::move(src), std::move(type), msg->traceId(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::Included);
@@ -224,7 +261,7 @@ void CMessageCenter::ProcessMsgByNetPut(QSharedPointer<CMessageCommon> msg)
         qCDebug(lcLxbase) << "CMessageCenter::ProcessMsgByNetPut"
                           << "MsgType: " << msg->GetType() << " has not sub";
     }
-    delivery.report(*msg, PutPath::PutNetMsg, LXBASE_LOG_PLACE);
+    delivery.report(*msg, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
@@ -234,8 +271,8 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
         return countTurnedAway(msg.get());
     const QString dst = msg->GetDstid();
     Delivery delivery(
-        m_msg_reg_hash, m_msg_reg_mutex, quotationInbox, QString(PluginID::PLUGINNET_GLOBALID),
-        msg->GetType(), [&](QString&& src, QVariant&& type) {
+        PutPath::PutQuotationMsg, m_msg_reg_hash, m_msg_reg_mutex, quotationInbox,
+        QString(PluginID::PLUGINNET_GLOBALID), msg->GetType(), [&](QString&& src, QVariant&& type) {
             return new MsgQueueItem{std::move(src), std::move(type), QString(), msg->GetMsg()};
         });
     const Routed routed = delivery.route(dst, msgSubscriptions(), Sender::Included);
@@ -243,7 +280,7 @@ void CMessageCenter::ProcessQuotationMsg(QSharedPointer<CMessageCommon> msg)
         qCWarning(lcLxbase) << msg->GetSrcid() << " Put msg to " << dst
                             << " failed!! because not find,maybe dstId not register" << dst;
     }
-    delivery.report(*msg, PutPath::PutQuotationMsg, LXBASE_LOG_PLACE);
+    delivery.report(*msg, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::setIdlePolicy(IdlePolicy policy)
@@ -256,6 +293,32 @@ void CMessageCenter::setIdlePolicy(IdlePolicy policy)
         return;
     }
     m_state->idle_policy = policy;
+}
+
+void CMessageCenter::setInboxPolicy(QString id, IMessageInterface::ThreadType kind,
+                                    InboxPolicy policy)
+{
+    const CallGate::Pass pass(centerGate);
+    if (!pass)
+        return;
+    const auto refuse = [&](const QString& fault) {
+        qCCritical(lcLxbase).noquote() << "setInboxPolicy refused, ID:" << id << "," << fault;
+    };
+    if (const QString fault = faultOf(policy); !fault.isEmpty())
+        return refuse(fault);
+    id = owned(std::move(id));
+    switch (kind) {
+    case IMessageInterface::MessageThread:
+        return changePolicy(m_state->msg_policies, m_msg_reg_hash, m_msg_reg_mutex, messageInbox,
+                            {id, InboxKind::Messages}, std::move(policy));
+    case IMessageInterface::QuotationThread:
+        return changePolicy(m_state->quotation_policies, m_msg_reg_hash, m_msg_reg_mutex,
+                            quotationInbox, {id, InboxKind::Quotations}, std::move(policy));
+    case IMessageInterface::EventThread:
+        return setEventInboxPolicy(id, std::move(policy));
+    }
+    refuse(QStringLiteral("kind %1: one of MessageThread, QuotationThread and EventThread")
+               .arg(static_cast<int>(kind)));
 }
 
 void CMessageCenter::ProcessReg(QString id, IMessageInterface* pInterface,
@@ -282,11 +345,14 @@ void CMessageCenter::InitMsgReg(QString id, IMessageInterface* pInterface,
                 made->msg_list = new QVector<MsgQueueItem*>;
                 made->msg_mutex = new QMutex;
                 made->msg_state = new InboxState(fixIdlePolicy());
+                beginPolicy(m_state->msg_policies, {id, InboxKind::Messages}, messageInbox(*made));
             }
             if (wantsQuotations) {
                 made->quotation_list = new QVector<MsgQueueItem*>;
                 made->quotation_mutex = new QMutex;
                 made->quotation_state = new InboxState(fixIdlePolicy());
+                beginPolicy(m_state->quotation_policies, {id, InboxKind::Quotations},
+                            quotationInbox(*made));
             }
             return made;
         });

@@ -3,6 +3,7 @@
 #ifndef LXBASE_MESSAGECENTER_H
 #define LXBASE_MESSAGECENTER_H
 
+#include <lxbase/InboxPolicy.h>
 #include <lxbase/LxbaseExport.h>
 #include <lxbase/MessageCenterEvent.h>
 #include <lxbase/MessageInterface.h>
@@ -168,6 +169,17 @@ public:
     /// before the first registration and before Start; a later call is refused with a warning.
     void setIdlePolicy(IdlePolicy policy);
 
+    /// Ours: what the inbox of `id` for one kind of traffic (a single flag) does when more is put
+    /// than its handler takes; see InboxPolicy. The bus's own way unless set. Any time, also before
+    /// Reg; it holds until it is set anew, whoever registers under the ID. For the empty ID it is
+    /// the default of that kind, for the IDs that have been given none of their own.
+    ///
+    /// What waits already is put under the policy in its order: it may supersede, drop and cross a
+    /// watermark at once, and its age counts from then on. A policy with values that make no sense
+    /// is refused with a critical log record that names them, and changes nothing. Takes time in
+    /// proportion to what waits; puts to plugins of that side wait meanwhile.
+    void setInboxPolicy(QString id, IMessageInterface::ThreadType kind, InboxPolicy policy);
+
 private:
     friend class CBusMonitor;
 
@@ -199,6 +211,8 @@ private:
     // Removes the registration of `id` on one side and ends its workers.
     void retireForMsg(const QString& id);
     void retireForEvent(const QString& id);
+
+    void setEventInboxPolicy(const QString& id, InboxPolicy policy);
 
     // For CBusMonitor.
     void readStatistics(BusStatistics& statistics);

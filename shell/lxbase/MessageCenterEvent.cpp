@@ -65,8 +65,8 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
         event->SetSrcid(srcId);
 
     Delivery delivery(
-        m_event_reg_map, m_event_reg_mutex, eventInbox, std::move(srcId), QVariant(type),
-        [&](QString&& src, QVariant&& itemType) {
+        PutPath::PutEvent, m_event_reg_map, m_event_reg_mutex, eventInbox, std::move(srcId),
+        QVariant(type), [&](QString&& src, QVariant&& itemType) {
             return new EventQueueItem{std::move(src), std::move(itemType), event->GetMsg()};
         });
     const Routed routed = delivery.route(dst, eventSubscriptions(), Sender::LeftOut);
@@ -80,7 +80,7 @@ void CMessageCenter::PutEvent(QString srcId, CEventMessageCommon* pMsg)
         relations().forEachRelated(delivery.srcId(), type,
                                    [&](const QString& member) { delivery.alsoTo(member); });
     }
-    delivery.report(*event, PutPath::PutEvent, LXBASE_LOG_PLACE);
+    delivery.report(*event, LXBASE_LOG_PLACE);
 }
 
 void CMessageCenter::setRelation(const QString& from, const QString& to, int type,
@@ -107,6 +107,7 @@ void CMessageCenter::InitEventReg(QString id, IMessageInterface* pInterface,
             made->event_list = new QVector<EventQueueItem*>;
             made->event_mutex = new QMutex;
             made->event_state = new InboxState(fixIdlePolicy());
+            beginPolicy(m_state->event_policies, {id, InboxKind::Events}, eventInbox(*made));
             return made;
         });
     if (!record)
@@ -127,6 +128,12 @@ void CMessageCenter::retireForEvent(const QString& id)
 {
     if (const auto record = takeRecord(m_event_reg_map, m_event_reg_mutex, id))
         endWorkers({record->event_thread});
+}
+
+void CMessageCenter::setEventInboxPolicy(const QString& id, InboxPolicy policy)
+{
+    changePolicy(m_state->event_policies, m_event_reg_map, m_event_reg_mutex, eventInbox,
+                 {id, InboxKind::Events}, std::move(policy));
 }
 
 quint64 CMessageCenter::waitingEvents(const QString& id)

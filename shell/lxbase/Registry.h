@@ -4,7 +4,9 @@
 #ifndef LXBASE_REGISTRY_H
 #define LXBASE_REGISTRY_H
 
+#include <lxbase/CenterState.h>
 #include <lxbase/Inbox.h>
+#include <lxbase/InboxLimiter.h>
 #include <lxbase/InboxWorker.h>
 #include <lxbase/LxbaseLog.h>
 
@@ -15,6 +17,8 @@
 
 #include <memory>
 #include <type_traits>
+#include <utility>
+#include <vector>
 
 namespace lxbase::detail {
 
@@ -45,6 +49,48 @@ auto takeRecord(Registry& registry, QMutex& mutex, const QString& id)
     const QMutexLocker locker(&mutex);
     return std::unique_ptr<std::remove_pointer_t<typename Registry::mapped_type>>(
         registry.take(id));
+}
+
+// Puts a new inbox under the policy that holds for it; with the mutex of the registry held.
+template<class Item>
+void beginPolicy(const CenterState::InboxPolicies& policies, const InboxName& name,
+                 const Inbox<Item*>& inbox)
+{
+    auto policy = policies.constFind(name.plugin);
+    if (policy == policies.constEnd())
+        policy = policies.constFind(QString());
+    Aftermath<Item> nothing;
+    if (policy != policies.constEnd())
+        applyPolicy(inbox, name, *policy, nothing);
+}
+
+// Keeps a policy for the ID, or the default for the empty ID, and puts the inboxes that it holds
+// for under it. What that displaces, the policy that it replaces too, goes when no lock is held.
+template<class Registry, class InboxOf>
+void changePolicy(CenterState::InboxPolicies& policies, const Registry& registry, QMutex& mutex,
+                  const InboxOf& inboxOf, const InboxName& name, InboxPolicy policy)
+{
+    using Record = std::remove_pointer_t<typename Registry::mapped_type>;
+    using Element = std::remove_pointer_t<decltype(inboxOf(std::declval<Record>()).list)>;
+    Aftermath<std::remove_pointer_t<typename Element::value_type>> aftermath;
+    std::vector<std::unique_ptr<InboxLimiterBase>> replaced;
+    QMutexLocker locker(&mutex);
+    InboxPolicy& kept = policies[name.plugin];
+    std::swap(kept, policy);
+    const auto apply = [&](const QString& id, const Record& record) {
+        if (const auto inbox = inboxOf(record))
+            replaced.push_back(applyPolicy(inbox, {id, name.kind}, kept, aftermath));
+    };
+    if (name.plugin.isEmpty()) {
+        for (auto record = registry.begin(); record != registry.end(); ++record) {
+            if (!policies.contains(record.key()))
+                apply(record.key(), **record);
+        }
+    } else if (const Record* const record = registry.value(name.plugin)) {
+        apply(name.plugin, *record);
+    }
+    locker.unlock();
+    aftermath.finish();
 }
 
 // Makes a worker for the inbox, which belongs to it from here on.

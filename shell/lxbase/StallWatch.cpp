@@ -3,6 +3,7 @@
 #include <lxbase/InboxMeter.h>
 #include <lxbase/LiveWorkers.h>
 #include <lxbase/LxbaseLog.h>
+#include <lxbase/TraceRecorder.h>
 
 #include <QElapsedTimer>
 
@@ -187,6 +188,7 @@ void StallWatch::look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs,
                                 << ", waiting behind it:" << waiting << ", thread:" << stall.thread
                                 << stall.threadId;
                 records << record;
+                trace(stall);
             }
         }
     }
@@ -204,6 +206,19 @@ void StallWatch::look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs,
         watched.deepMs = nowMs;
     else if (nowMs - watched.deepMs >= MinuteMs)
         watched.reportDepth = FirstDepth;
+}
+
+void StallWatch::trace(const Stall& stall)
+{
+    if (!isTracing())
+        return;
+    TraceEntry entry{TraceKind::Stall};
+    entry.detail = static_cast<quint8>(stall.kind);
+    entry.number = static_cast<quint64>(stall.forMs);
+    entry.type = &stall.type;
+    entry.source = &stall.sender;
+    entry.destination = &stall.plugin;
+    TraceRecorder::record(entry);
 }
 
 bool StallWatch::mayReport(const QString& plugin, qint64 nowMs)

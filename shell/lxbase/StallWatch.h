@@ -64,6 +64,7 @@ private:
 
     void tick(qint64 nowMs);
     void look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs, QStringList& records);
+    static void trace(const Stall& stall);
     bool mayReport(const QString& plugin, qint64 nowMs);
 
     const int m_limit_ms;

@@ -22,9 +22,11 @@ bool balances(std::initializer_list<quint64> counts)
 }
 
 // What an audit reports that has counted quotes of these numbers.
-Report audited(std::initializer_list<quint64> sequence)
+Report audited(std::initializer_list<quint64> sequence, bool latest = false)
 {
     lxclient::QuoteAudit audit;
+    if (latest)
+        audit.expectLatest();
     audit.expect({"A"});
     lxclient::Quote quote;
     quote.symbol = "A";
@@ -72,6 +74,15 @@ private slots:
         QCOMPARE(audited({1, 2, 2}).faults, QStringList("A: quote 2 came where 3 was due"));
         QCOMPARE(audited({2, 1}).faults, QStringList("A: quote 2 came where 1 was due"));
         QCOMPARE(audited({}).postings.size(), 1); // also when nothing came
+    }
+
+    void anAuditOfTheLatestCountsWhatWasLeftOut()
+    {
+        const Report report = audited({2, 3, 7}, true);
+        QCOMPARE(report.faults, QStringList());
+        QCOMPARE(report.postings.value(0).count, quint64(7));
+        QCOMPARE(report.quotations, quint64(3));
+        QCOMPARE(audited({3, 2}, true).faults, QStringList("A: quote 2 came where 4 was due"));
     }
 };
 

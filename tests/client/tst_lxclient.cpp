@@ -1,5 +1,8 @@
 // The program as its user runs it: arguments in, tables and exit code out.
 #include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
 #include <QSqlDatabase>
@@ -112,6 +115,60 @@ QMap<QString, double> scrape(int port)
 #define VERIFY_CODE(outcome, expected)                                                             \
     QVERIFY2((outcome).code == (expected), qPrintable((outcome).out + (outcome).err))
 
+// A trace in JSON.
+struct Timeline
+{
+    explicit Timeline(const QString& name)
+    {
+        QFile file(name);
+        if (!file.open(QIODevice::ReadOnly))
+            return;
+        const QJsonObject read = QJsonDocument::fromJson(file.readAll()).object();
+        overwritten = read["otherData"]["overwritten"].toString();
+        const QJsonArray events = read["traceEvents"].toArray();
+        for (const QJsonValue event : events) {
+            const QString phase = event["ph"].toString();
+            const double ts = event["ts"].toDouble();
+            if (phase == "s")
+                arrows[event["id"].toInt()].first = ts;
+            else if (phase == "f")
+                arrows[event["id"].toInt()].second = ts;
+            else if (phase == "X" || phase == "i")
+                ++names[event["name"].toString() + ' ' + event["args"]["destination"].toString()];
+            if (phase == "M")
+                continue;
+            const QString track =
+                phase == "C" ? event["name"].toString() : QString::number(event["tid"].toInt());
+            timesGoBack |= ts < last.value(track, -1e18);
+            last[track] = ts;
+        }
+    }
+
+    // Times never go back on a track, and every arrow has both ends, the first one first.
+    bool isSound() const
+    {
+        return !last.isEmpty() && !timesGoBack
+            && std::all_of(arrows.begin(), arrows.end(), [](const auto& ends) {
+                   return ends.first > 0 && ends.first <= ends.second;
+               });
+    }
+
+    // Of the slices and instants whose name and destination begin like this.
+    int count(const QString& name) const
+    {
+        int number = 0;
+        for (auto it = names.begin(); it != names.end(); ++it)
+            number += it.key().startsWith(name) ? *it : 0;
+        return number;
+    }
+
+    QString overwritten;
+    QMap<int, std::pair<double, double>> arrows{}; // where they begin and end
+    QMap<QString, int> names{};
+    QMap<QString, double> last{}; // time of each track
+    bool timesGoBack = false;
+};
+
 // A plugin folder with those of the build, and one more.
 class Folder
 {
@@ -142,6 +199,18 @@ class tst_lxclient : public QObject
 {
     Q_OBJECT
 private slots:
+    void boardsThatKeepTheLatestAccountForEveryQuote()
+    {
+        const Outcome outcome = runBriefly({"--board-policy", "latest"});
+        VERIFY_CODE(outcome, 0);
+        QVERIFY(outcome.count("quotes superseded at board#2")
+                >= 0); // the bus says so, and the board
+        QVERIFY(outcome.count("quotes EUR/USD") > 1000);
+        const Outcome wrong = runBriefly({"--board-policy", "some"});
+        VERIFY_CODE(wrong, 1);
+        QVERIFY(wrong.err.contains("--board-policy some"));
+    }
+
     void everythingIsDeliveredUnderBothIdlePolicies()
     {
         const QStringList sessions[] = {
@@ -207,6 +276,9 @@ private slots:
             {2, {"--quotes", "/nowhere.csv"}, "/nowhere.csv: cannot be read"},
             {2, {"--quotes", LXCLIENT}, LXCLIENT ": is no recording"},
             {2, {"--plugins", "/nowhere"}, "/nowhere: "},
+            {1, {"--trace", "t.txt"}, "--trace t.txt: a name that ends in .pftrace"},
+            {1, {"--trace-size", "0"}, "--trace-size 0"},
+            {2, {"--trace", "/nowhere/t.json"}, "/nowhere/t.json: cannot be written"},
             {2, {"--journal", "/nowhere/t.db"}, "/nowhere/t.db: "},
             {2, {"--record", "/nowhere/t.csv"}, "/nowhere/t.csv: "},
             {2, {"--link", "red:board#1,board#9"}, "--link: there is no plugin board#9"},
@@ -328,6 +400,71 @@ private slots:
             const Outcome outcome = client.outcome();
             VERIFY_CODE(outcome, 0);
         }
+    }
+
+    void theTraceHasEveryHandlerCallAndTheArrowThatLedToIt()
+    {
+        const QTemporaryDir dir;
+        const QString file = dir.filePath("day.json");
+        const Outcome outcome =
+            runBriefly({"--synthetic-quotes", "5000", "--trace", file, "--follow", "strategy-1"});
+        VERIFY_CODE(outcome, 0);
+        QCOMPARE(outcome.captured("Way of strategy-1", "(strategy: Put \\S+) to orders "),
+                 QString("strategy: Put 266241"));
+        QVERIFY(outcome.out.contains(": RecvEvent 270337 from orders "));
+        const Timeline timeline(file);
+        QVERIFY(timeline.isSound());
+        QCOMPARE(timeline.overwritten, QString("0"));
+        int deliveries = 0;
+        for (const QString plugin :
+             {"PluginNet", "board#1", "board#2", "journal", "orders", "strategy"}) {
+            const QString calls = QString("%L1 +%L2 +%L3 ")
+                                      .arg(timeline.count("RecvMsg " + plugin))
+                                      .arg(timeline.count("RecvQuotationMsg " + plugin))
+                                      .arg(timeline.count("RecvEvent " + plugin));
+            QVERIFY2(!outcome.captured("Plugin", plugin + " +(" + calls + ')').isNull(),
+                     qPrintable(plugin + ": " + calls + " slices\n" + outcome.out));
+            deliveries += timeline.count("RecvMsg " + plugin)
+                + timeline.count("RecvQuotationMsg " + plugin)
+                + timeline.count("RecvEvent " + plugin);
+        }
+        QVERIFY(deliveries > 20000);
+        QCOMPARE(timeline.arrows.size(), deliveries + timeline.count("Route"));
+    }
+
+    void aSmallTraceHasTheNewest()
+    {
+        const QTemporaryDir dir;
+        const QString file = dir.filePath("day.json");
+        const Outcome outcome = runBriefly({"--trace", file, "--trace-size", "1", "--follow", "x"});
+        VERIFY_CODE(outcome, 0);
+        const Timeline timeline(file);
+        QVERIFY(timeline.isSound());
+        QVERIFY(timeline.overwritten.toInt() > 0);
+        QVERIFY(outcome.err.contains("older ones were overwritten"));
+        QVERIFY(outcome.out.contains("No put has the trace ID x. But "));
+        QCOMPARE(timeline.count("UnReg "), 6);
+        QVERIFY(timeline.arrows.size() > 1000);
+    }
+
+    void whatTheBusDoesIsWrittenWhileTheSessionLasts()
+    {
+        const QTemporaryDir dir;
+        const Folder folder(STRANGER);
+        Client client({"--plugins", folder.path(), "--synthetic-quotes", "2000", "--stall-limit",
+                       "50", "--plugin-deadline", "0", "--set", "hang=stranger#1", "--trace",
+                       dir.filePath("a.day.json")});
+        QTRY_VERIFY_WITH_TIMEOUT(
+            !client.said("(/a.day.1.json: trace of .*, for a handler stalls)").isNull(),
+            DeadlineMs);
+        QVERIFY(Timeline(dir.filePath("a.day.1.json")).count("Stall ") > 0);
+        client.interrupt(SIGUSR1);
+        QTRY_VERIFY_WITH_TIMEOUT(!client.said("(/a.day.2.json: trace of .*, for SIGUSR1)").isNull(),
+                                 DeadlineMs);
+        client.closeWriteChannel();
+        const Outcome outcome = client.outcome();
+        VERIFY_CODE(outcome, 0);
+        QVERIFY(Timeline(dir.filePath("a.day.json")).isSound());
     }
 
     void aPluginThatFailsIsNamedAndTheSessionEnds_data()

@@ -1,5 +1,6 @@
 #include "BoardPlugin.h"
 
+#include <lxbase/MessageCenter.h>
 #include <lxclient/Accounts.h>
 #include <lxevent/EventMessageCommon.h>
 
@@ -22,6 +23,13 @@ lxclient::Error BoardPlugin::onInitialise(const QVariantMap& settings)
     const QStringList symbols = settings.value(setting::Symbols).toStringList();
     m_selected = symbols.value(0);
     m_audit.expect(symbols);
+    m_latest = settings.value(setting::BoardsKeepLatest).toBool();
+    if (m_latest) {
+        m_audit.expectLatest();
+        InboxPolicy policy;
+        policy.mode = InboxPolicy::KeepLatest;
+        CMessageCenter::GetInstance()->setInboxPolicy(id(), QuotationThread, policy);
+    }
     subscribeQuotes(settings);
     subscribeEvent(lxclient::PositionType);
     return {};
@@ -32,6 +40,8 @@ lxclient::Report BoardPlugin::report() const
     lxclient::Report report;
     const QMutexLocker locker(&m_mutex);
     m_audit.post(report);
+    if (m_latest)
+        report.post(account::supersededQuotesAt(id()), m_audit.superseded());
     for (const Quote& quote : m_quotes) {
         const QString time = QDateTime::fromMSecsSinceEpoch(quote.time_ms, Qt::UTC)
                                  .toString(QStringLiteral("yyyy-MM-dd hh:mm:ss"));

@@ -1,6 +1,7 @@
 // BoardPlugin: a quote board, a window that shows the last quote and the position of every symbol
 // and has one symbol selected. Several may be open; those of one colour follow one another's
-// selection.
+// selection. A board that is asked to takes the latest quote of each symbol only: one that is slow
+// then leaves quotes out, and shows no old ones.
 #ifndef LXCLIENT_BOARDPLUGIN_H
 #define LXCLIENT_BOARDPLUGIN_H
 
@@ -32,6 +33,7 @@ private:
 
     // constant after initialise
     QStringList m_linked;
+    bool m_latest = false; // the inbox keeps the latest quotes only
 
     mutable QMutex m_mutex;
     // guarded by m_mutex

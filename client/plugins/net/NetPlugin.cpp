@@ -3,12 +3,14 @@
 #include <Recordings.h>
 #include <SyntheticSession.h>
 
+#include <lxbase/BusMonitor.h>
 #include <lxbase/MessageCommonManage.h>
 #include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
 
 #include <QDateTime>
 #include <QLoggingCategory>
+#include <QThread>
 
 #include <utility>
 
@@ -24,6 +26,12 @@ namespace {
 
 Q_LOGGING_CATEGORY(lcNet, "lxclient.net")
 
+// The player looks after so many quotes how many items are under way, and waits while they are too
+// many, so that no inbox comes near 100,000 items and a session of any length needs the same
+// memory. What is under way is the work of some hundredths of a second.
+constexpr quint64 QuotesPerLook = 4096;
+constexpr quint64 MaxUnderWay = 50'000;
+constexpr std::chrono::seconds StandstillLimit{30};
 constexpr double LongGapS = 60; // to wait for: worth a word
 
 // "6 h 12 min", "75 s".
@@ -54,6 +62,7 @@ NetPlugin::~NetPlugin() = default;
 Error NetPlugin::onInitialise(const QVariantMap& settings)
 {
     m_speed = settings.value(setting::Speed).toDouble();
+    m_heard = settings.value(setting::Heard).value<lxclient::HeardQuotes>();
     if (settings.contains(setting::SkipGaps))
         m_skip_gaps_s = settings.value(setting::SkipGaps).toDouble();
     const QStringList files = settings.value(setting::Quotes).toStringList();
@@ -134,10 +143,13 @@ void NetPlugin::onMessage(const QString& sender, int type, const QVariant& paylo
 
 void NetPlugin::play()
 {
+    QThread::currentThread()->setObjectName(id() + QStringLiteral("_Player")); // in traces
     while (const auto timed = m_source->next()) {
         if (!waitUntilDue(timed->due_ms))
             break;
         putQuote(timed->quote);
+        if (m_played % QuotesPerLook == 0 && !waitForRoom())
+            break;
     }
     m_ended = true;
 }
@@ -160,6 +172,40 @@ bool NetPlugin::waitUntilDue(qint64 dueMs)
         m_stop_condition.wait_until(locker, due, [this] { return m_stop; });
     }
     return !m_stop;
+}
+
+// False: stop, or nobody takes anything any more: then the session is to end, and says who.
+bool NetPlugin::waitForRoom()
+{
+    Clock::time_point moved = Clock::now();
+    quint64 last = 0;
+    for (quint64 items = itemsUnderWay(); items > MaxUnderWay; items = itemsUnderWay()) {
+        if (std::exchange(last, items) != items)
+            moved = Clock::now();
+        if (Clock::now() - moved > StandstillLimit) {
+            fault(QStringLiteral("playing ended early: an inbox is full and was not worked on for "
+                                 "%1 s")
+                      .arg(StandstillLimit.count()));
+            return false;
+        }
+        std::unique_lock<std::mutex> locker(m_stop_mutex);
+        if (m_stop_condition.wait_for(locker, std::chrono::milliseconds(1),
+                                      [this] { return m_stop; }))
+            return false;
+    }
+    return true;
+}
+
+// Of the fullest inbox, with what its handler has in hand and what may still come from the list of
+// the quotations; or of the listener, if that is further behind.
+quint64 NetPlugin::itemsUnderWay() const
+{
+    const BusStatistics bus = CBusMonitor::statistics();
+    quint64 most = 0;
+    for (const InboxStatistics& inbox : bus.inboxes)
+        most = qMax(most, inbox.put - inbox.handled - inbox.dropped - inbox.superseded);
+    most += bus.quotationList.put - bus.quotationList.handled;
+    return m_heard ? qMax(most, m_played - m_heard->load()) : most;
 }
 
 // The pause before the next quote: leaves it out if it is too long, and says so if it is long.
@@ -196,6 +242,7 @@ void NetPlugin::putQuote(Quote quote)
         line.last->SetMsg(QVariant::fromValue(quote));
         type = line.type;
     }
+    ++m_played;
     PutQuotationMsg(id(), new CMessageCommon(id(), QString(), type, QVariant::fromValue(quote)));
 }
 

@@ -57,6 +57,8 @@ private:
 
     void play();
     bool waitUntilDue(qint64 dueMs);
+    bool waitForRoom();
+    quint64 itemsUnderWay() const;
     void passGap(qint64 gapMs);
     void putQuote(lxclient::Quote quote);
     void fill(const QString& customer, const lxclient::Order& order);
@@ -68,12 +70,14 @@ private:
 
     // constant after initialise
     double m_speed = 0;
+    lxclient::HeardQuotes m_heard;        // null: nobody listens beside the bus
     std::optional<double> m_skip_gaps_s;  // longer waits are left out; none: no wait is
     QHash<QString, int> m_line_of_symbol; // index into m_lines
 
     // the player thread's, after start
     using Clock = std::chrono::steady_clock;
     std::unique_ptr<QuoteSource> m_source;
+    quint64 m_played = 0;                 // quotes put
     std::optional<qint64> m_first_due_ms; // moved on by the gaps that were left out
     qint64 m_last_due_ms = 0;
     Clock::time_point m_begin; // when the first quote was due

@@ -26,6 +26,13 @@ inline QString quotesOf(const QString& symbol)
     return QStringLiteral("quotes ") + symbol;
 }
 
+/// Superseded by newer ones in the inbox of the plugin `id`, as the bus counts them, and as the
+/// plugin finds from the numbers of those that it received.
+inline QString supersededQuotesAt(const QString& id)
+{
+    return QStringLiteral("quotes superseded at ") + id;
+}
+
 /// Put by the plugin `id`; received by the first board.
 inline QString signalsOf(const QString& id)
 {
@@ -55,8 +62,9 @@ inline QString refusalsTo(const QString& id)
 /// Which of its counts a plugin posts. A plain receiver needs none of these names.
 namespace counted {
 
-inline const QString Put = QStringLiteral("put");                   ///< sent by this plugin
-inline const QString Received = QStringLiteral("received");         ///< sent to this plugin
+inline const QString Put = QStringLiteral("put");           ///< sent by this plugin
+inline const QString Received = QStringLiteral("received"); ///< sent to this plugin
+inline const QString ReceivedOrSuperseded = QStringLiteral("received+superseded"); ///< together
 inline const QString Acknowledged = QStringLiteral("acknowledged"); ///< taken by the exchange
 inline const QString Executed = QStringLiteral("executed");         ///< filled by the exchange
 inline const QString Rows = QStringLiteral("rows");                 ///< written to the journal

@@ -11,6 +11,9 @@
 #include <QStringList>
 #include <QVariantMap>
 
+#include <atomic>
+#include <memory>
+
 namespace lxclient {
 
 // ---- payloads --------------------------------------------------------------------------------
@@ -104,6 +107,10 @@ inline const QString FirstBoardId = QStringLiteral("board#1");
 
 // ---- settings --------------------------------------------------------------------------------
 
+/// How many quotes the host's own listener has taken from its outside queue: it counts, others
+/// read.
+using HeardQuotes = std::shared_ptr<std::atomic<quint64>>;
+
 /// Settings that the host sets itself and gives to every plugin; no plugin declares one of these
 /// names, and --set does not take them.
 namespace setting {
@@ -120,8 +127,12 @@ inline const QString Speed = QStringLiteral("speed");
 inline const QString SyntheticQuotes = QStringLiteral("synthetic.quotes");
 /// qulonglong: what the synthetic session is made from.
 inline const QString SyntheticSeed = QStringLiteral("synthetic.seed");
+/// HeardQuotes: who puts quotes waits for the listener, as for a full inbox.
+inline const QString Heard = QStringLiteral("quotes.heard");
 /// int: how many boards there are.
 inline const QString Boards = QStringLiteral("boards");
+/// bool: the boards keep the latest quote of each symbol only, where they are too slow for all.
+inline const QString BoardsKeepLatest = QStringLiteral("boards.keep-latest");
 /// QString: the journal's file; empty: none.
 inline const QString Journal = QStringLiteral("journal");
 /// int: where the metrics are served, on the loopback interface; 0: anywhere. Missing: nowhere.
@@ -135,8 +146,8 @@ inline const QString Supervisor = QStringLiteral("supervisor");
 /// All of them.
 inline QStringList ofTheHost()
 {
-    return {Symbols, Linked,  Quotes,      Speed,    SyntheticQuotes, SyntheticSeed,
-            Boards,  Journal, MetricsPort, SkipGaps, Supervisor};
+    return {Symbols, Linked,           Quotes,  Speed,       SyntheticQuotes, SyntheticSeed, Heard,
+            Boards,  BoardsKeepLatest, Journal, MetricsPort, SkipGaps,        Supervisor};
 }
 
 } // namespace setting
@@ -150,6 +161,7 @@ inline int quoteType(const QVariantMap& settings, const QString& symbol)
 
 } // namespace lxclient
 
+Q_DECLARE_METATYPE(lxclient::HeardQuotes)
 Q_DECLARE_METATYPE(lxclient::Quote)
 Q_DECLARE_METATYPE(lxclient::OrderRequest)
 Q_DECLARE_METATYPE(lxclient::Order)
@@ -164,6 +176,7 @@ namespace lxclient {
 /// registers a type first, and those of an unloaded library would be gone.
 inline void registerPayloads()
 {
+    qRegisterMetaType<HeardQuotes>();
     qRegisterMetaType<Quote>();
     qRegisterMetaType<OrderRequest>();
     qRegisterMetaType<Order>();
