@@ -297,7 +297,8 @@ void Session::addOwnReports(QVector<NamedReport>& reports, const BusStatistics& 
         return;
     lxclient::Report superseded;
     for (const InboxStatistics& inbox : bus.inboxes) {
-        if (inbox.kind == InboxKind::Quotations && baseOf(inbox.plugin) == QLatin1String("board")) {
+        if (inbox.kind == InboxKind::Quotations
+            && inbox.plugin.section(QLatin1Char('#'), 0, 0) == QLatin1String("board")) {
             superseded.post(lxclient::account::supersededQuotesAt(inbox.plugin), inbox.superseded);
         }
     }
