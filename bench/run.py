@@ -53,6 +53,7 @@ PLAN = [
     ("memory", "park", ".", True),
     ("monitor", "park", ".", False),
     ("pool", "park", ".", False),
+    ("windows", "park", ".", False),
 ]
 QUICK_PLAN = [
     ("throughput", "park", "/double", False),
@@ -61,7 +62,15 @@ QUICK_PLAN = [
     ("memory", "park", "/double", True),
     ("monitor", "park", ".", False),
     ("pool", "park", ".", False),
+    ("windows", "park", ".", False),
 ]
+OPTIONAL = ["windows"]  # not built where Qt Widgets is missing
+WAYS_TO_WINDOWS = {
+    "frame": "the newest of each symbol every 33 ms (lxclient::Conflator)",
+    "refresh": "one refresh posted by the handler that finds none pending",
+    "each": "each quote queued",
+    "none": "handed to no window: what the feed and the bus take",
+}
 # What counting costs is a matter of a few per cent, far less than a benchmark shakes from one run to
 # the next: many short runs, every level in turn.
 LEVELS = ["off", "counts", "sampled"]
@@ -313,6 +322,14 @@ def cost_table(results):
     return parts + "\n" + table(["bytes per queued message", "double", "map", "struct"], rows)
 
 
+def window_table(results):
+    rows = [[title, f"{cores:.2f}"] for way, title in WAYS_TO_WINDOWS.items()
+            if (cores := results.median(f"windows/{way}", "cores")) is not None]
+    if not rows:
+        return "Not measured: built without Qt Widgets.\n"
+    return table(["two tables of 50 symbols, 10,000 quotes/s", "cores used"], rows)
+
+
 def machine():
     model = platform.processor() or platform.machine()
     memory = ""
@@ -366,7 +383,12 @@ each benchmark
 {latency_table(results)}
 ## Single costs
 
-{cost_table(results)}"""
+{cost_table(results)}
+## From handler to window
+
+The widgets draw into memory (platform `offscreen`).
+
+{window_table(results)}"""
 
 
 def run_program(program, arguments):
@@ -405,6 +427,8 @@ def run_levels(programs, against, runs, results):
 def run_step(step, programs, min_time, results):
     name, policy, pattern, alone = step
     program = programs / f"lxbench_{name}"
+    if name in OPTIONAL and not program.exists():
+        return
     arguments = [f"--idle={policy}", f"--benchmark_min_time={min_time}"]
     patterns = [pattern]
     if alone:

@@ -27,7 +27,8 @@ configure_file(${CMAKE_CURRENT_LIST_DIR}/lxbase.pc.in lxbase.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/lxbase.pc DESTINATION ${pc_dir} COMPONENT development)
 
 # What a plugin author copies.
-install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/plugin-template
+install(DIRECTORY
+    ${PROJECT_SOURCE_DIR}/examples/plugin-template ${PROJECT_SOURCE_DIR}/examples/window-template
     DESTINATION ${CMAKE_INSTALL_DATADIR}/lxbase COMPONENT development)
 
 # The documentation with what it refers to, in folders as in the tree, so that its links lead
@@ -35,18 +36,21 @@ install(DIRECTORY ${PROJECT_SOURCE_DIR}/examples/plugin-template
 set(docs ${CMAKE_INSTALL_DATADIR}/doc/liblxbase-dev)
 file(RELATIVE_PATH docs_to_prefix /${docs} /)
 set(headers ${docs_to_prefix}${CMAKE_INSTALL_INCLUDEDIR})
-set(template ${docs_to_prefix}${CMAKE_INSTALL_DATADIR}/lxbase/plugin-template)
+set(templates ${docs_to_prefix}${CMAKE_INSTALL_DATADIR}/lxbase)
 set_property(DIRECTORY APPEND PROPERTY CMAKE_CONFIGURE_DEPENDS README.md)
 file(READ README.md readme)
 string(REPLACE "](shell/" "](${headers}/" readme "${readme}")
 string(REPLACE "](client)" "](${headers}/lxclient)" readme "${readme}")
-string(REPLACE "](examples/plugin-template)" "](${template})" readme "${readme}")
+string(REPLACE "](examples/plugin-template)" "](${templates}/plugin-template)" readme "${readme}")
+string(REPLACE "](examples/window-template)" "](${templates}/window-template)" readme "${readme}")
 file(WRITE ${PROJECT_BINARY_DIR}/README.md "${readme}")
 install(DIRECTORY ${PROJECT_SOURCE_DIR}/docs ${PROJECT_SOURCE_DIR}/examples
     DESTINATION ${docs} COMPONENT development
     FILES_MATCHING PATTERN "*.md" PATTERN "*.json" PATTERN "*.png" PATTERN "*.yml" PATTERN "main.cpp"
+    REGEX "/08-spread-alert/.*"
     REGEX "/own-siblings/.*"
-    PATTERN plugin-template EXCLUDE)
+    PATTERN plugin-template EXCLUDE
+    PATTERN window-template EXCLUDE)
 install(FILES ${PROJECT_SOURCE_DIR}/bench/results.md DESTINATION ${docs}/bench COMPONENT development)
 install(FILES
     ${PROJECT_BINARY_DIR}/README.md

@@ -19,6 +19,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <optional>
 #include <string>
 #include <thread>
 #include <utility>
@@ -108,7 +109,9 @@ int run(int argc, char** argv, void (*registerBenchmarks)())
     CBusMonitor::setLevel(take(argc, argv, levelChoice));
     if (const int mebibytes = take(argc, argv, traceChoice))
         CBusMonitor::startTrace(mebibytes);
-    const QCoreApplication application(argc, argv);
+    std::optional<QCoreApplication> application;
+    if (!QCoreApplication::instance()) // the program may have one with windows
+        application.emplace(argc, argv);
     qInstallMessageHandler([](QtMsgType, const QMessageLogContext&, const QString&) {});
     setBusDebug(false);
     registerPayloads();

@@ -7,7 +7,8 @@
 bool Ledger::Account::balances() const
 {
     const quint64 count = entries.first().count;
-    return (entries.size() > 1 || count == 0)
+    const bool alone = entries.size() == 1;
+    return (!alone || count == 0 || entries.first().what == lxclient::OneSided)
         && std::all_of(entries.begin(), entries.end(),
                        [count](const Entry& entry) { return entry.count == count; });
 }

@@ -167,6 +167,16 @@ Error MetaData::read(const QJsonObject& json, MetaData& metaData)
     read.needs = json.value(QStringLiteral("needs")).toString();
     if (read.id.isEmpty() || read.id.contains(QLatin1Char('#')))
         return Error(QStringLiteral("its metadata names no \"id\", or one with a #"));
+    if (!read.needs.isEmpty() && !lxclient::setting::ofTheHost().contains(read.needs)) {
+        return Error(
+            QStringLiteral("\"needs\" in its metadata names %1, which is no setting of the "
+                           "host: it would never be loaded")
+                .arg(read.needs));
+    }
+    const QJsonValue payloads = json.value(QStringLiteral("payloads"));
+    if (!payloads.isUndefined() && !payloads.isBool())
+        return Error(QStringLiteral("\"payloads\" in its metadata is neither true nor false"));
+    read.payloads = payloads.toBool();
     const QJsonValue settings = json.value(QStringLiteral("settings"));
     if (!settings.isUndefined() && !settings.isArray())
         return Error(QStringLiteral("\"settings\" in its metadata is no list"));

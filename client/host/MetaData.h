@@ -43,6 +43,7 @@ struct MetaData
     QString id;
     QString instances; // the setting that says how many objects there are; empty: one
     QString needs;     // the setting without which the library is not loaded; empty: always loaded
+    bool payloads = false; // it has payload types of its own
     QVector<Setting> settings;
 
     static lxclient::Error read(const QJsonObject& json, MetaData& metaData);

@@ -5,6 +5,7 @@
 #include <QCommandLineParser>
 #include <QCoreApplication>
 #include <QDir>
+#include <QFileInfo>
 
 #include <cmath>
 
@@ -176,6 +177,51 @@ Error linksFrom(const QStringList& texts, QMap<RelationColor_t, QStringList>& li
     return {};
 }
 
+// What a file or folder is named by must not be empty, as an unset variable of a shell script is.
+Error namesFrom(const QCommandLineParser& parser, const QString& option)
+{
+    const bool empty = parser.values(option).contains(QString()) && parser.isSet(option);
+    return empty
+        ? Error(QStringLiteral("--%1: a name is expected, what is given is empty.").arg(option))
+        : Error();
+}
+
+// Both options are right by themselves.
+Error exclusive(const QCommandLineParser& parser, const QString& option, const QString& other)
+{
+    return parser.isSet(option) && parser.isSet(other)
+        ? Error(
+            QStringLiteral("--%1 and --%2 exclude one another; leave one out.").arg(option, other))
+        : Error();
+}
+
+// The recording replaces what is in its file.
+Error recordFrom(const QCommandLineParser& parser, QString& file)
+{
+    file = parser.value(QStringLiteral("record"));
+    const QFileInfo record(file);
+    const QFileInfo journal(parser.value(QStringLiteral("journal")));
+    const bool same = !file.isEmpty()
+        && (record.absoluteFilePath() == journal.absoluteFilePath()
+            || (record.exists() && record.canonicalFilePath() == journal.canonicalFilePath()));
+    return same ? Error(QStringLiteral("--record %1: is the file of the journal.").arg(file))
+                : Error();
+}
+
+Error foldersFrom(const QCommandLineParser& parser, QStringList& folders)
+{
+    const bool noDefault = parser.isSet(QStringLiteral("no-default-plugins"));
+    QStringList given = parser.values(QStringLiteral("plugins"));
+    if (noDefault && given.isEmpty()) {
+        return Error(QStringLiteral("--no-default-plugins leaves no plugin folder; name one with "
+                                    "--plugins."));
+    }
+    if (!noDefault)
+        given.prepend(Options::defaultPluginFolder());
+    folders = given;
+    return {};
+}
+
 Error settingsFrom(const QStringList& texts, QMap<QString, QString>& settings)
 {
     for (const QString& text : texts) {
@@ -232,16 +278,20 @@ Error Options::parse(const QStringList& arguments, Options& options)
          QStringLiteral("FILE")},
         {QStringLiteral("journal"),
          QStringLiteral("Add every execution to this SQLite file; it is made if it does not exist. "
-                        "Default: no journal."),
+                        "What it cannot take is kept in FILE.unwritten for the next time. Default: "
+                        "no journal."),
          QStringLiteral("FILE")},
         {QStringLiteral("idle"),
          QStringLiteral(
              "How the threads of the bus wait for work: \"park\" (default) or \"poll\"."),
          QStringLiteral("POLICY"), QStringLiteral("park")},
         {QStringLiteral("plugins"),
-         QStringLiteral("Load the plugins in this folder (default: %1).")
+         QStringLiteral("Load the plugins in this folder too, besides those in %1. May be given "
+                        "several times.")
              .arg(defaultPluginFolder()),
-         QStringLiteral("DIR"), defaultPluginFolder()},
+         QStringLiteral("DIR")},
+        {QStringLiteral("no-default-plugins"),
+         QStringLiteral("Load only the plugins in the folders that --plugins names.")},
         {QStringLiteral("set"),
          QStringLiteral("Give a setting of a plugin another value than its default, such as "
                         "orders.max-open=20. May be given several times."),
@@ -281,6 +331,8 @@ Error Options::parse(const QStringList& arguments, Options& options)
         {QStringLiteral("stay"),
          QStringLiteral("When everything has been played, stay until Ctrl+C: the metrics can then "
                         "still be read.")},
+        {QStringLiteral("windows"),
+         QStringLiteral("Load the plugins that open windows as well; needs a display.")},
         {QStringLiteral("verbose"),
          QStringLiteral("Show the debug records of the bus (category \"lxbase\") on stderr.")},
     });
@@ -296,9 +348,7 @@ Error Options::parse(const QStringList& arguments, Options& options)
     }
 
     Options read;
-    read.plugin_folder = parser.value(QStringLiteral("plugins"));
     read.recordings = parser.values(QStringLiteral("quotes"));
-    read.record_file = parser.value(QStringLiteral("record"));
     read.journal_file = parser.value(QStringLiteral("journal"));
     read.list_settings = parser.isSet(QStringLiteral("settings"));
     read.verbose = parser.isSet(QStringLiteral("verbose"));
@@ -307,11 +357,20 @@ Error Options::parse(const QStringList& arguments, Options& options)
     read.trace_file = parser.value(QStringLiteral("trace"));
     read.follow = parser.value(QStringLiteral("follow"));
     read.stay = parser.isSet(QStringLiteral("stay"));
+    read.windows = parser.isSet(QStringLiteral("windows"));
     read.links_by_default = !parser.isSet(QStringLiteral("link"));
     const QStringList links = read.links_by_default
         ? QStringList(QStringLiteral("red:board#1,board#2"))
         : parser.values(QStringLiteral("link"));
     const Error errors[] = {
+        namesFrom(parser, QStringLiteral("quotes")),
+        namesFrom(parser, QStringLiteral("record")),
+        namesFrom(parser, QStringLiteral("journal")),
+        namesFrom(parser, QStringLiteral("plugins")),
+        exclusive(parser, QStringLiteral("quotes"), QStringLiteral("synthetic-quotes")),
+        exclusive(parser, QStringLiteral("quotes"), QStringLiteral("seed")),
+        recordFrom(parser, read.record_file),
+        foldersFrom(parser, read.plugin_folders),
         speedFrom(parser.value(QStringLiteral("speed")), read.speed),
         wholeNumber(parser, QStringLiteral("synthetic-quotes"), 0, 100'000'000,
                     read.synthetic_quotes),

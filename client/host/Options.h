@@ -21,9 +21,9 @@ enum ExitCode {
 
 struct Options
 {
-    QString plugin_folder;
-    QStringList recordings; // empty: a synthetic session
-    double speed = 0;       // times real time; 0: as fast as possible
+    QStringList plugin_folders; // in the order in which they are read
+    QStringList recordings;     // empty: a synthetic session
+    double speed = 0;           // times real time; 0: as fast as possible
     int synthetic_quotes = 0;
     quint64 synthetic_seed = 0;
     int boards = 0;
@@ -46,6 +46,7 @@ struct Options
     bool stay = false;                      // at the end, until it is interrupted
     QMap<QString, QString> plugin_settings; // given with --set, by name
     bool list_settings = false;             // and no more
+    bool windows = false;                   // plugins may open some
 
     // From the arguments of the program. Does not return if they ask for help or the version.
     static lxclient::Error parse(const QStringList& arguments, Options& options);

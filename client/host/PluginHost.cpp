@@ -1,6 +1,7 @@
 #include "PluginHost.h"
 
 #include "BusTables.h"
+#include "ProgressLine.h"
 
 #include <lxbase/BusMonitor.h>
 #include <lxbase/MessageInterface.h>
@@ -22,14 +23,49 @@ using lxclient::Error;
 struct PluginHost::Library
 {
     std::unique_ptr<QPluginLoader> loader;
+    QString canonical_file; // wherever links to it are
     MetaData meta_data;
     QVariantMap settings;                   // what it has declared, with its values
+    bool has_version_2 = false;             // of the interface: report is its last operation
     SupervisedPlugin* supervised = nullptr; // once it is loaded
 
     QString file() const { return loader->fileName(); }
 };
 
 namespace {
+
+const char version2Iid[] = "lxclient.Plugin/2";
+
+// as messages name them
+const char initialiserOperation[] = "an initialiser of its library";
+const char constructorOperation[] = "its constructor";
+
+Error cannotStart(const QString& id, const Error& reason)
+{
+    return reason.about(QStringLiteral("plugin %1 cannot start").arg(id));
+}
+
+// Why what is named like a library cannot be one; empty: it may be.
+QString flawOf(const QFileInfo& entry)
+{
+    if (entry.isSymLink() && !entry.exists())
+        return QStringLiteral("is a broken link to %1").arg(entry.symLinkTarget());
+    if (entry.isDir())
+        return QStringLiteral("is a folder, not a library");
+    return entry.isFile() ? QString() : QStringLiteral("is no file");
+}
+
+QStringList registeredIds()
+{
+    QStringList ids;
+    const QVector<InboxStatistics> inboxes = CBusMonitor::statistics().inboxes;
+    for (const InboxStatistics& inbox : inboxes) {
+        if (!inbox.plugin.isEmpty()
+            && !ids.contains(inbox.plugin)) // without: of those that have gone
+            ids.append(inbox.plugin);
+    }
+    return ids;
+}
 
 // No name is in both: plugins declare none of the host's.
 QVariantMap united(QVariantMap common, const QVariantMap& own)
@@ -50,22 +86,12 @@ PluginHost::~PluginHost()
     unload();
 }
 
-Error PluginHost::readMetaData(const QString& folder)
+Error PluginHost::readMetaData(const QStringList& folders)
 {
-    m_folder = folder;
-    const QDir dir(folder);
-    if (!dir.exists())
-        return Error(QStringLiteral("there is no such plugin folder")).about(folder);
-    const QFileInfoList files = dir.entryInfoList(QDir::Files, QDir::Name);
-    for (const QFileInfo& file : files) {
-        if (!QLibrary::isLibrary(file.fileName()))
-            continue;
-        Library library;
-        library.loader = std::make_unique<QPluginLoader>(file.absoluteFilePath());
-        // when it is loaded, not in the middle of a run
-        library.loader->setLoadHints(QLibrary::ResolveAllSymbolsHint);
-        if (const Error error = addLibrary(std::move(library)))
-            return error.about(file.absoluteFilePath());
+    m_folders = folders;
+    for (const QString& folder : folders) {
+        if (const Error error = readFolder(folder))
+            return error;
     }
     std::sort(m_libraries.begin(), m_libraries.end(),
               [](const Library& a, const Library& b) { return a.meta_data.id < b.meta_data.id; });
@@ -113,16 +139,14 @@ Error PluginHost::load(const QVariantMap& common)
     };
     m_libraries.erase(std::remove_if(m_libraries.begin(), m_libraries.end(), isNeedless),
                       m_libraries.end());
-    for (Library& library : m_libraries) {
-        library.supervised = &supervise(library.meta_data.id, library);
-        bool loaded = false;
-        const Error thrown = library.supervised->call("an initialiser of its library",
-                                                      [&] { loaded = library.loader->load(); });
-        if (thrown)
-            return thrown.about(library.file());
-        if (!loaded) {
-            return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()))
-                .about(library.file());
+    // first those with payload types: until they go, last, the types are theirs
+    for (const bool payloads : {true, false}) {
+        for (Library& library : m_libraries) {
+            if (library.meta_data.payloads != payloads)
+                continue;
+            library.supervised = &supervise(library.meta_data.id, library.file());
+            if (const Error error = loadLibrary(library))
+                return error.about(library.file());
         }
     }
     for (const Library& library : m_libraries) {
@@ -132,7 +156,8 @@ Error PluginHost::load(const QVariantMap& common)
     const bool anyInput = std::any_of(m_instances.begin(), m_instances.end(),
                                       [](const Instance& instance) { return instance.input; });
     return anyInput ? Error()
-                    : Error(QStringLiteral("no plugin there brings in quotes")).about(m_folder);
+                    : Error(QStringLiteral("no plugin there brings in quotes"))
+                          .about(m_folders.join(QLatin1String(", ")));
 }
 
 QStringList PluginHost::ids() const
@@ -158,13 +183,23 @@ Error PluginHost::initialise(const QString& id, const QVariantMap& common)
             error = thrown;
             CRegManager::UnReg(id); // it may have come as far as that
         }
-        if (error) {
-            return error.about(QStringLiteral("plugin %1 cannot start").arg(id))
-                .about(instance.library->file());
-        }
+        if (error)
+            return cannotStart(id, error).about(instance.library->file());
         instance.initialised = true;
     }
     return {};
+}
+
+void PluginHost::started()
+{
+    for (const Instance& instance : m_instances) {
+        if (instance.library->has_version_2)
+            continue;
+        const Error thrown =
+            instance.supervised->call("started", [&] { instance.plugin->started(); });
+        if (thrown)
+            instance.supervised->fail(thrown.words(), QStringLiteral("it is shut down"));
+    }
 }
 
 void PluginHost::startInputs()
@@ -252,7 +287,33 @@ bool PluginHost::shutDown(const std::function<void(const QString& id)>& next,
         return all;
     };
     shutDownThose(false, {});
-    return shutDownThose(true, stuck(stuckLimit));
+    const bool all = shutDownThose(true, stuck(stuckLimit));
+    if (all)
+        unregisterForgotten();
+    return all;
+}
+
+// Their workers would call into objects and libraries that go away. An ID that is no plugin's own
+// was registered by one of them besides.
+void PluginHost::unregisterForgotten()
+{
+    const QString fault = QStringLiteral(
+        "was still registered on the bus after shutDown, which has to end with UnReg");
+    const auto unregister = [&](SupervisedPlugin& supervised) {
+        supervised.fail(fault, QStringLiteral("it is unregistered"));
+        static_cast<void>( // waits for the handlers
+            supervised.call("UnReg", [&] { CRegManager::UnReg(supervised.id()); }));
+    };
+    for (const Instance& instance : m_instances) {
+        if (registeredIds().contains(instance.id))
+            unregister(*instance.supervised);
+    }
+    const QStringList others = registeredIds();
+    for (const QString& id : others) {
+        SupervisedPlugin& forgotten = supervise(id, QStringLiteral("of one of the plugins"));
+        m_forgotten.push_back(&forgotten);
+        unregister(forgotten);
+    }
 }
 
 // One that throws may still be registered.
@@ -280,9 +341,11 @@ void PluginHost::unload()
     for (Instance& instance : m_instances)
         destroy(instance.supervised, [&] { instance.owned.reset(); });
     m_instances.clear();
-    for (auto library = m_libraries.rbegin(); library != m_libraries.rend(); ++library) {
-        if (library->supervised)
-            destroy(library->supervised, [&] { library->loader->unload(); });
+    for (const bool payloads : {false, true}) {
+        for (auto library = m_libraries.rbegin(); library != m_libraries.rend(); ++library) {
+            if (library->supervised && library->meta_data.payloads == payloads)
+                destroy(library->supervised, [&] { library->loader->unload(); });
+        }
     }
     m_libraries.clear();
 }
@@ -309,13 +372,50 @@ QVector<NamedReport> PluginHost::lastReports() const
         reports.append({instance.id, instance.last_report});
         reports.last().report.faults += instance.supervised->faults();
     }
+    for (const SupervisedPlugin* const forgotten : m_forgotten) {
+        reports.append({forgotten->id(), {}});
+        reports.last().report.faults = forgotten->faults();
+    }
     return reports;
 }
 
-SupervisedPlugin& PluginHost::supervise(const QString& id, const Library& library)
+SupervisedPlugin& PluginHost::supervise(const QString& id, const QString& library)
 {
-    m_supervised.push_back(std::make_unique<SupervisedPlugin>(id, library.file(), m_watch));
+    m_supervised.push_back(std::make_unique<SupervisedPlugin>(id, library, m_watch));
     return *m_supervised.back();
+}
+
+Error PluginHost::readFolder(const QString& folder)
+{
+    const QDir dir(folder);
+    if (!dir.exists())
+        return Error(QStringLiteral("there is no such plugin folder")).about(folder);
+    const QFileInfoList entries = // broken links and pipes are "system"
+        dir.entryInfoList(QDir::AllEntries | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+    for (const QFileInfo& entry : entries) {
+        if (!QLibrary::isLibrary(entry.fileName()))
+            continue;
+        const QString file = entry.absoluteFilePath();
+        if (const QString flaw = flawOf(entry); !flaw.isEmpty()) {
+            ProgressLine::say(QStringLiteral("%1: %2; passed over").arg(file, flaw));
+            continue;
+        }
+        const QString canonicalFile = entry.canonicalFilePath();
+        const bool known =
+            std::any_of(m_libraries.begin(), m_libraries.end(), [&](const Library& library) {
+                return library.canonical_file == canonicalFile;
+            });
+        if (known)
+            continue;
+        Library library;
+        library.canonical_file = canonicalFile;
+        library.loader = std::make_unique<QPluginLoader>(file);
+        // when it is loaded, not in the middle of a run
+        library.loader->setLoadHints(QLibrary::ResolveAllSymbolsHint);
+        if (const Error error = addLibrary(std::move(library)))
+            return error.about(file);
+    }
+    return {};
 }
 
 // What is no plugin of ours is refused before it is loaded.
@@ -325,7 +425,8 @@ Error PluginHost::addLibrary(Library library)
     if (json.isEmpty())
         return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()));
     const QString offered = json.value(QStringLiteral("IID")).toString();
-    if (offered != QLatin1String(LxClientPlugin_iid)) {
+    library.has_version_2 = offered == QLatin1String(version2Iid);
+    if (offered != QLatin1String(LxClientPlugin_iid) && !library.has_version_2) {
         return Error(QStringLiteral("lacks the interface %1, it offers \"%2\"")
                          .arg(QStringLiteral(LxClientPlugin_iid), offered));
     }
@@ -350,15 +451,52 @@ Error PluginHost::addLibrary(Library library)
     return {};
 }
 
+Error PluginHost::loadLibrary(const Library& library)
+{
+    bool loaded = false;
+    if (const Error thrown = library.supervised->call(initialiserOperation,
+                                                      [&] { loaded = library.loader->load(); }))
+        return thrown;
+    if (!loaded)
+        return Error(QStringLiteral("cannot be loaded: %1").arg(library.loader->errorString()));
+    if (!library.meta_data.payloads || library.has_version_2)
+        return {};
+    QObject* root = nullptr;
+    if (const Error thrown = makeRoot(library, root))
+        return thrown;
+    lxclient::Plugin* const plugin = pluginOf(library, root);
+    if (!plugin)
+        return {}; // refused when the instances are made
+    const Error thrown =
+        library.supervised->call("registerPayloads", [&] { plugin->registerPayloads(); });
+    return thrown ? cannotStart(library.meta_data.id, thrown) : Error();
+}
+
+// The loader makes it once.
+Error PluginHost::makeRoot(const Library& library, QObject*& root)
+{
+    const Error thrown =
+        library.supervised->call(constructorOperation, [&] { root = library.loader->instance(); });
+    return thrown ? cannotStart(library.meta_data.id, thrown) : Error();
+}
+
+// Null: it is none.
+lxclient::Plugin* PluginHost::pluginOf(const Library& library, QObject* object)
+{
+    if (!library.has_version_2)
+        return qobject_cast<lxclient::Plugin*>(object);
+    // as qobject_cast would do it; the operations that version 2 has come first in the later one
+    // too
+    return static_cast<lxclient::Plugin*>(object ? object->qt_metacast(version2Iid) : nullptr);
+}
+
 Error PluginHost::makeInstances(const Library& library, const QVariantMap& common)
 {
     const QString& id = library.meta_data.id;
     const QString& setting = library.meta_data.instances;
-    const char* const constructor = "its constructor";
     QObject* root = nullptr;
-    if (const Error thrown =
-            library.supervised->call(constructor, [&] { root = library.loader->instance(); }))
-        return thrown.about(QStringLiteral("plugin %1 cannot start").arg(id));
+    if (const Error thrown = makeRoot(library, root))
+        return thrown;
     if (setting.isEmpty())
         return addInstance(library, id, root, false);
 
@@ -374,8 +512,8 @@ Error PluginHost::makeInstances(const Library& library, const QVariantMap& commo
         QObject* object = root;
         if (!first) {
             if (const Error thrown = library.supervised->call(
-                    constructor, [&] { object = root->metaObject()->newInstance(); }))
-                return thrown.about(QStringLiteral("plugin %1#%2 cannot start").arg(id).arg(i));
+                    constructorOperation, [&] { object = root->metaObject()->newInstance(); }))
+                return cannotStart(QStringLiteral("%1#%2").arg(id).arg(i), thrown);
         }
         if (const Error error =
                 addInstance(library, QStringLiteral("%1#%2").arg(id).arg(i), object, !first))
@@ -390,7 +528,7 @@ Error PluginHost::addInstance(const Library& library, const QString& id, QObject
     Instance instance;
     instance.id = id;
     instance.library = &library;
-    instance.supervised = &supervise(id, library);
+    instance.supervised = &supervise(id, library.file());
     if (owned)
         instance.owned.reset(object);
     if (!object) {
@@ -398,7 +536,7 @@ Error PluginHost::addInstance(const Library& library, const QString& id, QObject
                                     "constructor without arguments")
                          .arg(id));
     }
-    instance.plugin = qobject_cast<lxclient::Plugin*>(object);
+    instance.plugin = pluginOf(library, object);
     instance.input = qobject_cast<lxclient::Input*>(object);
     if (!instance.plugin || !qobject_cast<IMessageInterface*>(object)) {
         return Error(

@@ -44,8 +44,11 @@ public:
     // Another deadline. Any thread.
     void setDeadline(std::chrono::milliseconds deadline) { m_watch.setDeadline(deadline); }
 
-    // Reads the metadata of every library in the folder, without loading one. Called first.
-    lxclient::Error readMetaData(const QString& folder);
+    // Reads the metadata of every library in the folders, without loading one. What is named like a
+    // library and is none that could be read, a broken link say, is warned of and passed over; a
+    // library that is met again, by another link or because its folder is named twice, is the same
+    // one. Called first.
+    lxclient::Error readMetaData(const QStringList& folders);
 
     // In the order of the IDs.
     QVector<MetaData> metaData() const;
@@ -64,6 +67,9 @@ public:
     // Initialises the object of this ID with `common` and what its plugin has declared.
     lxclient::Error initialise(const QString& id, const QVariantMap& common);
 
+    // Tells all that they have been initialised.
+    void started();
+
     void startInputs();
     void stopInputs();
     bool inputsEnded() const;
@@ -76,7 +82,8 @@ public:
 
     // Says before each plugin's shutDown, which waits for its handlers, whose it is. Those that are
     // stuck (limit 0: none) come last, and if they are still stuck then, they have failed and are
-    // left as they are. The program has to end then without destroying anything; false.
+    // left as they are. The program has to end then without destroying anything; false. Else who is
+    // still registered on the bus is unregistered, which is a fault as well.
     bool shutDown(const std::function<void(const QString& id)>& next,
                   std::chrono::nanoseconds stuckLimit);
 
@@ -103,9 +110,13 @@ private:
         lxclient::Report last_report;
     };
 
-    SupervisedPlugin& supervise(const QString& id, const Library& library);
-
+    SupervisedPlugin& supervise(const QString& id, const QString& library);
+    void unregisterForgotten();
+    lxclient::Error readFolder(const QString& folder);
     lxclient::Error addLibrary(Library library);
+    static lxclient::Error loadLibrary(const Library& library);
+    static lxclient::Error makeRoot(const Library& library, QObject*& root);
+    static lxclient::Plugin* pluginOf(const Library& library, QObject* object);
     lxclient::Error makeInstances(const Library& library, const QVariantMap& common);
     lxclient::Error addInstance(const Library& library, const QString& id, QObject* object,
                                 bool owned);
@@ -117,8 +128,10 @@ private:
     CallWatch m_watch;
     // also of libraries without an object yet; destroyed after the plugins' objects
     std::vector<std::unique_ptr<SupervisedPlugin>> m_supervised;
+    // of those, IDs on the bus that were no plugin's own and stayed registered
+    std::vector<const SupervisedPlugin*> m_forgotten;
 
-    QString m_folder;
+    QStringList m_folders;
     std::vector<Library> m_libraries;  // sorted by ID; unchanged once there are instances
     std::vector<Instance> m_instances; // destroyed before the libraries are unloaded
 };

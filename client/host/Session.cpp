@@ -8,6 +8,7 @@
 
 #include <lxbase/BusMonitor.h>
 #include <lxclient/Accounts.h>
+#include <lxclient/LinkedSelection.h>
 
 #include <QFileInfo>
 
@@ -26,11 +27,6 @@ constexpr int LookMs = 200;     // between looks at the backlogs
 constexpr int SayAfterMs = 300; // an interruption, what is waited for: mostly it is over by then
 constexpr int InVainMs = 1000;  // with nothing on its way, for counts that will not agree
 constexpr std::chrono::milliseconds AbandonedDeadline(1000); // of plugins, once it is abandoned
-
-QString baseOf(const QString& id)
-{
-    return id.section(QLatin1Char('#'), 0, 0);
-}
 
 } // namespace
 
@@ -52,6 +48,8 @@ Session::Session(const Options& options)
     };
     if (options.metrics_port)
         m_settings.insert(setting::MetricsPort, *options.metrics_port);
+    if (options.windows)
+        m_settings.insert(setting::Windows, true);
     if (options.skip_gaps_s)
         m_settings.insert(setting::SkipGaps, *options.skip_gaps_s);
     connect(&m_timer, &QTimer::timeout, this, &Session::tick);
@@ -69,7 +67,7 @@ Error Session::start()
 {
     if (const Error error = takeSymbols())
         return error;
-    if (const Error error = m_host.readMetaData(m_options.plugin_folder))
+    if (const Error error = m_host.readMetaData(m_options.plugin_folders))
         return error;
     if (const Error error = m_host.set(m_options.plugin_settings))
         return error;
@@ -79,7 +77,7 @@ Error Session::start()
         return error;
     if (m_options.metrics_port && !m_host.ids().contains(QStringLiteral("metrics"))) {
         return Error(QStringLiteral("--metrics: there is no plugin metrics in %1")
-                         .arg(m_options.plugin_folder));
+                         .arg(m_options.plugin_folders.join(QLatin1String(", "))));
     }
 
     CBusMonitor::setStallLimit(m_options.stall_limit_ms);
@@ -103,6 +101,7 @@ Error Session::start()
         if (const Error error = m_tap.recordTo(m_options.record_file))
             return error;
     }
+    m_host.started();
     m_tap.start(m_settings.value(setting::Symbols).toStringList(),
                 {m_options.speed, m_options.skip_gaps_s});
     m_played.start();
@@ -259,7 +258,6 @@ Error Session::takeSymbols()
     return {};
 }
 
-// A group is filed under the base ID of each window in it, so that each of them reaches the others.
 Error Session::linkPlugins()
 {
     const QStringList known = m_host.ids();
@@ -273,11 +271,7 @@ Error Session::linkPlugins()
                                  .arg(id, known.join(QLatin1String(", "))));
             }
         }
-        for (const QString& sender : qAsConst(group)) {
-            for (const QString& id : qAsConst(group))
-                CRegManager::setRelation(baseOf(sender), id, lxclient::SelectionType, link.key(),
-                                         1);
-        }
+        lxclient::linkWindows(group, link.key());
     }
     return {};
 }
@@ -303,7 +297,8 @@ void Session::addOwnReports(QVector<NamedReport>& reports, const BusStatistics& 
         return;
     lxclient::Report superseded;
     for (const InboxStatistics& inbox : bus.inboxes) {
-        if (inbox.kind == InboxKind::Quotations && baseOf(inbox.plugin) == QLatin1String("board")) {
+        if (inbox.kind == InboxKind::Quotations
+            && inbox.plugin.section(QLatin1Char('#'), 0, 0) == QLatin1String("board")) {
             superseded.post(lxclient::account::supersededQuotesAt(inbox.plugin), inbox.superseded);
         }
     }

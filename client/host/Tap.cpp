@@ -1,5 +1,7 @@
 #include "Tap.h"
 
+#include "ProgressLine.h"
+
 #include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
 
@@ -81,11 +83,8 @@ void Tap::listen()
             unflushed = true;
             continue;
         }
-        if (m_recording && unflushed) {
-            const Error error = m_recording->flush();
-            const QMutexLocker locker(&m_mutex);
-            m_recording_error = error;
-        }
+        if (m_recording && unflushed)
+            noteRecording(m_recording->flush());
         unflushed = false;
         if (last)
             return;
@@ -118,7 +117,8 @@ void Tap::hear(CMessageCommon& msg)
     if (payload.userType() != qMetaTypeId<Quote>())
         return;
     const auto quote = payload.value<Quote>();
-    const Error error = m_recording ? m_recording->write(quote) : Error();
+    if (m_recording)
+        noteRecording(m_recording->write(quote));
     ++*m_heard;
     const QMutexLocker locker(&m_mutex);
     if (m_audit.total() == 0)
@@ -129,6 +129,22 @@ void Tap::hear(CMessageCommon& msg)
         m_due_s += pause_s;
     m_time_ms += gap_ms;
     m_audit.count(quote);
-    m_recorded += m_recording && !error ? 1 : 0;
-    m_recording_error = error;
+}
+
+// Says at once that the recording has ended too early; it does not go on again.
+void Tap::noteRecording(const Error& error)
+{
+    const quint64 recorded = m_recording->written();
+    bool isNew = false;
+    {
+        const QMutexLocker locker(&m_mutex);
+        isNew = error && !m_recording_error;
+        m_recorded = recorded;
+        m_recording_error = error;
+    }
+    if (isNew) {
+        ProgressLine::say(
+            QStringLiteral("%1; the recording ends after %2 quotes")
+                .arg(error.words(), lxclient::grouped(static_cast<qint64>(recorded))));
+    }
 }

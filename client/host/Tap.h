@@ -63,6 +63,7 @@ private:
     void listen();
     bool drainOnce();
     void hear(CMessageCommon& msg);
+    void noteRecording(const lxclient::Error& error);
 
     CMessageCenter::MessageQueue m_net_queue;
     CMessageCenter::MessageQueue m_quotation_queue;

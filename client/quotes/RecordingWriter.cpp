@@ -4,32 +4,52 @@
 
 using lxclient::Error;
 
+namespace {
+
+constexpr int BufferBytes = 64 * 1024;
+
+} // namespace
+
 Error RecordingWriter::open(const QString& fileName)
 {
     m_file.setFileName(fileName);
-    if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate))
+    if (!m_file.open(QIODevice::WriteOnly | QIODevice::Truncate | QIODevice::Unbuffered)) {
         fail();
-    if (const Error error = put(quotetext::Header + '\n'))
-        return error;
-    return flush();
+        return m_error;
+    }
+    m_buffer = quotetext::Header + '\n';
+    const Error error = flush();
+    m_written = 0; // the header is no quote
+    return error;
 }
 
 Error RecordingWriter::write(const lxclient::Quote& quote)
 {
-    return put(quotetext::formatRow(quote));
+    if (m_error)
+        return m_error;
+    m_buffer += quotetext::formatRow(quote);
+    return m_buffer.size() < BufferBytes ? Error() : flush();
 }
 
+// A full disk takes some of the rows, and the last of these in part: that part is cut off.
 Error RecordingWriter::flush()
 {
-    if (!m_error && !m_file.flush())
-        fail();
-    return m_error;
-}
-
-Error RecordingWriter::put(const QByteArray& bytes)
-{
-    if (!m_error && m_file.write(bytes) != bytes.size())
-        fail();
+    if (m_error)
+        return m_error;
+    const qint64 before = m_file.pos();
+    int taken = 0;
+    while (taken < m_buffer.size() && !m_error) {
+        const qint64 more = m_file.write(m_buffer.constData() + taken, m_buffer.size() - taken);
+        if (more > 0)
+            taken += static_cast<int>(more);
+        else
+            fail();
+    }
+    m_buffer.truncate(m_buffer.left(taken).lastIndexOf('\n') + 1);
+    m_written += static_cast<quint64>(m_buffer.count('\n'));
+    if (m_error)
+        m_file.resize(before + m_buffer.size());
+    m_buffer.clear();
     return m_error;
 }
 

@@ -16,15 +16,19 @@ public:
     lxclient::Error open(const QString& fileName);
 
     // After an error, here or before, later quotes are not written either, and the same error comes
-    // again: the recording has no gaps.
+    // again: the recording has no gaps. It ends with a whole row.
     lxclient::Error write(const lxclient::Quote& quote);
     lxclient::Error flush();
 
+    // How many quotes are in the file.
+    quint64 written() const { return m_written; }
+
 private:
-    lxclient::Error put(const QByteArray& bytes);
     void fail();
 
-    QFile m_file;
+    QFile m_file; // unbuffered
+    QByteArray m_buffer;
+    quint64 m_written = 0;
     lxclient::Error m_error; // the first one
 };
 

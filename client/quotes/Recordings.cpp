@@ -45,6 +45,8 @@ std::optional<TimedQuote> QuoteReader::next()
             m_latest_ms = std::max(m_latest_ms.value_or(quote.time_ms), quote.time_ms);
             return TimedQuote{quote, *m_latest_ms};
         }
+        if (m_first_bad_row.isEmpty())
+            m_first_bad_row = QStringLiteral("line %1: %2").arg(m_line).arg(error.words());
         m_on_bad_row(QStringLiteral("%1:%2").arg(m_name).arg(m_line), error.words());
     }
     return {};
@@ -95,6 +97,12 @@ Error QuoteMerger::add(const QString& fileName)
                          .arg(QString::fromLatin1(quotetext::Header)));
     }
     auto head = reader->next();
+    if (!head) {
+        const QString& flaw = reader->firstBadRow();
+        return Error(
+            QStringLiteral("has no row that can be played; %1")
+                .arg(flaw.isEmpty() ? QStringLiteral("its header is all there is") : flaw));
+    }
     m_recordings.push_back({std::move(file), std::move(reader), std::move(head)});
     return {};
 }

@@ -30,6 +30,9 @@ public:
 
     std::optional<TimedQuote> next() override;
 
+    // The first row that was skipped, and why: "line 2: 4 fields expected, 1 found". Empty: none.
+    const QString& firstBadRow() const { return m_first_bad_row; }
+
 private:
     // A line without its end; nothing at the end, and an empty one with `tooLong` set if it exceeds
     // the limit.
@@ -39,6 +42,7 @@ private:
     const QString m_name;
     const BadRowHandler m_on_bad_row;
     int m_line = 0;
+    QString m_first_bad_row;
     std::optional<qint64> m_latest_ms;
 };
 
@@ -49,7 +53,8 @@ class QuoteMerger : public QuoteSource
 public:
     explicit QuoteMerger(BadRowHandler onBadRow);
 
-    // Opens the files. Called first, once; after an error there is nothing to play.
+    // Opens the files, each of which has one good row at least. Called first, once; after an error
+    // there is nothing to play.
     lxclient::Error open(const QStringList& files);
 
     std::optional<TimedQuote> next() override;

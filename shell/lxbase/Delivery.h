@@ -177,6 +177,8 @@ private:
         } catch (...) {
             failure = std::current_exception();
         }
+        if (Q_UNLIKELY(m_traced))
+            m_traced->begin();
         const QMutexLocker locker(&m_registry_mutex);
         const auto record = m_registry.constFind(id);
         if (record == m_registry.constEnd()) {

@@ -158,7 +158,7 @@ struct Inbox : InboxBase
     // one has superseded: the caller's to free when no lock is held; null as a rule. `count` is
     // told how many are in the inbox then.
     template<class AftermathOf>
-    Element append(const Element& item, const AftermathOf& aftermath, int* count) const
+    Element append(const Element& item, const AftermathOf& aftermath, int* count = nullptr) const
     {
         Element superseded = nullptr;
         QMutexLocker locker(mutex);

@@ -81,7 +81,8 @@ bool handIn(const NetworkPath<Thread>& network, const QSharedPointer<CMessageCom
     LXBASE_PROBE(hand_in, static_cast<int>(path), msg.get());
     if (!msg || !isTracing())
         return network.handIn(msg);
-    const TracedPut traced(path, srcId, msg->GetType());
+    TracedPut traced(path, srcId, msg->GetType());
+    traced.begin();
     const bool handedIn = network.handIn(msg);
     traced.end(TraceKind::Put, msg->GetDstid(), msg->traceId(), msg.get());
     return handedIn;

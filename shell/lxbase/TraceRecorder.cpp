@@ -506,8 +506,9 @@ void TracedPut::endAppend(const QString& receiver, const void* item, int waiting
 }
 
 void TracedPut::end(TraceKind kind, const QString& destination, const QString& traceId,
-                    const void* message) const
+                    const void* message)
 {
+    begin();
     TraceEntry entry{kind};
     entry.detail = static_cast<quint8>(m_path);
     entry.timeNs = m_begin_ns;

@@ -64,6 +64,14 @@ public:
     ~TracedPut();
     Q_DISABLE_COPY(TracedPut)
 
+    // When the first item is there. Not before: its address may be that of an item which another
+    // thread is just freeing, and the first append has the time of the beginning.
+    void begin()
+    {
+        if (m_begin_ns == 0)
+            m_begin_ns = TraceRecorder::stamp();
+    }
+
     // Before an item goes into an inbox, for the handler call may begin before that has returned;
     // and afterwards, when `waiting` items are there. The time of the first is the put's, which
     // saves a reading of the clock.
@@ -72,11 +80,11 @@ public:
 
     // `message` is what the network paths hand on, and then deliver.
     void end(TraceKind kind, const QString& destination, const QString& traceId,
-             const void* message) const;
+             const void* message);
 
 private:
     const PutPath m_path;
-    const qint64 m_begin_ns = TraceRecorder::stamp();
+    qint64 m_begin_ns = 0;  // 0: not yet
     qint64 m_append_ns = 0; // 0: nothing has been appended yet
     const QString m_source;
     const QVariant m_type;

@@ -55,7 +55,7 @@ class BadPlugin : public lxclient::PluginBase
     Q_INTERFACES(lxclient::Plugin)
 public:
     BadPlugin()
-        : PluginBase(QuotationThread)
+        : PluginBase(MessageThread | QuotationThread)
     {
         fail("constructor");
     }
@@ -78,6 +78,20 @@ private:
         m_audit.expect(settings.value(lxclient::setting::Symbols).toStringList());
         subscribeQuotes(settings);
         return {};
+    }
+
+    void registerPayloads() override { fail("registerPayloads"); }
+
+    void onStarted() override
+    {
+        fail("started");
+        request(id(), 1, {}, [](const lxclient::Error&, const QVariant&) { fail("answered"); });
+    }
+
+    void onRequest(const lxclient::Request& request) override
+    {
+        fail("onRequest");
+        reply(request, {});
     }
 
     void onShutDown() override { fail("shutDown"); }

@@ -37,6 +37,9 @@ private:
     lxclient::Error onInitialise(const QVariantMap& settings) override
     {
         m_faulty = settings.value("fault") == id();
+        m_forgetful = settings.value("forget") == id();
+        if (m_forgetful)
+            Reg("window of " + id(), this, EventThread);
         m_hangs = settings.value("hang") == id();
         m_late = settings.value("late") == id();
         if (settings.value("refuse") == id())
@@ -47,10 +50,15 @@ private:
         return {};
     }
 
+    void onStarted() override { say("started"); }
+    void registerPayloads() override { say("asked for its payload types"); }
+
     void onShutDown() override
     {
         if (m_late)
             waitForTheEndOfInput();
+        if (m_forgetful)
+            Reg(id(), this, MessageThread); // as if it had not been unregistered
         say("shut down");
     }
 
@@ -70,6 +78,7 @@ private:
     }
 
     bool m_faulty = false;
+    bool m_forgetful = false;
     bool m_hangs = false;
     bool m_late = false;
     mutable QMutex m_mutex;

@@ -10,12 +10,12 @@ using lxclient::Report;
 namespace {
 
 // Whether an account balances to which each of the plugins posts one of the counts.
-bool balances(std::initializer_list<quint64> counts)
+bool balances(std::initializer_list<quint64> counts, const QString& what = QString())
 {
     QVector<NamedReport> reports;
     for (quint64 count : counts) {
         Report report;
-        report.postings.append({"things", QString(), count});
+        report.postings.append({"things", what, count});
         reports.append({"plugin", report});
     }
     return Ledger(reports).balances();
@@ -51,6 +51,8 @@ private slots:
         QVERIFY(!balances({5, 4, 5})); // one lost
         QVERIFY(!balances({5, 5, 6})); // one doubled
         QVERIFY(!balances({5}));       // nobody to confirm
+        QVERIFY(balances({5}, lxclient::OneSided));
+        QVERIFY(!balances({5, 4}, lxclient::OneSided));
     }
 
     void aFaultOrADisagreementAboutASymbolUnbalancesIt()

@@ -1,18 +1,19 @@
 // The program as its user runs it: arguments in, tables and exit code out.
+#include "Database.h"
+
 #include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QProcess>
 #include <QRegularExpression>
-#include <QSqlDatabase>
-#include <QSqlQuery>
 #include <QTcpSocket>
 #include <QTemporaryDir>
 #include <QtTest>
 
 #include <algorithm>
 #include <csignal>
+#include <sys/resource.h>
 
 namespace {
 
@@ -43,8 +44,11 @@ struct Outcome
 class Client : public QProcess
 {
 public:
-    // `bad` is what BadPlugin does.
-    explicit Client(const QStringList& arguments, const QString& bad = QString())
+    // `bad` is what BadPlugin does; no file that the client writes may grow beyond `fileLimit`
+    // bytes.
+    explicit Client(const QStringList& arguments, const QString& bad = QString(),
+                    rlim_t fileLimit = RLIM_INFINITY)
+        : m_file_limit(fileLimit)
     {
         QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
         environment.insert("LX_BAD", bad);
@@ -76,9 +80,15 @@ public:
     }
 
 protected:
-    void setupChildProcess() override { ::signal(SIGHUP, SIG_DFL); } // also under nohup
+    void setupChildProcess() override
+    {
+        ::signal(SIGHUP, SIG_DFL); // also under nohup
+        const rlimit limit = {m_file_limit, m_file_limit};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+    }
 
 private:
+    const rlim_t m_file_limit;
     QString m_err; // as far as it was looked at
 };
 
@@ -169,29 +179,30 @@ struct Timeline
     bool timesGoBack = false;
 };
 
-// A plugin folder with those of the build, and one more.
+// A plugin folder beside that of the build, with one library.
 class Folder
 {
 public:
-    explicit Folder(const QString& more)
+    explicit Folder(const QString& library)
     {
-        for (const QFileInfo& info : QDir(LXCLIENT_PLUGINS).entryInfoList({"*.so"}, QDir::Files))
-            copy(info.filePath(), m_dir.filePath(info.fileName()));
-        copy(more, added());
+        if (!QFile::copy(library, added()))
+            qFatal("%s cannot be copied", qPrintable(library));
     }
 
     QString path() const { return m_dir.path(); }
     QString added() const { return m_dir.filePath("libzz.so"); }
 
 private:
-    static void copy(const QString& from, const QString& to)
-    {
-        if (!QFile::copy(from, to))
-            qFatal("%s cannot be copied", qPrintable(from));
-    }
-
     QTemporaryDir m_dir;
 };
+
+QString writeFile(const QString& name, const QByteArray& text)
+{
+    QFile file(name);
+    if (!file.open(QIODevice::WriteOnly) || file.write(text) != text.size())
+        qFatal("%s cannot be written", qPrintable(name));
+    return name;
+}
 
 } // namespace
 
@@ -261,6 +272,13 @@ private slots:
 
     void whatCannotStartSaysWhy()
     {
+        const QTemporaryDir dir;
+        const QByteArray header = "timestamp,symbol,bid,ask\n";
+        const QString empty = writeFile(dir.filePath("empty.csv"), header);
+        const QString bad = writeFile(dir.filePath("bad.csv"), header + "a,b\n");
+        const QString locked = dir.filePath("locked.db");
+        Database lock(locked);
+        QVERIFY(lock.execute("BEGIN EXCLUSIVE"));
         const std::tuple<int, QStringList, QString> cases[] = {
             {1, {"--nonsense"}, "Unknown option"},
             {1, {"--speed", "0"}, "--speed 0"},
@@ -270,6 +288,18 @@ private slots:
             {1, {"--skip-gaps", "-1"}, "--skip-gaps -1: a number of seconds from 0"},
             {1, {"--plugin-deadline", "soon"}, "--plugin-deadline soon"},
             {1, {"--link", "red:a", "--link", "blue:a"}, "--link blue:a"},
+            {1, {"--journal", ""}, "--journal: a name is expected"},
+            {1, {"--record", ""}, "--record: a name is expected"},
+            {1, {"--quotes", empty, "--quotes", ""}, "--quotes: a name is expected"},
+            {1, {"--quotes", empty, "--synthetic-quotes", "5"}, "--quotes and --synthetic-quotes"},
+            {1, {"--quotes", empty, "--seed", "5"}, "--quotes and --seed exclude"},
+            {1, {"--record", bad, "--journal", bad}, "--record " + bad + ": is the file of"},
+            {1, {"--no-default-plugins"}, "--no-default-plugins leaves no plugin folder"},
+            {2, {"--quotes", empty}, empty + ": has no row that can be played; its header"},
+            {2, {"--quotes", bad}, bad + ": has no row that can be played; line 2: 4 fields"},
+            {2, {"--journal", locked}, locked + ": is locked by another program"},
+            {2, {"--journal", bad}, bad + ": is no journal"},
+            {2, {"--no-default-plugins", "--plugins", dir.path()}, dir.path() + ": no plugin"},
             {2, {"--set", "a=9"}, "--set a: no plugin has this setting; there are orders.max-open"},
             {2, {"--set", "orders.max-open=0"}, "--set orders.max-open=0: a whole number from 1"},
             {2, {"--set", "linked=board#1"}, "--set linked: is set by the client itself"},
@@ -280,6 +310,7 @@ private slots:
             {1, {"--trace-size", "0"}, "--trace-size 0"},
             {2, {"--trace", "/nowhere/t.json"}, "/nowhere/t.json: cannot be written"},
             {2, {"--journal", "/nowhere/t.db"}, "/nowhere/t.db: "},
+            {2, {"--record", "/dev/full"}, "/dev/full: cannot be written: No space left"},
             {2, {"--record", "/nowhere/t.csv"}, "/nowhere/t.csv: "},
             {2, {"--link", "red:board#1,board#9"}, "--link: there is no plugin board#9"},
         };
@@ -290,6 +321,42 @@ private slots:
                      qPrintable(arguments.join(' ') + " -> " + outcome.err));
             QCOMPARE(outcome.out, QString());
         }
+    }
+
+    void pluginFoldersAddUpAndWhatIsNoLibraryInThemIsPassedOver()
+    {
+        const Folder folder(STRANGER);
+        const QDir dir(folder.path());
+        QVERIFY(dir.mkdir("folder.so") && QFile::link("/nowhere", dir.filePath("broken.so"))
+                && QFile::link(folder.added(), dir.filePath("again.so")));
+        const QStringList all{"--no-default-plugins", "--plugins", folder.path(), "--plugins",
+                              LXCLIENT_PLUGINS};
+        const Outcome outcome = runBriefly(all);
+        VERIFY_CODE(outcome, 0);
+        QVERIFY(!outcome.captured("Plugin", "(stranger#1) ").isEmpty());
+        for (const char* const said : {"/broken.so: is a broken link to /nowhere; passed over",
+                                       "/folder.so: is a folder, not a library; passed over"})
+            QVERIFY2(outcome.err.contains("lxclient: " + dir.path() + said),
+                     qPrintable(outcome.err));
+        QVERIFY(!outcome.err.contains("again.so"));
+    }
+
+    void theManualHasTheOptionsOfHelp()
+    {
+        const auto options = [](const QString& text, const QString& line) {
+            QStringList found;
+            const QRegularExpression expression(line, QRegularExpression::MultilineOption);
+            for (auto match = expression.globalMatch(text); match.hasNext();)
+                found.append(match.next().captured(1));
+            found.sort();
+            return found;
+        };
+        QFile manual(LXCLIENT_MANUAL);
+        QVERIFY(manual.open(QIODevice::ReadOnly));
+        const QString text = QString::fromUtf8(manual.readAll()).remove('\\');
+        const QStringList help = options(run({"--help"}).out, "^  (?:-\\w, )?--([\\w-]+)");
+        QVERIFY(help.contains("journal"));
+        QCOMPARE(options(text, "^\\.TP\\n\\.BI?R? (?:-\\w \", \" )?--([\\w-]+)"), help);
     }
 
     void exactlyTheBoardsOfTheColourFollow()
@@ -329,17 +396,11 @@ private slots:
     {
         const QTemporaryDir dir;
         const QString file = dir.filePath("trades.db");
-        auto db = QSqlDatabase::addDatabase("QSQLITE");
-        db.setDatabaseName(file);
-        const auto answer = [&](const QString& question) {
-            QSqlQuery query(db);
-            const bool answered = db.open() && query.exec(question) && query.next();
-            return answered ? query.value(0).toString() : QString();
-        };
-        const auto rows = [&] { return answer("SELECT count(*) FROM executions").toInt(); };
+        Database db(file);
+        const auto rows = [&] { return db.ask("SELECT count(*) FROM executions").toInt(); };
         // in each session the orders 1 to n, in the order in which they were executed
         const auto torn = [&] {
-            return answer("SELECT count(*) FROM executions e WHERE symbol = '' OR price = '' OR "
+            return db.ask("SELECT count(*) FROM executions e WHERE symbol = '' OR price = '' OR "
                           "order_id != (SELECT count(*) FROM executions f WHERE f.session = "
                           "e.session AND f.id <= e.id)");
         };
@@ -349,15 +410,68 @@ private slots:
             QTRY_VERIFY_WITH_TIMEOUT(rows() > before + 3 * round, DeadlineMs);
             client.kill();
             QVERIFY(client.waitForFinished(DeadlineMs));
-            QCOMPARE(answer("PRAGMA integrity_check"), QString("ok"));
+            QCOMPARE(db.ask("PRAGMA integrity_check"), QString("ok"));
             QCOMPARE(torn(), QString("0"));
             before = rows();
         }
-        db.close();
         const Outcome outcome = runBriefly({"--journal", file});
         VERIFY_CODE(outcome, 0);
         QCOMPARE(rows() - before, outcome.count("orders"));
         QCOMPARE(torn(), QString("0"));
+    }
+
+    void aLockedJournalIsSaidAtOnceAndFilledLater()
+    {
+        const QTemporaryDir dir;
+        const QString file = dir.filePath("trades.db");
+        Database db(file);
+        const auto rows = [&] { return db.ask("SELECT count(*) FROM executions").toInt(); };
+        Client client({"--speed", "5000", "--journal", file});
+        QTRY_VERIFY_WITH_TIMEOUT(rows() > 0, DeadlineMs);
+        QVERIFY(db.execute("BEGIN EXCLUSIVE")); // waits some seconds for its turn
+        const QString said = "lxclient.journal: (\\S+): is locked by another program";
+        QTRY_COMPARE_WITH_TIMEOUT(client.said(said), file, DeadlineMs);
+        client.interrupt();
+        const Outcome outcome = client.outcome();
+        VERIFY_CODE(outcome, 3);
+        QVERIFY(db.execute("COMMIT"));
+        const QString fault =
+            "FAULT  journal: \\d+ of \\d+ .* not in the journal, (\\d+) of them in ";
+        const int left = outcome.captured("Ledger", fault).toInt();
+        QVERIFY(left > 0);
+        QCOMPARE(rows() + left, outcome.count("orders"));
+
+        const Outcome next = runBriefly({"--journal", file});
+        VERIFY_CODE(next, 0);
+        QCOMPARE(next.captured("Plugin", "journal .*of earlier sessions: (\\d+)").toInt(), left);
+        QCOMPARE(rows(), outcome.count("orders") + next.count("orders"));
+    }
+
+    void aFullDiskCostsNoExecutionAndTheRecordingEndsWithAWholeRow()
+    {
+        const QTemporaryDir dir;
+        const QString journal = dir.filePath("trades.db");
+        const QString recording = dir.filePath("day.csv");
+        Client client({"--synthetic-quotes", "200000", "--stall-limit", "0", "--journal", journal,
+                       "--record", recording},
+                      {}, 30 * 1024); // for what is written like a disk that is full
+        const Outcome full = client.outcome();
+        VERIFY_CODE(full, 3);
+        QVERIFY2(
+            full.err.contains(recording + ": cannot be written: File too large; the recording "),
+            qPrintable(full.err));
+        QVERIFY2(full.err.contains("lxclient.journal: " + journal + ": "), qPrintable(full.err));
+        const Outcome replayed = run({"--quotes", recording, "--stall-limit", "0"});
+        VERIFY_CODE(replayed, 0);
+        const QString counted =
+            QRegularExpression("\n(\\S+) quotes recorded in").match(full.out).captured(1);
+        QVERIFY2(replayed.out.contains("\n" + counted + " quotes in "), qPrintable(replayed.out));
+        QCOMPARE(replayed.err, QString());
+
+        const Outcome next = runBriefly({"--journal", journal});
+        VERIFY_CODE(next, 0);
+        const QString rows = "SELECT count(*) FROM executions WHERE session = 1";
+        QCOMPARE(Database(journal).ask(rows).toInt(), full.count("orders"));
     }
 
     void aPluginUnknownToTheHostIsLedThroughItsLifeAndReported()
@@ -371,8 +485,10 @@ private slots:
         QStringList said = outcome.err.split('\n');
         std::sort(said.end() - 3, said.end()); // destroyed in no promised order, and the last end
         QCOMPARE(said.join(", "),
-                 QString("stranger#1 initialised, stranger#2 initialised, stranger#2 shut down, "
-                         "stranger#1 shut down, , stranger#1 destroyed, stranger#2 destroyed"));
+                 QString(" asked for its payload types, stranger#1 initialised, "
+                         "stranger#2 initialised, stranger#1 started, stranger#2 started, "
+                         "stranger#2 shut down, stranger#1 shut down, , stranger#1 destroyed, "
+                         "stranger#2 destroyed"));
         const Outcome listed = run({"--plugins", folder.path(), "--settings"});
         VERIFY_CODE(listed, 0);
         QVERIFY(
@@ -383,6 +499,51 @@ private slots:
         VERIFY_CODE(faulty, 3);
         QVERIFY(faulty.out.contains("FAULT  stranger#1: told to be faulty"));
         QVERIFY(faulty.out.contains("The bus lost nothing."));
+        const Outcome forgetful =
+            runBriefly({"--plugins", folder.path(), "--set", "forget=stranger#1"});
+        VERIFY_CODE(forgetful, 3);
+        QVERIFY(forgetful.out.contains("FAULT  stranger#1: was still registered"));
+        QVERIFY(forgetful.out.contains("FAULT  window of stranger#1: was still registered"));
+    }
+
+    void aCountThatNobodySharesAndASettingOfAPluginOfTheExamples()
+    {
+        if (QByteArray(SPREAD_ALERT).isEmpty())
+            QSKIP("built without the examples");
+        const Folder folder(SPREAD_ALERT);
+        const auto alerts = [&](const QString& threshold) {
+            return runBriefly({"--plugins", folder.path(), "--set", "spread-alert." + threshold});
+        };
+        const Outcome many = alerts("threshold=0.157");
+        VERIFY_CODE(many, 0);
+        QVERIFY(many.count("alerts of spread-alert") > 0);
+        QVERIFY(!many.captured("Plugin", "(spread-alert .*alerts: \\d+, wide)").isEmpty());
+        const Outcome none = alerts("threshold=9");
+        VERIFY_CODE(none, 0);
+        QCOMPARE(none.count("alerts of spread-alert"), 0);
+        QVERIFY(alerts("first=?").err.contains(": plugin spread-alert cannot start: ? is not"));
+    }
+
+    void aPluginOfTheInterfacesFormerVersionIsLedThroughTheLifeItKnows()
+    {
+        const Folder folder(VERSION2);
+        const Outcome outcome = runBriefly({"--plugins", folder.path()});
+        VERIFY_CODE(outcome, 0);
+        QCOMPARE(outcome.captured("Plugin", "(version2) +0 +0 +0"), QString("version2"));
+    }
+
+    void aDisplayIsNeededForWindowsAlone()
+    {
+        auto environment = QProcessEnvironment::systemEnvironment();
+        for (const char* const name : {"DISPLAY", "WAYLAND_DISPLAY", "QT_QPA_PLATFORM"})
+            environment.remove(name);
+        QProcess client;
+        client.setProcessEnvironment(environment);
+        client.start(LXCLIENT, {"--windows"});
+        QVERIFY(client.waitForFinished(DeadlineMs));
+        QCOMPARE(client.exitCode(), 2);
+        QVERIFY(
+            client.readAllStandardError().startsWith("lxclient: --windows: there is no display"));
     }
 
     void whoHoldsUpTheEndIsNamed()
@@ -475,16 +636,24 @@ private slots:
             {"throw constructor", 2,
              ": plugin bad cannot start: its constructor has thrown: told to"},
             {"throw initialise", 2, ": plugin bad cannot start: initialise has thrown: told to"},
+            {"throw registerPayloads", 2,
+             ": plugin bad cannot start: registerPayloads has thrown: told to"},
             {"wordless", 2, ": plugin bad cannot start: no reason was given"},
+            {"throw started", 3, "): started has thrown: told to"},
+            {"throw onRequest", 3, "): onRequest has thrown: told to"},
+            {"throw answered", 3, "): the callback of a request has thrown: told to"},
             {"throw onQuote", 3, "): onQuote has thrown: told to"},
             {"throw report", 3, "): report has thrown: told to"},
             {"throw shutDown", 3, "): shutDown has thrown: told to"},
             {"hang constructor", 3, "): has been in its constructor for "},
             {"hang initialise", 3, "): has been in initialise for "},
+            {"hang started", 3, "): has been in started for "},
             {"hang onQuote", 3, "): its handler for quotations has not returned for "},
             {"hang report", 3, "): has been in report for "},
             {"hang shutDown", 3, "): has been in shutDown for "},
             {"crash initialise", -1, "): initialise\n"},
+            {"crash started", -1, "): started\n"},
+            {"crash answered", -1, "): the callback of a request\n"},
             {"crash onQuote", -1, "): onQuote\n"},
             {"overflow onQuote", -1, "): onQuote\n"},
         };

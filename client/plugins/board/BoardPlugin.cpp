@@ -2,15 +2,11 @@
 
 #include <lxbase/MessageCenter.h>
 #include <lxclient/Accounts.h>
-#include <lxevent/EventMessageCommon.h>
 
 #include <QDateTime>
 
-#include <utility>
-
 using lxclient::Quote;
 namespace account = lxclient::account;
-namespace counted = lxclient::counted;
 namespace setting = lxclient::setting;
 
 BoardPlugin::BoardPlugin()
@@ -19,9 +15,8 @@ BoardPlugin::BoardPlugin()
 
 lxclient::Error BoardPlugin::onInitialise(const QVariantMap& settings)
 {
-    m_linked = settings.value(setting::Linked).toStringList();
     const QStringList symbols = settings.value(setting::Symbols).toStringList();
-    m_selected = symbols.value(0);
+    m_selection.begin(id(), symbols.value(0), settings);
     m_audit.expect(symbols);
     m_latest = settings.value(setting::BoardsKeepLatest).toBool();
     if (m_latest) {
@@ -60,19 +55,12 @@ lxclient::Report BoardPlugin::report() const
     }
     report.events = m_position_events;
     report.post(account::PositionEvents, m_position_events);
-    if (!m_linked.isEmpty())
-        report.post(account::selectionsOf(id()), counted::Put, m_selections_put);
-    for (const QString& sender : m_linked)
-        report.post(account::selectionsOf(sender), m_selections_received.value(sender));
-    for (auto it = m_selections_received.begin(); it != m_selections_received.end(); ++it) {
-        report.events += it.value();
-        if (!m_linked.contains(it.key()))
-            report.faults.append(QStringLiteral("followed %1 without being linked").arg(it.key()));
-    }
+    m_selection.post(report);
 
-    report.remarks.append(QStringLiteral("shows ") + m_selected);
-    if (!m_linked.isEmpty())
-        report.remarks.append(QStringLiteral("linked with ") + m_linked.join(QLatin1String(", ")));
+    report.remarks.append(QStringLiteral("shows ") + m_selection.symbol());
+    const QStringList linked = m_selection.linked();
+    if (!linked.isEmpty())
+        report.remarks.append(QStringLiteral("linked with ") + linked.join(QLatin1String(", ")));
     return report;
 }
 
@@ -80,21 +68,20 @@ void BoardPlugin::onMessage(const QString& sender, int type, const QVariant& pay
 {
     if (type != lxclient::SignalType)
         return;
-    select(payload.value<lxclient::Signal>().symbol);
+    m_selection.select(payload.value<lxclient::Signal>().symbol);
     const QMutexLocker locker(&m_mutex);
     ++m_signals[sender];
 }
 
 void BoardPlugin::onEvent(const QString& sender, int type, const QVariant& payload)
 {
-    const QMutexLocker locker(&m_mutex);
     if (type == lxclient::PositionType) {
         const auto position = payload.value<lxclient::Position>();
+        const QMutexLocker locker(&m_mutex);
         m_positions[position.symbol] = position.quantity;
         ++m_position_events;
     } else if (type == lxclient::SelectionType) {
-        m_selected = payload.value<lxclient::Selection>().symbol;
-        ++m_selections_received[sender];
+        m_selection.follow(sender, payload);
     }
 }
 
@@ -103,17 +90,4 @@ void BoardPlugin::onQuote(const Quote& quote)
     const QMutexLocker locker(&m_mutex);
     m_quotes[quote.symbol] = quote;
     m_audit.count(quote);
-}
-
-void BoardPlugin::select(const QString& symbol)
-{
-    {
-        const QMutexLocker locker(&m_mutex);
-        if (std::exchange(m_selected, symbol) == symbol)
-            return;
-        ++m_selections_put;
-    }
-    PutEvent(id(),
-             new CEventMessageCommon(id(), QString(), lxclient::SelectionType,
-                                     QVariant::fromValue(lxclient::Selection{symbol})));
 }

@@ -5,14 +5,14 @@
 #ifndef LXCLIENT_BOARDPLUGIN_H
 #define LXCLIENT_BOARDPLUGIN_H
 
+#include <lxclient/LinkedSelection.h>
 #include <lxclient/PluginBase.h>
 #include <lxclient/QuoteAudit.h>
 
 #include <QMap>
 #include <QMutex>
 
-// A signal of the strategy selects its symbol; the board then tells the linked boards. A selection
-// that a linked board has made is taken over and not told again, or it would go round for ever.
+// A signal of the strategy selects its symbol; the linked boards follow.
 class BoardPlugin : public lxclient::PluginBase
 {
     Q_OBJECT
@@ -29,22 +29,16 @@ private:
     void onEvent(const QString& sender, int type, const QVariant& payload) override;
     void onQuote(const lxclient::Quote& quote) override;
 
-    void select(const QString& symbol);
-
-    // constant after initialise
-    QStringList m_linked;
-    bool m_latest = false; // the inbox keeps the latest quotes only
+    lxclient::LinkedSelection m_selection;
+    bool m_latest = false; // the inbox keeps the latest quotes only; constant after initialise
 
     mutable QMutex m_mutex;
     // guarded by m_mutex
     QMap<QString, lxclient::Quote> m_quotes; // the last, by symbol
     QMap<QString, qint64> m_positions;       // by symbol
-    QString m_selected;
     lxclient::QuoteAudit m_audit;
     QMap<QString, quint64> m_signals; // by sender
     quint64 m_position_events = 0;
-    quint64 m_selections_put = 0;
-    QMap<QString, quint64> m_selections_received; // by sender
 };
 
 #endif

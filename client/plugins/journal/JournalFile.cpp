@@ -26,15 +26,63 @@ QString utc(const QDateTime& time)
     return time.toUTC().toString(Qt::ISODateWithMs);
 }
 
-// In the database's own words; the framework's say what it was doing as well.
+// So long another program's transaction is waited for: at the beginning, since there is nothing
+// else to do, and then, where the rows are kept meanwhile.
+constexpr int OpeningPatienceMs = 2000;
+constexpr int WritingPatienceMs = 500;
+
+// By JournalRow::Table. Of an execution the first only inserts, the second does nothing where the
+// very same row is there.
+const char* const insertion[] = {
+    "INSERT INTO executions (session, trace_id, order_id, symbol, quantity, price, quoted)"
+    " VALUES (?, ?, ?, ?, ?, ?, ?)",
+    "INSERT OR REPLACE INTO positions (session, symbol, quantity, trace_id) VALUES (?1, ?2, ?3, "
+    "?4)",
+};
+const char* const insertionOnce[] = {
+    "INSERT INTO executions (session, trace_id, order_id, symbol, quantity, price, quoted)"
+    " SELECT ?, ?, ?, ?, ?, ?, ? WHERE NOT EXISTS (SELECT 1 FROM executions WHERE"
+    " session = ? AND trace_id = ? AND order_id = ? AND symbol = ? AND quantity = ?"
+    " AND price = ? AND quoted = ?)",
+    insertion[JournalRow::Positions],
+};
+
+// What the user can do something about in plain words, all else in the database's own; the
+// framework's say what it was doing as well.
 Error errorOf(const QSqlError& error)
 {
-    return Error(error.databaseText().isEmpty() ? error.text() : error.databaseText());
+    enum { Busy = 5, Locked = 6, NotADatabase = 26 }; // SQLite's, in the low byte of the code
+    switch (error.nativeErrorCode().toInt() & 0xff) {
+    case Busy:
+    case Locked:
+        return Error(QStringLiteral("is locked by another program"));
+    case NotADatabase:
+        return Error(QStringLiteral("is no journal (%1)").arg(error.databaseText()));
+    default:
+        return Error(error.databaseText().isEmpty() ? error.text() : error.databaseText());
+    }
 }
 
 Error run(QSqlQuery& query)
 {
     return query.exec() ? Error() : errorOf(query.lastError());
+}
+
+// Binds the values, all of them again where the statement has places for that, and runs it.
+Error insertRow(QSqlQuery& query, const JournalRow& row)
+{
+    const int places = query.lastQuery().count(QLatin1Char('?'));
+    for (int i = 0; i < places; ++i) {
+        const QString& value = row.values[i % row.values.size()];
+        query.addBindValue(value.isNull() ? QString(QLatin1String("")) : value); // not NULL
+    }
+    return run(query);
+}
+
+Error execute(const QSqlDatabase& database, const QString& statement)
+{
+    QSqlQuery query(database);
+    return query.exec(statement) ? Error() : errorOf(query.lastError());
 }
 
 // Asks for one number.
@@ -61,36 +109,95 @@ JournalFile::~JournalFile()
     QSqlDatabase::removeDatabase(connection);
 }
 
-Error JournalFile::open(const QString& fileName)
+Error JournalFile::open(const QString& fileName, UnwrittenFile& unwritten, quint64& taken)
 {
     m_file_name = fileName;
     if (!m_database.isValid()) {
         return Error(QStringLiteral("the SQLite driver of the framework's SQL module is missing"))
             .about(fileName);
     }
+    const QString patience = QStringLiteral("QSQLITE_BUSY_TIMEOUT=%1");
     m_database.setDatabaseName(fileName);
+    m_database.setConnectOptions(patience.arg(OpeningPatienceMs));
     if (!m_database.open())
         return errorOf(m_database.lastError()).about(fileName);
-    return transact([this] {
-        const Error error = prepareSchema();
-        return error ? error : beginSession();
-    });
+    if (const Error error = transact([this] { return prepareSchema(); }))
+        return error;
+    if (const Error error = takeIn(unwritten, taken))
+        return error;
+    if (const Error error = transact([this] { return beginSession(); }))
+        return error;
+    return execute(m_database, QStringLiteral("PRAGMA busy_timeout = %1").arg(WritingPatienceMs))
+        .about(fileName);
 }
 
 Error JournalFile::write(const JournalBatch& batch)
 {
-    return transact([&] { return insert(batch); });
+    return transact([&] {
+        QSqlQuery queries[] = {QSqlQuery(m_database), QSqlQuery(m_database)};
+        for (int table : {JournalRow::Executions, JournalRow::Positions}) {
+            if (!queries[table].prepare(QLatin1String(insertion[table])))
+                return errorOf(queries[table].lastError());
+        }
+        const QVector<JournalRow> rows = rowsOf(batch);
+        for (const JournalRow& row : rows) {
+            if (const Error error = insertRow(queries[row.table], row))
+                return error;
+        }
+        return Error();
+    });
 }
 
-quint64 JournalFile::countExecutions()
+Error JournalFile::takeIn(UnwrittenFile& unwritten, quint64& taken)
 {
-    QSqlQuery query(m_database);
-    query.prepare(QStringLiteral("SELECT count(*) FROM executions WHERE session = ?"));
-    query.addBindValue(m_session);
-    return query.exec() && query.next() ? query.value(0).toULongLong() : 0;
+    quint64 inserted = 0;
+    const Error error = unwritten.drain([&](const UnwrittenFile::NextRow& next) {
+        Error notARow; // names its own file, not this one
+        const Error error = transact([&] {
+            return insertOnce(
+                [&](JournalRow& row) {
+                    notARow = next(row);
+                    return notARow;
+                },
+                inserted);
+        });
+        return notARow ? notARow : error;
+    });
+    if (!error)
+        taken = inserted;
+    return error;
 }
 
-// In the transaction of open: a process that dies meanwhile leaves an empty file, not half a
+Error JournalFile::countExecutions(quint64& executions)
+{
+    int count = 0;
+    const Error error = ask(
+        m_database,
+        QStringLiteral("SELECT count(*) FROM executions WHERE session = %1").arg(m_session), count);
+    if (!error)
+        executions = static_cast<quint64>(count);
+    return error.about(m_file_name);
+}
+
+QVector<JournalRow> JournalFile::rowsOf(const JournalBatch& batch) const
+{
+    QVector<JournalRow> rows;
+    for (const lxclient::Execution& e : batch.executions) {
+        rows.append({JournalRow::Executions,
+                     m_started,
+                     {m_session, e.order.trace_id, QString::number(e.order.order_id),
+                      e.order.symbol, QString::number(e.order.quantity), e.price.toString(),
+                      utc(QDateTime::fromMSecsSinceEpoch(e.time_ms, Qt::UTC))}});
+    }
+    for (const lxclient::Position& p : batch.positions) {
+        rows.append({JournalRow::Positions,
+                     m_started,
+                     {m_session, p.symbol, QString::number(p.quantity), p.trace_id}});
+    }
+    return rows;
+}
+
+// In one transaction: a process that dies meanwhile leaves an empty file, not half a
 // schema.
 Error JournalFile::prepareSchema()
 {
@@ -104,7 +211,7 @@ Error JournalFile::prepareSchema()
     };
     for (const auto& [question, answer] : questions) {
         if (const Error error = ask(m_database, QLatin1String(question), *answer))
-            return Error(QStringLiteral("is no journal (%1)").arg(error.words()));
+            return error;
     }
     if (mark == ApplicationId && version == SchemaVersion)
         return {};
@@ -131,52 +238,68 @@ Error JournalFile::beginSession()
 {
     QSqlQuery query(m_database);
     query.prepare(QStringLiteral("INSERT INTO sessions (started) VALUES (?)"));
-    query.addBindValue(utc(QDateTime::currentDateTimeUtc()));
+    m_started = utc(QDateTime::currentDateTimeUtc());
+    query.addBindValue(m_started);
     if (const Error error = run(query))
         return error;
-    m_session = query.lastInsertId().toLongLong();
+    m_session = query.lastInsertId().toString();
     return {};
 }
 
-Error JournalFile::insert(const JournalBatch& batch)
+Error JournalFile::insertOnce(const UnwrittenFile::NextRow& next, quint64& taken)
 {
-    QSqlQuery execution(m_database);
-    execution.prepare(QStringLiteral("INSERT INTO executions (session, trace_id, order_id, symbol,"
-                                     " quantity, price, quoted) VALUES (?, ?, ?, ?, ?, ?, ?)"));
-    for (const lxclient::Execution& e : batch.executions) {
-        execution.addBindValue(m_session);
-        execution.addBindValue(e.order.trace_id);
-        execution.addBindValue(e.order.order_id);
-        execution.addBindValue(e.order.symbol);
-        execution.addBindValue(e.order.quantity);
-        execution.addBindValue(e.price.toString());
-        execution.addBindValue(utc(QDateTime::fromMSecsSinceEpoch(e.time_ms, Qt::UTC)));
-        if (const Error error = run(execution))
-            return error;
+    QSqlQuery queries[] = {QSqlQuery(m_database), QSqlQuery(m_database)};
+    for (int table : {JournalRow::Executions, JournalRow::Positions}) {
+        if (!queries[table].prepare(QLatin1String(insertionOnce[table])))
+            return errorOf(queries[table].lastError());
     }
-    QSqlQuery position(m_database);
-    position.prepare(QStringLiteral("INSERT OR REPLACE INTO positions"
-                                    " (session, symbol, quantity, trace_id) VALUES (?, ?, ?, ?)"));
-    for (const lxclient::Position& p : batch.positions) {
-        position.addBindValue(m_session);
-        position.addBindValue(p.symbol);
-        position.addBindValue(p.quantity);
-        position.addBindValue(p.trace_id);
-        if (const Error error = run(position))
+    QString checked; // most rows are of one session
+    for (;;) {
+        JournalRow row;
+        if (const Error error = next(row))
             return error;
+        if (row.values.isEmpty())
+            return {};
+        const QString session = row.started + row.values.first();
+        if (session != checked) {
+            if (const Error error = checkSession(row))
+                return error;
+            checked = session;
+        }
+        if (const Error error = insertRow(queries[row.table], row))
+            return error;
+        if (row.table == JournalRow::Executions)
+            taken += static_cast<quint64>(queries[row.table].numRowsAffected());
     }
-    return {};
 }
 
-// Does the work in one transaction: all of it stays, or nothing.
+// Rows must not end up under a session of another journal that has the same number.
+Error JournalFile::checkSession(const JournalRow& row)
+{
+    QSqlQuery query(m_database);
+    query.prepare(QStringLiteral("SELECT 1 FROM sessions WHERE id = ? AND started = ?"));
+    query.addBindValue(row.values.first());
+    query.addBindValue(row.started);
+    if (const Error error = run(query))
+        return error;
+    if (query.next())
+        return {};
+    return Error(QStringLiteral("has no session %1 of %2, of which %3.unwritten holds executions; "
+                                "move that file to the journal that it belongs to")
+                     .arg(row.values.first(), row.started, m_file_name));
+}
+
+// Does the work in one transaction: all of it stays, or nothing. It waits for its turn here, and
+// not in the middle, where two that have begun could only wait for each other.
 Error JournalFile::transact(const std::function<Error()>& work)
 {
-    if (!m_database.transaction())
-        return errorOf(m_database.lastError()).about(m_file_name);
-    Error error = work();
-    if (!error && !m_database.commit())
-        error = errorOf(m_database.lastError());
+    Error error = execute(m_database, QStringLiteral("BEGIN IMMEDIATE"));
     if (error)
-        m_database.rollback();
+        return error.about(m_file_name);
+    error = work();
+    if (!error)
+        error = execute(m_database, QStringLiteral("COMMIT"));
+    if (error) // a full disk may have ended it already
+        static_cast<void>(execute(m_database, QStringLiteral("ROLLBACK")));
     return error.about(m_file_name);
 }

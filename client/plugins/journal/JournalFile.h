@@ -2,8 +2,10 @@
 #ifndef LXCLIENT_JOURNALFILE_H
 #define LXCLIENT_JOURNALFILE_H
 
+#include "JournalRow.h"
+#include "UnwrittenFile.h"
+
 #include <lxclient/Error.h>
-#include <lxclient/Protocol.h>
 
 #include <QSqlDatabase>
 #include <QString>
@@ -11,14 +13,7 @@
 
 #include <functional>
 
-// What is written in one transaction: all of it or, if the process dies meanwhile, nothing.
-struct JournalBatch
-{
-    QVector<lxclient::Execution> executions;
-    QVector<lxclient::Position> positions;
-
-    bool isEmpty() const { return executions.isEmpty() && positions.isEmpty(); }
-};
+class QSqlQuery;
 
 // One file may hold many sessions; each open begins one. The file carries a mark and the version of
 // its schema; a file without them is refused and left as it is.
@@ -34,25 +29,39 @@ public:
     ~JournalFile();
     Q_DISABLE_COPY(JournalFile)
 
-    // Opens the file, makes it if it does not exist or is empty, and begins a session. Errors here
-    // and below name the file.
-    lxclient::Error open(const QString& fileName);
+    // Opens the file, makes it if it does not exist or is empty, takes in what earlier sessions
+    // left in `unwritten`, and begins a session; `taken` executions came from there. Errors here
+    // and below name the file. They come soon, also where another program has it locked.
+    lxclient::Error open(const QString& fileName, UnwrittenFile& unwritten, quint64& taken);
 
     // Writes the batch, whole or not at all.
     lxclient::Error write(const JournalBatch& batch);
 
+    // Writes the rows of the file, whole or not at all, and removes it. What stands here already,
+    // because a crash came before the file was removed, is not written again and not counted.
+    lxclient::Error takeIn(UnwrittenFile& unwritten, quint64& taken);
+
     // The executions of this session, counted in the file.
-    quint64 countExecutions();
+    lxclient::Error countExecutions(quint64& executions);
+
+    // The batch as rows of this session.
+    QVector<JournalRow> rowsOf(const JournalBatch& batch) const;
+
+    // Number and beginning of this session.
+    const QString& session() const { return m_session; }
+    const QString& started() const { return m_started; }
 
 private:
     lxclient::Error beginSession();
     lxclient::Error prepareSchema();
-    lxclient::Error insert(const JournalBatch& batch);
+    lxclient::Error insertOnce(const UnwrittenFile::NextRow& next, quint64& taken);
+    lxclient::Error checkSession(const JournalRow& row);
     lxclient::Error transact(const std::function<lxclient::Error()>& work);
 
     QSqlDatabase m_database;
     QString m_file_name;
-    qint64 m_session = 0;
+    QString m_session;
+    QString m_started;
 };
 
 #endif

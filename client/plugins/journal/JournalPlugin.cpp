@@ -2,6 +2,8 @@
 
 #include <lxclient/Accounts.h>
 
+#include <QLoggingCategory>
+
 #include <chrono>
 #include <future>
 #include <utility>
@@ -9,6 +11,12 @@
 using lxclient::Error;
 namespace account = lxclient::account;
 namespace counted = lxclient::counted;
+
+namespace {
+
+Q_LOGGING_CATEGORY(lcJournal, "lxclient.journal")
+
+} // namespace
 
 JournalPlugin::JournalPlugin()
     : PluginBase(MessageThread | EventThread)
@@ -23,11 +31,12 @@ Error JournalPlugin::onInitialise(const QVariantMap& settings)
     if (!m_file_name.isEmpty()) {
         std::promise<Error> opened;
         m_writer = std::thread([this, &opened] {
-            JournalFile file;
-            const Error error = file.open(m_file_name);
+            JournalKeeper keeper(m_file_name);
+            const Error error = keeper.open();
+            m_standing = keeper.standing(); // nobody else asks before `opened`
             opened.set_value(error);
             if (!error)
-                write(file);
+                write(keeper);
         });
         if (const Error error = opened.get_future().get()) {
             m_writer.join();
@@ -63,10 +72,30 @@ lxclient::Report JournalPlugin::report() const
     if (m_file_name.isEmpty()) {
         report.remarks.append(QStringLiteral("no file"));
     } else {
-        report.post(account::Orders, counted::Rows, m_rows);
-        report.remarks.append(QStringLiteral("rows: %1").arg(m_rows));
-        if (m_error)
-            report.faults.append(m_error.words());
+        // what is kept is not on its way any more, so the end need not wait for it
+        const quint64 waiting = m_standing.kept + m_standing.unwritten;
+        report.post(account::Orders, counted::Rows + QLatin1String(waiting > 0 ? " and kept" : ""),
+                    m_standing.rows + waiting);
+        report.remarks.append(QStringLiteral("rows: %1").arg(m_standing.rows));
+        if (m_standing.taken_in > 0)
+            report.remarks.append(
+                QStringLiteral("of earlier sessions: %1").arg(m_standing.taken_in));
+        if (waiting > 0) {
+            report.remarks.append(QStringLiteral("in memory: %1, in %2.unwritten: %3")
+                                      .arg(m_standing.kept)
+                                      .arg(m_file_name)
+                                      .arg(m_standing.unwritten));
+        }
+        if (m_error) {
+            report.faults.append(
+                QStringLiteral(
+                    "%1 of %2 executions are not in the journal, %3 of them in %4.unwritten "
+                    "for the next session to take in: %5")
+                    .arg(m_executions - m_standing.rows)
+                    .arg(m_executions)
+                    .arg(m_standing.unwritten)
+                    .arg(m_file_name, m_error.words()));
+        }
     }
     return report;
 }
@@ -90,8 +119,9 @@ void JournalPlugin::onEvent(const QString&, int type, const QVariant& payload)
         return;
     {
         const std::lock_guard<std::mutex> locker(m_mutex);
+        const auto position = payload.value<lxclient::Position>();
         if (!m_file_name.isEmpty())
-            m_waiting.positions.append(payload.value<lxclient::Position>());
+            m_waiting.positions.insert(position.symbol, position);
         ++m_position_events;
     }
     m_changed.notify_one();
@@ -99,33 +129,36 @@ void JournalPlugin::onEvent(const QString&, int type, const QVariant& payload)
 
 // A transaction that fails (the disk is full, say) is tried again with what has come since, not at
 // once but after a pause; at the end there is one last try.
-void JournalPlugin::write(JournalFile& file)
+void JournalPlugin::write(JournalKeeper& keeper)
 {
     constexpr std::chrono::milliseconds pauseAfterFailure(500);
-    JournalBatch batch;
-    bool failed = false;
     std::unique_lock<std::mutex> locker(m_mutex);
-    for (;;) {
-        if (failed)
+    bool stop = false;
+    while (!stop) {
+        if (m_error)
             m_changed.wait_for(locker, pauseAfterFailure, [this] { return m_stop; });
         else
             m_changed.wait(locker, [this] { return m_stop || !m_waiting.isEmpty(); });
-        const bool last = m_stop;
-        batch.executions += std::exchange(m_waiting.executions, {});
-        batch.positions += std::exchange(m_waiting.positions, {});
-        if (!batch.isEmpty()) {
-            locker.unlock();
-            const Error error = file.write(batch);
-            locker.lock();
-            m_error = error;
-            failed = bool(error);
-            if (!failed) {
-                m_rows += static_cast<quint64>(batch.executions.size());
-                batch = JournalBatch();
-            }
-        }
-        if (last)
-            break;
+        stop = m_stop;
+        const JournalBatch batch = std::exchange(m_waiting, {});
+        const Error before = m_error;
+        locker.unlock();
+        const Error error = stop ? keeper.finish(batch) : keeper.write(batch);
+        if (error.words() != before.words())
+            sayWhatChanged(error);
+        locker.lock();
+        m_error = error;
+        m_standing = keeper.standing();
     }
-    m_rows = file.countExecutions(); // what really is there
+}
+
+void JournalPlugin::sayWhatChanged(const Error& error)
+{
+    if (error) {
+        qCWarning(lcJournal).noquote()
+            << error.words() << "- executions are kept until they can be written";
+    } else {
+        qCWarning(lcJournal).noquote()
+            << m_file_name + ": can be written again, nothing is missing";
+    }
 }

@@ -2,7 +2,7 @@
 #ifndef LXCLIENT_JOURNALPLUGIN_H
 #define LXCLIENT_JOURNALPLUGIN_H
 
-#include "JournalFile.h"
+#include "JournalKeeper.h"
 
 #include <lxclient/PluginBase.h>
 
@@ -15,8 +15,9 @@
 // Without a file in the setting "journal" nothing is written, only counted.
 //
 // Threads: a transaction waits for the disk, so handlers do no SQL. They append to the waiting
-// batch, and a writer thread, the only one that touches the file, takes whatever has gathered since
-// its last transaction and writes that in the next one.
+// batch, and a writer thread, the only one that touches the files, takes whatever has gathered
+// since its last transaction and writes that in the next one. What the journal cannot take is said
+// at once and written later (see JournalKeeper.h).
 class JournalPlugin : public lxclient::PluginBase
 {
     Q_OBJECT
@@ -34,7 +35,8 @@ private:
     void onMessage(const QString& sender, int type, const QVariant& payload) override;
     void onEvent(const QString& sender, int type, const QVariant& payload) override;
 
-    void write(JournalFile& file);
+    void write(JournalKeeper& keeper);
+    void sayWhatChanged(const lxclient::Error& error);
 
     QString m_file_name; // constant after initialise
 
@@ -46,9 +48,8 @@ private:
     bool m_stop = false;
     quint64 m_executions = 0;
     quint64 m_position_events = 0;
-    quint64 m_rows = 0;
-    lxclient::Error
-        m_error; // why the last transaction failed; its batch is tried again with the next one
+    JournalKeeper::Standing m_standing;
+    lxclient::Error m_error; // why the last transaction failed; it is tried again
 };
 
 #endif

@@ -5,6 +5,7 @@
 #define LXCLIENT_PROTOCOL_H
 
 #include <lxclient/Decimal.h>
+#include <lxclient/Requests.h>
 
 #include <QMetaType>
 #include <QString>
@@ -90,6 +91,8 @@ constexpr int OrderType = 0x41003;           ///< Order, broadcast and sent to t
 constexpr int AcknowledgementType = 0x41004; ///< Order, from the net to who put the order
 constexpr int ExecutionType = 0x41005;       ///< Execution, from the net to all who subscribed
 constexpr int SignalType = 0x41006;          ///< Signal, directed to the first board
+constexpr int RequestType = 0x41007;         ///< Request, directed to who is asked
+constexpr int ReplyType = 0x41008;           ///< Reply, directed back to who asked
 
 // events
 constexpr int PositionType = 0x42001;  ///< Position, broadcast
@@ -137,6 +140,8 @@ inline const QString BoardsKeepLatest = QStringLiteral("boards.keep-latest");
 inline const QString Journal = QStringLiteral("journal");
 /// int: where the metrics are served, on the loopback interface; 0: anywhere. Missing: nowhere.
 inline const QString MetricsPort = QStringLiteral("metrics.port");
+/// bool: plugins may open windows, for there is a QApplication. Missing: they may not.
+inline const QString Windows = QStringLiteral("windows");
 /// double: a pause between two quotes that would be waited for longer than so many seconds is left
 /// out. Missing: none is.
 inline const QString SkipGaps = QStringLiteral("skip.gaps");
@@ -146,8 +151,9 @@ inline const QString Supervisor = QStringLiteral("supervisor");
 /// All of them.
 inline QStringList ofTheHost()
 {
-    return {Symbols, Linked,           Quotes,  Speed,       SyntheticQuotes, SyntheticSeed, Heard,
-            Boards,  BoardsKeepLatest, Journal, MetricsPort, SkipGaps,        Supervisor};
+    return {Symbols,  Linked,    Quotes,           Speed,   SyntheticQuotes, SyntheticSeed,
+            Heard,    Boards,    BoardsKeepLatest, Journal, MetricsPort,     Windows,
+            SkipGaps, Supervisor};
 }
 
 } // namespace setting
@@ -184,6 +190,8 @@ inline void registerPayloads()
     qRegisterMetaType<Signal>();
     qRegisterMetaType<Position>();
     qRegisterMetaType<Selection>();
+    qRegisterMetaType<Request>();
+    qRegisterMetaType<Reply>();
 }
 
 } // namespace lxclient

@@ -16,7 +16,9 @@ namespace lxclient {
 /// of the client's own plugins). Everybody who put, passed on or received such things posts the
 /// number that he counted himself. The account balances when all its counts are equal and, unless
 /// they are zero, there are at least two. Nobody may copy a count from another: it is their
-/// independence that proves that nothing was lost or doubled.
+/// independence that proves that nothing was lost or doubled. What may have no receiver, an alert
+/// that is for whoever cares, is posted one-sided (Report::postOneSided): its count needs no other,
+/// but has to be equal to those that there are.
 ///
 /// The host also learns from the accounts that nothing is on its way any more: it waits until two
 /// successive sets of reports are the same and balance. That is right only if every plugin
@@ -34,6 +36,9 @@ struct Posting
         return account == other.account && what == other.what && count == other.count;
     }
 };
+
+/// What a one-sided posting says instead of "put" or "received".
+inline const QString OneSided = QStringLiteral("one-sided");
 
 /// A cell of the table of symbols. Two plugins may report the same cell; the ledger does not
 /// balance if they differ.
@@ -75,6 +80,9 @@ struct Report
     }
     void post(const QString& account, quint64 count) { post(account, QString(), count); }
     /// \}
+
+    /// Adds a posting to an account to which nobody else needs to post.
+    void postOneSided(const QString& account, quint64 count) { post(account, OneSided, count); }
 
     /// Adds a cell.
     void show(const QString& symbol, const QString& column, const QString& text)

@@ -14,7 +14,7 @@ namespace lxclient {
 /// these to each plugin object, in the setting "supervisor" of initialise (as a Supervisor*).
 /// PluginBase calls it. It belongs to the host and outlives the plugin object.
 ///
-/// All called on the worker threads of the bus, several at once.
+/// All called on the worker threads of the bus and on the main thread, several at once.
 class Supervisor
 {
 public:
