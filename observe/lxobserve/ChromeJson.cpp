@@ -33,10 +33,10 @@ std::string quoted(const QString& text)
     return json + '"';
 }
 
-class Writer
+class JsonWriter
 {
 public:
-    Writer(const BusTrace& trace, QIODevice& device);
+    JsonWriter(const BusTrace& trace, QIODevice& device);
 
     bool write(QString* error);
 
@@ -61,7 +61,7 @@ private:
     bool m_first = true;
 };
 
-Writer::Writer(const BusTrace& trace, QIODevice& device)
+JsonWriter::JsonWriter(const BusTrace& trace, QIODevice& device)
     : m_timeline(trace)
     , m_output(device)
     , m_json(m_output.buffer())
@@ -75,7 +75,7 @@ Writer::Writer(const BusTrace& trace, QIODevice& device)
         });
 }
 
-bool Writer::write(QString* error)
+bool JsonWriter::write(QString* error)
 {
     const BusTrace& trace = m_timeline.trace();
     m_json +=
@@ -94,7 +94,7 @@ bool Writer::write(QString* error)
 }
 
 // Everything in the order of its time.
-void Writer::writeTrack(int index)
+void JsonWriter::writeTrack(int index)
 {
     const Track& track = m_timeline.tracks()[static_cast<std::size_t>(index)];
     describe("thread_name", quoted(track.name), &track);
@@ -143,7 +143,7 @@ void Writer::writeTrack(int index)
     writeUpTo(0, true);
 }
 
-void Writer::writeSlice(int track, const Slice& slice)
+void JsonWriter::writeSlice(int track, const Slice& slice)
 {
     const TraceRecord& record = m_timeline.record(track, slice.record);
     beginEvent("X", quoted(QLatin1String(Timeline::nameOf(record))));
@@ -153,7 +153,7 @@ void Writer::writeSlice(int track, const Slice& slice)
     addAnnotations(record, slice.finished);
 }
 
-void Writer::writeInstant(int track, const TraceRecord& record)
+void JsonWriter::writeInstant(int track, const TraceRecord& record)
 {
     beginEvent("i", quoted(QLatin1String(Timeline::nameOf(record))));
     addThread(m_timeline.tracks()[static_cast<std::size_t>(track)].number);
@@ -163,7 +163,7 @@ void Writer::writeInstant(int track, const TraceRecord& record)
 }
 
 // Each end belongs to the slice that it lies in.
-void Writer::writeArrowEnd(quint64 track, qint64 ns, const Arrow& arrow, bool begins)
+void JsonWriter::writeArrowEnd(quint64 track, qint64 ns, const Arrow& arrow, bool begins)
 {
     beginEvent(begins ? "s" : "f", "\"way\"");
     addThread(track);
@@ -173,7 +173,7 @@ void Writer::writeArrowEnd(quint64 track, qint64 ns, const Arrow& arrow, bool be
     m_output.mayWrite();
 }
 
-void Writer::writeDepths()
+void JsonWriter::writeDepths()
 {
     for (const DepthTrack& inbox : m_timeline.depths()) {
         const std::string name = quoted(inbox.name);
@@ -186,7 +186,7 @@ void Writer::writeDepths()
     }
 }
 
-void Writer::beginEvent(const char* phase, const std::string& name)
+void JsonWriter::beginEvent(const char* phase, const std::string& name)
 {
     m_json += m_first ? "\n{\"ph\":\"" : ",\n{\"ph\":\"";
     m_first = false;
@@ -194,13 +194,13 @@ void Writer::beginEvent(const char* phase, const std::string& name)
     m_json += R"(","name":)" + name + R"(,"pid":)" + m_process;
 }
 
-void Writer::addThread(quint64 number)
+void JsonWriter::addThread(quint64 number)
 {
     m_json += R"(,"tid":)" + std::to_string(number);
 }
 
 // In microseconds, to the nanosecond.
-void Writer::addTime(const char* name, qint64 ns)
+void JsonWriter::addTime(const char* name, qint64 ns)
 {
     m_json += ",\"";
     m_json += name;
@@ -213,7 +213,7 @@ void Writer::addTime(const char* name, qint64 ns)
 }
 
 // And the end of the event.
-void Writer::addAnnotations(const TraceRecord& record, bool finished)
+void JsonWriter::addAnnotations(const TraceRecord& record, bool finished)
 {
     m_json += R"(,"args":{)";
     const char* separator = "\"";
@@ -237,7 +237,7 @@ void Writer::addAnnotations(const TraceRecord& record, bool finished)
     m_output.mayWrite();
 }
 
-void Writer::describe(const char* what, const std::string& name, const Track* track)
+void JsonWriter::describe(const char* what, const std::string& name, const Track* track)
 {
     beginEvent("M", quoted(QLatin1String(what)));
     if (track)
@@ -249,7 +249,7 @@ void Writer::describe(const char* what, const std::string& name, const Track* tr
 
 bool writeChromeJson(const BusTrace& trace, QIODevice& device, QString* error)
 {
-    return Writer(trace, device).write(error);
+    return JsonWriter(trace, device).write(error);
 }
 
 } // namespace lxobserve

@@ -88,10 +88,10 @@ private:
     std::map<std::string, quint64> m_numbers;
 };
 
-class Writer
+class PerfettoWriter
 {
 public:
-    Writer(const BusTrace& trace, QIODevice& device)
+    PerfettoWriter(const BusTrace& trace, QIODevice& device)
         : m_timeline(trace)
         , m_output(device)
     { }
@@ -119,7 +119,7 @@ private:
     std::map<std::pair<int, int>, std::vector<quint64>> m_arriving; // arrows, by track and slice
 };
 
-bool Writer::write(QString* error)
+bool PerfettoWriter::write(QString* error)
 {
     m_texts.resize(static_cast<std::size_t>(m_timeline.trace().texts.size()));
     for (const Arrow& arrow : m_timeline.arrows())
@@ -134,7 +134,7 @@ bool Writer::write(QString* error)
 }
 
 // The clock, and the process.
-void Writer::writeStart()
+void PerfettoWriter::writeStart()
 {
     std::string packet;
     pbf_writer start(packet);
@@ -167,7 +167,7 @@ void Writer::writeStart()
     writePacket(packet);
 }
 
-void Writer::writeTrack(int index, quint64 uuid)
+void PerfettoWriter::writeTrack(int index, quint64 uuid)
 {
     const Track& track = m_timeline.tracks()[static_cast<std::size_t>(index)];
     {
@@ -211,7 +211,7 @@ void Writer::writeTrack(int index, quint64 uuid)
     writeUpTo(0, true);
 }
 
-void Writer::writeSliceBegin(int track, int index, quint64 uuid)
+void PerfettoWriter::writeSliceBegin(int track, int index, quint64 uuid)
 {
     const Slice& slice = m_timeline.tracks()[static_cast<std::size_t>(track)]
                              .slices[static_cast<std::size_t>(index)];
@@ -236,7 +236,7 @@ void Writer::writeSliceBegin(int track, int index, quint64 uuid)
     writeEvent(slice.begin_ns, SliceBegin, uuid, rest);
 }
 
-void Writer::writeInstant(const TraceRecord& record, quint64 uuid)
+void PerfettoWriter::writeInstant(const TraceRecord& record, quint64 uuid)
 {
     std::string rest;
     addName(rest, Timeline::nameOf(record));
@@ -244,7 +244,7 @@ void Writer::writeInstant(const TraceRecord& record, quint64 uuid)
     writeEvent(record.timeNs, Instant, uuid, rest);
 }
 
-void Writer::writeDepths(const DepthTrack& inbox, quint64 uuid)
+void PerfettoWriter::writeDepths(const DepthTrack& inbox, quint64 uuid)
 {
     std::string packet;
     pbf_writer description(packet);
@@ -263,7 +263,7 @@ void Writer::writeDepths(const DepthTrack& inbox, quint64 uuid)
     }
 }
 
-void Writer::addAnnotations(std::string& event, const TraceRecord& record, bool finished)
+void PerfettoWriter::addAnnotations(std::string& event, const TraceRecord& record, bool finished)
 {
     pbf_writer writer(event);
     for (const Annotation& annotation : Timeline::annotationsOf(record)) {
@@ -291,13 +291,13 @@ void Writer::addAnnotations(std::string& event, const TraceRecord& record, bool 
     }
 }
 
-void Writer::addName(std::string& event, const char* name)
+void PerfettoWriter::addName(std::string& event, const char* name)
 {
     pbf_writer(event).add_uint64(track_event::NameIid, m_names.number(name, m_interned_data));
 }
 
 // With the strings that it names for the first time.
-void Writer::writeEvent(qint64 ns, EventType type, quint64 uuid, const std::string& rest)
+void PerfettoWriter::writeEvent(qint64 ns, EventType type, quint64 uuid, const std::string& rest)
 {
     std::string packet;
     pbf_writer writer(packet);
@@ -316,7 +316,7 @@ void Writer::writeEvent(qint64 ns, EventType type, quint64 uuid, const std::stri
     writePacket(packet);
 }
 
-void Writer::writePacket(const std::string& packet)
+void PerfettoWriter::writePacket(const std::string& packet)
 {
     pbf_writer(m_output.buffer()).add_message(TracePacketField, packet);
     m_output.mayWrite();
@@ -326,7 +326,7 @@ void Writer::writePacket(const std::string& packet)
 
 bool writePerfetto(const BusTrace& trace, QIODevice& device, QString* error)
 {
-    return Writer(trace, device).write(error);
+    return PerfettoWriter(trace, device).write(error);
 }
 
 } // namespace lxobserve
