@@ -3,8 +3,8 @@
 #include "Timeline.h"
 
 #include <algorithm>
-#include <numeric>
 #include <map>
+#include <numeric>
 
 namespace lxobserve {
 
