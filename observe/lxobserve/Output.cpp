@@ -4,7 +4,7 @@ namespace lxobserve {
 
 namespace {
 
-constexpr std::size_t WriteBytes = 64 * 1024;
+constexpr std::size_t WriteBytes = std::size_t(64) * 1024;
 
 } // namespace
 

@@ -43,6 +43,7 @@ const char* reasonName(quint64 reason)
 {
     static const std::vector<QByteArray> names = [] {
         std::vector<QByteArray> made;
+        made.reserve(LostReasonCount);
         for (int i = 0; i < LostReasonCount; ++i)
             made.push_back(lostReasonName(static_cast<LostReason>(i)).toUtf8());
         return made;

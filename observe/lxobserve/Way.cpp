@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <map>
+#include <numeric>
 
 namespace lxobserve {
 
@@ -83,9 +84,8 @@ QVector<Hop> Walk::hops()
     }
 
     // by time; the causes follow
-    std::vector<int> order;
-    for (int i = 0; i < m_hops.size(); ++i)
-        order.push_back(i);
+    std::vector<int> order(static_cast<std::size_t>(m_hops.size()));
+    std::iota(order.begin(), order.end(), 0);
     std::stable_sort(order.begin(), order.end(), [&](int one, int other) {
         return m_hops[one].startNs < m_hops[other].startNs;
     });
