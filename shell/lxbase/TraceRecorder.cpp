@@ -143,7 +143,7 @@ private:
         m_texts.append(text);
         locker.unlock();
         m_numbers.insert(text, number);
-        const qint64 bytes = BytesPerText + 2 * text.size();
+        const qint64 bytes = BytesPerText + qint64(2) * text.size();
         m_bytes += bytes;
         bytesOfAll.fetch_add(bytes, std::memory_order_relaxed);
         return number;
@@ -285,7 +285,7 @@ struct Writer
         for (int k = 0; k < textRecords; ++k) {
             RawRecord& part = chunk->records[static_cast<std::size_t>(used++)];
             const int bytes = std::min(TextBytes, text.size() - k * TextBytes);
-            std::memcpy(static_cast<void*>(&part), text.constData() + k * TextBytes,
+            std::memcpy(static_cast<void*>(&part), text.constData() + qsizetype(k) * TextBytes,
                         static_cast<std::size_t>(bytes));
             part.type = static_cast<quint16>(bytes);
             part.kind = Text;
@@ -303,8 +303,8 @@ void Store::exchange(Writer& writer)
     if (writer.serial == 0)
         writer.serial = ++m_threads;
     const auto bytes = [&] {
-        const auto chunks = static_cast<qint64>(m_full.size() + m_current.size() + 1);
-        return chunks * qint64(sizeof(Chunk)) + StringTable::bytes();
+        const std::size_t chunks = m_full.size() + m_current.size() + 1;
+        return static_cast<qint64>(chunks * sizeof(Chunk)) + StringTable::bytes();
     };
     while (bytes() > m_bytes && !m_full.empty()) {
         m_overwritten += m_full.front()->count;
