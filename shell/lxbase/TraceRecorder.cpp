@@ -96,7 +96,9 @@ public:
     QVector<QString> texts() const
     {
         const QMutexLocker locker(&m_mutex);
-        return m_texts;
+        QVector<QString> copy = m_texts;
+        copy.detach(); // storage that is shared would be read without the mutex
+        return copy;
     }
     const QString& name() const { return m_name; }
     quint64 number() const { return m_number; }
