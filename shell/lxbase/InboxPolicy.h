@@ -26,7 +26,7 @@ struct InboxCrossing
 struct InboxPolicy
 {
     /// What happens to an item that comes when others wait.
-    enum Mode {
+    enum Mode : unsigned {
         /// It waits as well.
         Unbounded,
 
