@@ -8,7 +8,7 @@
 QString Backlog::toString() const
 {
     const QString what =
-        kind == InboxKind::Quotations ? QStringLiteral("quotes") : lxclient::kindName(kind);
+        kind == InboxKind::Quotations ? QStringLiteral("quotes") : inboxKindName(kind);
     QString text =
         QStringLiteral("%1: %2 %3").arg(plugin, lxclient::grouped(static_cast<qint64>(most)), what);
     if (items > most)

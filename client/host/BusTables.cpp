@@ -35,7 +35,7 @@ QString inboxTable(const BusStatistics& bus)
     for (const InboxStatistics& inbox : bus.inboxes) {
         if (inbox.plugin.isEmpty() && inbox.put == 0)
             continue; // no plugin has gone, or none that received anything
-        table.addRow(QStringList{lxclient::pluginName(inbox), lxclient::kindName(inbox.kind),
+        table.addRow(QStringList{lxclient::pluginName(inbox), inboxKindName(inbox.kind),
                                  grouped64(inbox.handled), grouped64(inbox.peak)}
                      + quantiles(inbox.waitTime) + quantiles(inbox.handlerTime));
     }
@@ -64,7 +64,7 @@ QStringList unfinishedInboxes(const BusStatistics& bus)
             words.append(grouped64(inbox.waiting) + QStringLiteral(" waiting"));
         if (!words.isEmpty()) {
             inboxes.append(QStringLiteral("%1: %2 %3")
-                               .arg(lxclient::pluginName(inbox), lxclient::kindName(inbox.kind),
+                               .arg(lxclient::pluginName(inbox), inboxKindName(inbox.kind),
                                     words.join(QLatin1String(", "))));
         }
     }

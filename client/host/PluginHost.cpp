@@ -259,7 +259,7 @@ QMap<QString, QString> PluginHost::stuck(std::chrono::nanoseconds limit) const
         if (inbox.busyForNs >= limit.count()) {
             stuck.insert(inbox.plugin,
                          QStringLiteral("its handler for %1 has not returned for %2")
-                             .arg(lxclient::kindName(inbox.kind), durationText(inbox.busyForNs)));
+                             .arg(inboxKindName(inbox.kind), durationText(inbox.busyForNs)));
         }
     }
     return stuck;

@@ -245,8 +245,9 @@ void Timeline::findDepths()
         std::stable_sort(inbox->begin(), inbox->end(), [](const Depth& one, const Depth& other) {
             return one.time_ns < other.time_ns;
         });
-        m_depths.push_back({inbox.key().first + QLatin1Char(' ') + kindName(inbox.key().second),
-                            std::move(*inbox)});
+        m_depths.push_back(
+            {inbox.key().first + QLatin1Char(' ') + inboxKindName(inbox.key().second),
+             std::move(*inbox)});
     }
 }
 
@@ -321,19 +322,6 @@ std::vector<Annotation> Timeline::annotationsOf(const TraceRecord& record)
     add("destination", record.destination);
     add("trace ID", record.traceId);
     return annotations;
-}
-
-QString kindName(InboxKind kind)
-{
-    switch (kind) {
-    case InboxKind::Messages:
-        return QStringLiteral("messages");
-    case InboxKind::Quotations:
-        return QStringLiteral("quotations");
-    case InboxKind::Events:
-        return QStringLiteral("events");
-    }
-    return QString();
 }
 
 } // namespace lxobserve

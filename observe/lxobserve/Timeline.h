@@ -110,9 +110,6 @@ private:
     std::vector<DepthTrack> m_depths;
 };
 
-// "messages"
-QString kindName(InboxKind kind);
-
 } // namespace lxobserve
 
 #endif

@@ -125,6 +125,19 @@ QString lostReasonName(LostReason reason)
     return QLatin1String(names[static_cast<int>(reason)]);
 }
 
+QString inboxKindName(InboxKind kind)
+{
+    switch (kind) {
+    case InboxKind::Messages:
+        return QStringLiteral("messages");
+    case InboxKind::Quotations:
+        return QStringLiteral("quotations");
+    case InboxKind::Events:
+        return QStringLiteral("events");
+    }
+    return QString();
+}
+
 void CBusMonitor::setLevel(StatisticsLevel level)
 {
     monitorSwitches.level = level;

@@ -122,6 +122,9 @@ constexpr int LostReasonCount = 13;
 /// The reason in a word, for tables and labels: "unknown_destination".
 LXBASE_EXPORT QString lostReasonName(LostReason reason);
 
+/// The kind in a word, for tables and labels: "messages", "quotations" or "events".
+LXBASE_EXPORT QString inboxKindName(InboxKind kind);
+
 /// The way that something took into the bus.
 enum class PutPath { Put, PutEvent, PutNetMsg, PutQuotationMsg };
 

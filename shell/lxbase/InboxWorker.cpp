@@ -258,13 +258,16 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
                                  InboxMeter& meter, [[maybe_unused]] const char* plugin)
 {
     int passedOver = 0;
+    bool traced = false; // the call before this one
     for (int i = 0; i < batch.size(); ++i) {
         if (const std::unique_ptr<Item> item{batch[i]}) {
             meter.begin(i);
             LXBASE_PROBE(handler_begin, plugin, static_cast<int>(m_kind), item.get());
-            const bool traced = isTracing();
-            if (Q_UNLIKELY(traced))
-                traceHandler(TraceKind::HandlerBegin, *item);
+            const bool another = std::exchange(traced, isTracing());
+            if (Q_UNLIKELY(traced)) {
+                traceHandler(TraceKind::HandlerBegin, *item,
+                             another ? TraceRecorder::stampBehindLast() : 0);
+            }
             if (monitorSwitches.watchesHandlers.load(std::memory_order_relaxed)) {
                 callWatched(*item, profile, meter);
             } else { // the item is deleted anyway
@@ -274,7 +277,7 @@ bool CInboxWorker<Item>::deliver(const QVector<Item*>& batch, const WorkerProfil
             meter.end();
             LXBASE_PROBE(handler_end, plugin, static_cast<int>(m_kind), item.get());
             if (Q_UNLIKELY(traced))
-                traceHandler(TraceKind::HandlerEnd, *item);
+                traceHandler(TraceKind::HandlerEnd, *item, 0);
         } else {
             ++passedOver;
         }
@@ -302,9 +305,10 @@ void CInboxWorker<Item>::traceBatch(TraceKind kind, int items) const
 
 // The item's address is read at the end, its values are gone by then.
 template<class Item>
-void CInboxWorker<Item>::traceHandler(TraceKind kind, const Item& item) const
+void CInboxWorker<Item>::traceHandler(TraceKind kind, const Item& item, qint64 timeNs) const
 {
     TraceEntry entry{kind};
+    entry.timeNs = timeNs;
     entry.detail = static_cast<quint8>(m_kind);
     entry.item = &item;
     if (kind == TraceKind::HandlerBegin) {

@@ -161,7 +161,7 @@ private:
                  lxbase::detail::InboxMeter& meter, const char* plugin);
     void callWatched(Item& item, const WorkerProfile& profile, lxbase::detail::InboxMeter& meter);
     void traceBatch(TraceKind kind, int items) const;
-    void traceHandler(TraceKind kind, const Item& item) const;
+    void traceHandler(TraceKind kind, const Item& item, qint64 timeNs) const; // 0: now
     void drop(Item* const* first, Item* const* last, bool hasPlugin);
     void countPoll(int items);
     void writeRecord(const WorkerProfile& profile, const lxbase::detail::LogPlace& place);

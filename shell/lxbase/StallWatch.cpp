@@ -34,19 +34,6 @@ std::shared_ptr<StallWatch> exchangePresent(std::shared_ptr<StallWatch> next)
     return std::exchange(present().watch, std::move(next));
 }
 
-const char* nameOf(InboxKind kind)
-{
-    switch (kind) {
-    case InboxKind::Messages:
-        return "messages";
-    case InboxKind::Quotations:
-        return "quotations";
-    case InboxKind::Events:
-        return "events";
-    }
-    return "";
-}
-
 } // namespace
 
 void StallWatch::begin(int ms)
@@ -151,7 +138,7 @@ void StallWatch::look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs,
         if (watched.reported) {
             records << QStringLiteral(
                            "stall over, the handler of \"%1\" for %2 returned after %3 ms")
-                           .arg(watched.stall.plugin, QLatin1String(nameOf(worker.kind())))
+                           .arg(watched.stall.plugin, inboxKindName(worker.kind()))
                            .arg(nowMs - watched.sinceMs);
         }
         watched = {0, -1, 0, false, {}, watched.reportDepth, watched.deepMs};
@@ -183,8 +170,8 @@ void StallWatch::look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs,
                 watched.reported = true;
                 QString record;
                 QDebug(&record) << "stall, the handler of" << stall.plugin << "for"
-                                << nameOf(stall.kind) << "has not returned for" << forMs
-                                << "ms, type:" << stall.type << ", sender:" << stall.sender
+                                << qPrintable(inboxKindName(stall.kind)) << "has not returned for"
+                                << forMs << "ms, type:" << stall.type << ", sender:" << stall.sender
                                 << ", waiting behind it:" << waiting << ", thread:" << stall.thread
                                 << stall.threadId;
                 records << record;
@@ -199,7 +186,7 @@ void StallWatch::look(CInboxWorkerBase& worker, Watched& watched, qint64 nowMs,
         while (waiting > watched.reportDepth)
             watched.reportDepth *= 2;
         records << QStringLiteral("the inbox of \"%1\" for %2 grows: %3 items wait")
-                       .arg(worker.id(), QLatin1String(nameOf(worker.kind())))
+                       .arg(worker.id(), inboxKindName(worker.kind()))
                        .arg(waiting);
     }
     if (waiting >= FirstDepth / 2)

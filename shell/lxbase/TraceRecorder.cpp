@@ -469,6 +469,12 @@ qint64 TraceRecorder::stamp() noexcept
     return writer ? writer->stamp() : monotonicNs();
 }
 
+qint64 TraceRecorder::stampBehindLast() noexcept
+{
+    Writer* const writer = presentWriter();
+    return writer && writer->lastNs > 0 ? ++writer->lastNs : stamp();
+}
+
 void TraceRecorder::record(const TraceEntry& entry) noexcept
 {
     Writer* const writer = presentWriter();

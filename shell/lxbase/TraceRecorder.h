@@ -50,6 +50,10 @@ public:
     // records. The nanosecond that follows is the caller's too.
     static qint64 stamp() noexcept;
 
+    // For what begins when the thread has just recorded the end of something else: a nanosecond
+    // after that, which saves a reading of the clock.
+    static qint64 stampBehindLast() noexcept;
+
     // Appends a record of the present thread. Does nothing for want of memory, or at the end of the
     // thread, when there is nobody left to write for.
     static void record(const TraceEntry& entry) noexcept;

@@ -96,7 +96,7 @@ constexpr InboxDurations inboxDurations[] = {
 Labels labelsOf(const InboxStatistics& inbox)
 {
     return {{"plugin", lxclient::pluginName(inbox).toStdString()},
-            {"kind", lxclient::kindName(inbox.kind).toStdString()}};
+            {"kind", inboxKindName(inbox.kind).toStdString()}};
 }
 
 // ---- the lists of the network paths
@@ -163,7 +163,7 @@ std::vector<MetricFamily> BusCollector::Collect() const
     }
     for (const ListFigure& figure : listFigures) {
         const auto metricOf = [&](InboxKind kind, const NetworkListStatistics& list) {
-            return number({{"kind", lxclient::kindName(kind).toStdString()}}, figure.type,
+            return number({{"kind", inboxKindName(kind).toStdString()}}, figure.type,
                           static_cast<double>(list.*figure.value));
         };
         families.push_back({figure.name,
