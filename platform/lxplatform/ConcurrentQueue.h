@@ -18,11 +18,20 @@
 #include <tbb/concurrent_queue.h>
 #pragma pop_macro("emit")
 
+#ifdef __SANITIZE_THREAD__
+#include <memory>
+#endif
+
 namespace Concurrency {
 
 /// push and try_pop from any thread, at the same time.
+#ifdef __SANITIZE_THREAD__ // sees memory go from thread to thread if the standard library hands it
+template<class T>
+using concurrent_queue = tbb::concurrent_queue<T, std::allocator<T>>;
+#else
 template<class T>
 using concurrent_queue = tbb::concurrent_queue<T>;
+#endif
 
 } // namespace Concurrency
 
