@@ -199,8 +199,7 @@ Error Connection::ensureStream(const QByteArray& name, const QByteArray& subject
     const natsStatus status = js_AddStream(&made, api.get(), &config, nullptr, &code);
     const Info info(made);
     // where an administrator has made it otherwise, it is his
-    return code == JSStreamNameExistErr ? Error()
-                                        : errorOf(status).about(QString::fromUtf8(name));
+    return code == JSStreamNameExistErr ? Error() : errorOf(status).about(QString::fromUtf8(name));
 }
 
 Error Connection::ensureBucket(const char* name)
@@ -260,7 +259,8 @@ Error Connection::streamIdentity(const QByteArray& name, QString& identity, quin
     if (!api)
         return notConnected;
     jsStreamInfo* found = nullptr;
-    const natsStatus status = js_GetStreamInfo(&found, api.get(), name.constData(), nullptr, nullptr);
+    const natsStatus status =
+        js_GetStreamInfo(&found, api.get(), name.constData(), nullptr, nullptr);
     const Info info(found);
     if (status != NATS_OK)
         return errorOf(status);
@@ -334,8 +334,7 @@ Reader::Subscribe Reader::plain(const QByteArray& subject)
 }
 
 Reader::Subscribe Reader::stream(const QByteArray& subject, const QByteArray& stream,
-                                 std::function<quint64(Connection&)> cursor,
-                                 Connection& connection)
+                                 std::function<quint64(Connection&)> cursor, Connection& connection)
 {
     return [=, &connection](natsConnection* handle, natsSubscription** subscription) {
         const Api api = apiOf(handle);

@@ -7,7 +7,7 @@
 #include <QByteArray>
 #include <QString>
 
-#include <nats.h>
+#include <nats/nats.h>
 
 #include <atomic>
 #include <condition_variable>
@@ -38,7 +38,7 @@ public:
     // What happens on threads of the client library: neither may wait, nor use the connection.
     struct Events
     {
-        std::function<void()> changed;                         // connected, or not any more
+        std::function<void()> changed;                          // connected, or not any more
         std::function<void(const QByteArray& subject)> refused; // not permitted to publish there
     };
     enum class Buffer { None, Small }; // for what is published while there is no connection

@@ -28,7 +28,8 @@ lxclient::Order orderOfRow(const QSqlQuery& row)
 Returned returnedOfRow(const QSqlQuery& row)
 {
     return {row.value(4).toString(),
-            {orderOfRow(row), {row.value(7).toLongLong(), row.value(8).toInt()},
+            {orderOfRow(row),
+             {row.value(7).toLongLong(), row.value(8).toInt()},
              row.value(9).toLongLong()},
             row.value(6).toString()};
 }
@@ -98,9 +99,8 @@ Error DeskStore::receive(const QVector<Answer>& answers, const Cursor& cursor,
             note(answer);
             if (answer.order().epoch() != epoch())
                 continue; // of a store that this desk had before
-            if (const Error failed =
-                    close(answer.order().order_id(), executionOf(answer),
-                          QString::fromStdString(answer.refusal()), closed))
+            if (const Error failed = close(answer.order().order_id(), executionOf(answer),
+                                           QString::fromStdString(answer.refusal()), closed))
                 return failed;
         }
         if (const Error failed = m_file.setNumber(QStringLiteral("exchange"), m_exchange_epoch))
@@ -194,9 +194,9 @@ Error DeskStore::close(quint64 orderId, const lxclient::Execution& execution,
         ++m_counts.refused;
     }
     QSqlQuery row = m_file.query();
-    if (const Error error = m_file.run(
-            row, QStringLiteral("SELECT %1 FROM orders WHERE order_id = ?").arg(columns),
-            {signedOf(orderId)}))
+    if (const Error error =
+            m_file.run(row, QStringLiteral("SELECT %1 FROM orders WHERE order_id = ?").arg(columns),
+                       {signedOf(orderId)}))
         return error;
     while (row.next())
         returned.append(returnedOfRow(row));

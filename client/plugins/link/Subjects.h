@@ -5,10 +5,11 @@
 // | lx.1.q.<symbol>                  | -                          | feed          | desk, exchange|
 // | lx.1.last.q.<symbol>             | LX1_LAST, memory, 1 each   | feed          | desk, exchange|
 // | lx.1.last.end, lx.1.last.symbols | LX1_LAST                   | feed          | desk, exchange|
-// | lx.1.ord.<desk>.<epoch>-<id>     | LX1_ORD, file, 1 each, new ones refused | that desk | exchange |
-// | lx.1.exec.<desk>.<epoch>-<n>     | LX1_EXEC_<desk>, likewise  | exchange      | that desk     |
-// | lx.1.ask.<desk>                  | -                          | that desk     | exchange      |
-// | $KV.lx1_presence.feed, .exchange, .desk.<desk> | bucket lx1_presence, memory | its own | all |
+// | lx.1.ord.<desk>.<epoch>-<id>     | LX1_ORD, file, 1 each, new ones refused | that desk |
+// exchange | | lx.1.exec.<desk>.<epoch>-<n>     | LX1_EXEC_<desk>, likewise  | exchange      | that
+// desk     | | lx.1.ask.<desk>                  | -                          | that desk     |
+// exchange      | | $KV.lx1_presence.feed, .exchange, .desk.<desk> | bucket lx1_presence, memory |
+// its own | all |
 //
 // Users (one for each role): "feed", "exchange", and for each desk "desk-<desk>". Everybody
 // subscribes to _INBOX.> of its own (the prefix is _INBOX.<user>), and asks the server's API for:

@@ -45,11 +45,11 @@ struct OrderRequest
 /// An order on its way to the exchange; its acknowledgement is the order sent back.
 struct Order
 {
-    QString trace_id;     ///< of the request
+    QString trace_id; ///< of the request
     /// From 1 on in each session; where there is a setting "orders.first", from that on.
     quint64 order_id = 0;
-    QString symbol;       ///< what to trade
-    qint64 quantity = 0;  ///< signed: negative sells
+    QString symbol;      ///< what to trade
+    qint64 quantity = 0; ///< signed: negative sells
 };
 
 /// An order was filled, whole.
@@ -91,13 +91,13 @@ struct Selection
 /// How the link to the other clients is, told when that changes and once a second.
 struct LinkState
 {
-    bool connected = false;     ///< to the server
-    qint64 since_ms = 0;        ///< UTC: for so long it has been, or is being connected again
-    QString server;             ///< nats://HOST:PORT
-    quint64 outbox = 0;         ///< orders without an answer
-    qint64 quote_age_ms = -1;   ///< since the last quote came; -1: none has
-    qint64 round_trip_us = -1;  ///< of the last order, until its answer was stored; -1: none yet
-    quint64 quotes_missed = 0;  ///< by their numbers: newer ones came
+    bool connected = false;    ///< to the server
+    qint64 since_ms = 0;       ///< UTC: for so long it has been, or is being connected again
+    QString server;            ///< nats://HOST:PORT
+    quint64 outbox = 0;        ///< orders without an answer
+    qint64 quote_age_ms = -1;  ///< since the last quote came; -1: none has
+    qint64 round_trip_us = -1; ///< of the last order, until its answer was stored; -1: none yet
+    quint64 quotes_missed = 0; ///< by their numbers: newer ones came
 };
 
 /// Another client that is linked, or was.
@@ -129,8 +129,9 @@ constexpr int OrderRejectedType = 0x41009;   ///< OrderRejection, from the net t
 // events
 constexpr int PositionType = 0x42001;  ///< Position, broadcast
 constexpr int SelectionType = 0x42002; ///< Selection, broadcast: reaches the linked windows only
-constexpr int LinkStateType = 0x42101; ///< LinkState, broadcast by the net plugin of a linked client
-constexpr int PresenceType = 0x42102;  ///< Presence, likewise, once per change
+constexpr int LinkStateType =
+    0x42101;                          ///< LinkState, broadcast by the net plugin of a linked client
+constexpr int PresenceType = 0x42102; ///< Presence, likewise, once per change
 
 // quotations: one type per symbol, in the order of the setting "symbols"
 constexpr int FirstQuoteType = 0x50000; ///< Quote, of the first symbol; see quoteType
@@ -200,9 +201,13 @@ inline const QString FirstOrder = QStringLiteral("orders.first");
 /// All of them.
 inline QStringList ofTheHost()
 {
-    return {Symbols,  Linked,    Quotes,           Speed,   SyntheticQuotes, SyntheticSeed,
-            Heard,    Boards,    BoardsKeepLatest, Journal, MetricsPort,     Windows,
-            SkipGaps, Supervisor, Link, LinkRole, LinkDesk, LinkStore, LinkCredentials, Service, FirstOrder};
+    return {Symbols,         Linked,          Quotes,
+            Speed,           SyntheticQuotes, SyntheticSeed,
+            Heard,           Boards,          BoardsKeepLatest,
+            Journal,         MetricsPort,     Windows,
+            SkipGaps,        Supervisor,      Link,
+            LinkRole,        LinkDesk,        LinkStore,
+            LinkCredentials, Service,         FirstOrder};
 }
 
 } // namespace setting
