@@ -8,6 +8,7 @@
 #include <Recordings.h>
 #include <SyntheticSession.h>
 
+#include <lxclient/Accounts.h>
 #include <lxmsg/MessageCommon.h>
 
 #include <QCoreApplication>
@@ -197,8 +198,11 @@ Error LinkPlugin::claim(bool& claimed)
 Error LinkPlugin::onInitialise(const QVariantMap& settings)
 {
     const QStringList symbols = settings.value(setting::Symbols).toStringList();
-    for (const QString& symbol : symbols)
+    for (const QString& symbol : symbols) {
         m_type_of_symbol.insert(symbol, lxclient::quoteType(settings, symbol));
+        const std::lock_guard<std::mutex> locker(m_mutex);
+        m_put.insert(symbol, 0);
+    }
     return {};
 }
 
@@ -253,6 +257,8 @@ lxclient::Report LinkPlugin::report() const
     lxclient::Report report;
     m_role->report(report);
     const std::lock_guard<std::mutex> locker(m_mutex);
+    for (auto put = m_put.constBegin(); put != m_put.constEnd(); ++put)
+        report.post(lxclient::account::quotesOf(put.key()), put.value());
     report.remarks.append((m_state.connected ? QStringLiteral("connected to %1")
                                              : QStringLiteral("NOT CONNECTED to %1"))
                               .arg(m_access.server));
@@ -295,6 +301,10 @@ void LinkPlugin::putQuote(const lxclient::Quote& quote)
                             "passed over until the next one")
                  .arg(quote.symbol));
         return;
+    }
+    {
+        const std::lock_guard<std::mutex> locker(m_mutex);
+        m_put[quote.symbol] = quote.sequence;
     }
     PutQuotationMsg(id(), new CMessageCommon(id(), QString(), type, QVariant::fromValue(quote)));
 }

@@ -97,6 +97,7 @@ private:
     QString m_rival; // who else has our key; empty: nobody
     QString m_last_warning;
     QStringList m_faults;
+    QMap<QString, quint64> m_put; // quotes, by symbol
     lxclient::LinkState m_state;
 
     // atomic: set by the main thread, read by the link's
