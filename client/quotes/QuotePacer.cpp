@@ -33,6 +33,12 @@ bool QuotePacer::waitUntilDue(qint64 dueMs)
     return !m_stop;
 }
 
+bool QuotePacer::waitFor(std::chrono::milliseconds time)
+{
+    std::unique_lock<std::mutex> locker(m_mutex);
+    return !m_stopped.wait_for(locker, time, [this] { return m_stop; });
+}
+
 void QuotePacer::stop()
 {
     {

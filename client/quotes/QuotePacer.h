@@ -26,6 +26,9 @@ public:
     // False: it was stopped. The first quote is due at once and sets the clock for the others.
     bool waitUntilDue(qint64 dueMs);
 
+    // The same for a wait of its own: false, it was stopped meanwhile.
+    bool waitFor(std::chrono::milliseconds time);
+
     // No quote is due any more.
     void stop();
 

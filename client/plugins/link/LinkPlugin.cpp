@@ -35,6 +35,7 @@ constexpr std::chrono::milliseconds TickInterval(100);
 constexpr qint64 PresenceMs = 1000;
 constexpr qint64 GoneAfterMs = 2900; // three signs of life are missing: told within 3 s
 constexpr qint64 ClaimMs = 2500;
+constexpr qint64 GoodForMs = 3'600'000; // an order that takes longer to the exchange is refused
 
 qint64 nowMs()
 {
@@ -152,10 +153,9 @@ Error LinkPlugin::begin(const QVariantMap& settings)
     } else {
         m_role = std::make_unique<DeskRole>(
             *m_orders, *m_quotes, *this,
-            DeskRole::Settings{
-                m_desk, store,
-                settings.value(QStringLiteral("PluginNet.good-for")).toLongLong() * 1000,
-                "_INBOX.desk-" + m_desk.toUtf8() + '.' + QByteArray::number(m_instance, 16)});
+            DeskRole::Settings{m_desk, store, GoodForMs,
+                               "_INBOX.desk-" + m_desk.toUtf8() + '.'
+                                   + QByteArray::number(m_instance, 16)});
     }
     m_presence_reader =
         std::make_unique<Reader>(*m_orders, Reader::plain(AllPresence),
