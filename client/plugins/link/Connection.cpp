@@ -92,6 +92,7 @@ Error Connection::open(bool& fatal)
     natsOptions_SetName(made, m_name.constData());
     if (!m_access.user.isEmpty())
         natsOptions_SetUserInfo(made, m_access.user.constData(), m_access.password.constData());
+    natsOptions_SetCustomInboxPrefix(made, m_access.inbox.constData());
     natsOptions_SetTimeout(made, RequestMs);
     natsOptions_SetMaxReconnect(made, -1);
     natsOptions_SetReconnectWait(made, 100);

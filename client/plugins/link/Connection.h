@@ -25,6 +25,7 @@ struct Access
     QString server;
     QByteArray user;
     QByteArray password;
+    QByteArray inbox; // begins the subjects of what the server answers, "_INBOX.NAME"
 
     // From a file with two lines that nobody but its owner may read.
     static lxclient::Error read(const QString& fileName, Access& access);

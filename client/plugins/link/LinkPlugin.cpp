@@ -124,6 +124,7 @@ Error LinkPlugin::begin(const QVariantMap& settings)
     m_role_name = settings.value(setting::LinkRole).toString();
     m_desk = settings.value(setting::LinkDesk).toString();
     m_key = presenceKey(m_role_name, m_desk);
+    m_access.inbox = "_INBOX." + QByteArray(m_key).replace('.', '-');
     m_instance = QRandomGenerator::system()->generate64();
     m_since_ms = nowMs();
     const QByteArray name = "lxclient " + m_key;
@@ -154,8 +155,7 @@ Error LinkPlugin::begin(const QVariantMap& settings)
         m_role = std::make_unique<DeskRole>(
             *m_orders, *m_quotes, *this,
             DeskRole::Settings{m_desk, store, GoodForMs,
-                               "_INBOX.desk-" + m_desk.toUtf8() + '.'
-                                   + QByteArray::number(m_instance, 16)});
+                               m_access.inbox + '.' + QByteArray::number(m_instance, 16)});
     }
     m_presence_reader =
         std::make_unique<Reader>(*m_orders, Reader::plain(AllPresence),

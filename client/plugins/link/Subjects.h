@@ -12,8 +12,8 @@
 // its own | all |
 //
 // Users (one for each role): "feed", "exchange", and for each desk "desk-<desk>". Everybody
-// subscribes to _INBOX.> of its own (the prefix is _INBOX.<user>), and asks the server's API for:
-//   all       STREAM.CREATE and STREAM.INFO of KV_lx1_presence; STREAM.MSG.GET of it
+// subscribes to _INBOX.<user>.>, and asks the server's API for:
+//   all       STREAM.CREATE and STREAM.INFO of KV_lx1_presence; DIRECT.GET.KV_lx1_presence.>
 //   feed      STREAM.CREATE and STREAM.INFO of LX1_LAST
 //   exchange  the same of LX1_ORD, with CONSUMER.CREATE; CONSUMER.CREATE of LX1_LAST
 //   desk      the same of LX1_EXEC_<desk>, with CONSUMER.CREATE; CONSUMER.CREATE of LX1_LAST
