@@ -5,7 +5,7 @@
 .PHONY: help deps build demo test metrics-test asan tsan soak fuzz model bench package-build package package-test \
 	abi-reference docs lint format format-check
 
-PACKAGES := ca-certificates ccache cmake g++ libprotozero-dev libqt5sql5-sqlite libtbb-dev make ninja-build \
+PACKAGES := ca-certificates ccache cmake g++ libnats-dev libprotobuf-dev libprotozero-dev libqt5sql5-sqlite libtbb-dev make ninja-build \
 	pkg-config prometheus-cpp-dev protobuf-compiler python3 qtbase5-dev systemtap-sdt-dev
 SOURCES = $(shell git ls-files '*.h' '*.cpp')
 INSTALL = tools/install-deps

@@ -173,6 +173,12 @@ Error MetaData::read(const QJsonObject& json, MetaData& metaData)
                            "host: it would never be loaded")
                 .arg(read.needs));
     }
+    read.unless = json.value(QStringLiteral("unless")).toString();
+    if (!read.unless.isEmpty() && !lxclient::setting::ofTheHost().contains(read.unless)) {
+        return Error(QStringLiteral("\"unless\" in its metadata names %1, which is no setting of "
+                                    "the host")
+                         .arg(read.unless));
+    }
     const QJsonValue payloads = json.value(QStringLiteral("payloads"));
     if (!payloads.isUndefined() && !payloads.isBool())
         return Error(QStringLiteral("\"payloads\" in its metadata is neither true nor false"));

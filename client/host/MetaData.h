@@ -43,8 +43,16 @@ struct MetaData
     QString id;
     QString instances; // the setting that says how many objects there are; empty: one
     QString needs;     // the setting without which the library is not loaded; empty: always loaded
+    QString unless;    // the setting with which it is not loaded; empty: none
     bool payloads = false; // it has payload types of its own
     QVector<Setting> settings;
+
+    // Whether the two are never loaded together.
+    bool excludes(const MetaData& other) const
+    {
+        return (!needs.isEmpty() && needs == other.unless)
+            || (!other.needs.isEmpty() && other.needs == unless);
+    }
 
     static lxclient::Error read(const QJsonObject& json, MetaData& metaData);
 };

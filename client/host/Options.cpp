@@ -6,6 +6,8 @@
 #include <QCoreApplication>
 #include <QDir>
 #include <QFileInfo>
+#include <QRegularExpression>
+#include <QUrl>
 
 #include <cmath>
 
@@ -222,6 +224,74 @@ Error foldersFrom(const QCommandLineParser& parser, QStringList& folders)
     return {};
 }
 
+// Takes the server, an address with "://", out of the values of --link; the others link windows.
+Error serverFrom(const QCommandLineParser& parser, QStringList& links, Options& options)
+{
+    QStringList servers;
+    for (const QString& link : qAsConst(links)) {
+        if (link.contains(QLatin1String("://")))
+            servers.append(link);
+    }
+    for (const QString& server : qAsConst(servers))
+        links.removeAll(server);
+    if (servers.isEmpty()) {
+        for (const char* option : {"role", "desk", "store", "credentials"}) {
+            if (parser.isSet(QLatin1String(option))) {
+                return Error(QStringLiteral("--%1 is of a linked client; say with --link "
+                                            "nats://HOST:PORT which server links it.")
+                                 .arg(QLatin1String(option)));
+            }
+        }
+        return {};
+    }
+    const QString& server = servers.first();
+    const QUrl url(server, QUrl::StrictMode);
+    if (servers.size() > 1)
+        return Error(QStringLiteral("--link names two servers, %1.").arg(servers.join(" and ")));
+    if (!url.userInfo().isEmpty()) {
+        return Error(QStringLiteral("--link: user and password do not belong on the command line; "
+                                    "put them into a file and name it with --credentials."));
+    }
+    if (!url.isValid() || url.scheme() != QLatin1String("nats") || url.host().isEmpty()
+        || !(url.path().isEmpty() || url.path() == QLatin1String("/"))) {
+        return Error(QStringLiteral("--link %1: nats://HOST:PORT is expected.").arg(server));
+    }
+    options.link_server = server;
+    options.link_role = parser.value(QStringLiteral("role"));
+    options.link_desk = parser.value(QStringLiteral("desk"));
+    options.link_store = parser.value(QStringLiteral("store"));
+    options.link_credentials = parser.value(QStringLiteral("credentials"));
+    const QStringList roles{QStringLiteral("feed"), QStringLiteral("exchange"),
+                            QStringLiteral("desk")};
+    const int role = roles.indexOf(options.link_role);
+    if (role < 0) {
+        return Error(QStringLiteral("--link %1 needs --role feed, --role exchange or --role desk%2")
+                         .arg(server,
+                              options.link_role.isEmpty()
+                                  ? QStringLiteral(".")
+                                  : QStringLiteral("; \"%1\" is none.").arg(options.link_role)));
+    }
+    static const QRegularExpression name(QStringLiteral("^[A-Za-z0-9_-]{1,32}$"));
+    if (role == 2 && !name.match(options.link_desk).hasMatch()) {
+        return Error(QStringLiteral("--desk %1: a linked desk needs a name of letters, digits, - "
+                                    "and _, 32 at most.")
+                         .arg(options.link_desk));
+    }
+    if (role != 2 && parser.isSet(QStringLiteral("desk")))
+        return Error(QStringLiteral("--desk: a %1 has no desk's name.").arg(options.link_role));
+    if (role != 0 && options.link_store.isEmpty())
+        return Error(QStringLiteral("--role %1 needs --store FILE.").arg(options.link_role));
+    if (role == 0 && parser.isSet(QStringLiteral("store")))
+        return Error(QStringLiteral("--store: a feed keeps nothing; leave it out."));
+    for (const char* option : {"quotes", "seed", "synthetic-quotes", "speed", "skip-gaps"}) {
+        if (role != 0 && parser.isSet(QLatin1String(option))) {
+            return Error(QStringLiteral("--%1: a linked %2 gets its quotes from the feed.")
+                             .arg(QLatin1String(option), options.link_role));
+        }
+    }
+    return {};
+}
+
 Error settingsFrom(const QStringList& texts, QMap<QString, QString>& settings)
 {
     for (const QString& text : texts) {
@@ -273,6 +343,23 @@ Error Options::parse(const QStringList& arguments, Options& options)
                         "Colours: red, orange, yellow, green, cyan, blue, violet. May be given "
                         "several times. Default: red:board#1,board#2."),
          QStringLiteral("COLOR:ID,ID,...")},
+        {QStringLiteral("role"),
+         QStringLiteral("With --link nats://HOST:PORT the client is part of a larger system, over "
+                        "that NATS server, as \"feed\" (plays quotes to all), \"exchange\" (fills "
+                        "orders) or \"desk\" (everything else)."),
+         QStringLiteral("ROLE")},
+        {QStringLiteral("desk"),
+         QStringLiteral("The name of a linked desk: letters, digits, - and _. Only one client may "
+                        "have it at a time."),
+         QStringLiteral("NAME")},
+        {QStringLiteral("store"),
+         QStringLiteral("The SQLite file in which a linked desk keeps orders until they are "
+                        "answered, and the exchange all orders; it is made if it does not exist."),
+         QStringLiteral("FILE")},
+        {QStringLiteral("credentials"),
+         QStringLiteral("A file with two lines, user and password for the server, which only its "
+                        "owner can read."),
+         QStringLiteral("FILE")},
         {QStringLiteral("record"),
          QStringLiteral("Write every quote that comes in to this recording, replacing it."),
          QStringLiteral("FILE")},
@@ -358,11 +445,13 @@ Error Options::parse(const QStringList& arguments, Options& options)
     read.follow = parser.value(QStringLiteral("follow"));
     read.stay = parser.isSet(QStringLiteral("stay"));
     read.windows = parser.isSet(QStringLiteral("windows"));
-    read.links_by_default = !parser.isSet(QStringLiteral("link"));
-    const QStringList links = read.links_by_default
-        ? QStringList(QStringLiteral("red:board#1,board#2"))
-        : parser.values(QStringLiteral("link"));
+    QStringList links = parser.values(QStringLiteral("link"));
+    const Error linkError = serverFrom(parser, links, read);
+    read.links_by_default = links.isEmpty();
+    if (read.links_by_default)
+        links.append(QStringLiteral("red:board#1,board#2"));
     const Error errors[] = {
+        linkError,
         namesFrom(parser, QStringLiteral("quotes")),
         namesFrom(parser, QStringLiteral("record")),
         namesFrom(parser, QStringLiteral("journal")),

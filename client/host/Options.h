@@ -30,6 +30,11 @@ struct Options
     bool boards_keep_latest = false;
     QMap<RelationColor_t, QStringList> links; // plugin IDs by colour, each ID once
     bool links_by_default = false;            // not asked for: they need not exist
+    QString link_server;                      // nats://HOST:PORT; empty: not linked
+    QString link_role;                        // feed, exchange or desk
+    QString link_desk;                        // the desk's name
+    QString link_store;                       // the file of the desk or the exchange
+    QString link_credentials;                 // a file; empty: none
     QString record_file;
     QString journal_file;
     CMessageCenter::IdlePolicy idle = CMessageCenter::IdlePolicy::Park;

@@ -135,7 +135,9 @@ Error PluginHost::load(const QVariantMap& common)
 {
     const auto isNeedless = [&](const Library& library) {
         const QString& needs = library.meta_data.needs;
-        return !needs.isEmpty() && !common.contains(needs);
+        const QString& unless = library.meta_data.unless;
+        return (!needs.isEmpty() && !common.contains(needs))
+            || (!unless.isEmpty() && common.contains(unless));
     };
     m_libraries.erase(std::remove_if(m_libraries.begin(), m_libraries.end(), isNeedless),
                       m_libraries.end());
@@ -166,6 +168,36 @@ QStringList PluginHost::ids() const
     for (const Instance& instance : m_instances)
         ids.append(instance.id);
     return ids;
+}
+
+bool PluginHost::hasGuide() const
+{
+    return std::any_of(m_instances.begin(), m_instances.end(),
+                       [](const Instance& instance) { return instance.guide; });
+}
+
+Error PluginHost::prepare(QVariantMap& settings, bool& complete, QString& waitingFor)
+{
+    complete = true;
+    for (const Instance& instance : m_instances) {
+        if (!instance.guide)
+            continue;
+        QVariantMap given = united(settings, instance.library->settings);
+        bool knows = false;
+        Error error;
+        const Error thrown = instance.supervised->call(
+            "prepare", [&] { error = instance.guide->prepare(given, knows, waitingFor); });
+        if (thrown)
+            error = thrown;
+        if (error)
+            return cannotStart(instance.id, error).about(instance.library->file());
+        complete = complete && knows;
+        for (auto it = given.constBegin(); it != given.constEnd(); ++it) {
+            if (!instance.library->settings.contains(it.key()))
+                settings.insert(it.key(), it.value());
+        }
+    }
+    return {};
 }
 
 Error PluginHost::initialise(const QString& id, const QVariantMap& common)
@@ -434,7 +466,8 @@ Error PluginHost::addLibrary(Library library)
             MetaData::read(json.value(QStringLiteral("MetaData")).toObject(), library.meta_data))
         return error;
     for (const Library& other : m_libraries) {
-        if (other.meta_data.id == library.meta_data.id)
+        if (other.meta_data.id == library.meta_data.id
+            && !other.meta_data.excludes(library.meta_data))
             return Error(
                 QStringLiteral("repeats the ID %1 of %2").arg(other.meta_data.id, other.file()));
     }
@@ -538,6 +571,7 @@ Error PluginHost::addInstance(const Library& library, const QString& id, QObject
     }
     instance.plugin = pluginOf(library, object);
     instance.input = qobject_cast<lxclient::Input*>(object);
+    instance.guide = qobject_cast<lxclient::Guide*>(object);
     if (!instance.plugin || !qobject_cast<IMessageInterface*>(object)) {
         return Error(
             QStringLiteral("lacks the interface %1: its class must derive from "

@@ -64,6 +64,11 @@ public:
     // IDs of all plugin objects, in the order in which they are initialised.
     QStringList ids() const;
 
+    bool hasGuide() const;
+
+    // Has the guides add to the settings; see lxclient::Guide for when to call it again.
+    lxclient::Error prepare(QVariantMap& settings, bool& complete, QString& waitingFor);
+
     // Initialises the object of this ID with `common` and what its plugin has declared.
     lxclient::Error initialise(const QString& id, const QVariantMap& common);
 
@@ -105,6 +110,7 @@ private:
         std::unique_ptr<QObject> owned; // null for the root object, which is the loader's
         lxclient::Plugin* plugin = nullptr;
         lxclient::Input* input = nullptr; // null: no input
+        lxclient::Guide* guide = nullptr; // null: none
         bool initialised = false;
         bool reports = true; // false: report has thrown, or may not return
         lxclient::Report last_report;

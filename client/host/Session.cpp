@@ -16,6 +16,7 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <thread>
 
 using lxclient::Error;
 namespace setting = lxclient::setting;
@@ -26,6 +27,7 @@ constexpr int TickMs = 2;
 constexpr int LookMs = 200;     // between looks at the backlogs
 constexpr int SayAfterMs = 300; // an interruption, what is waited for: mostly it is over by then
 constexpr int InVainMs = 1000;  // with nothing on its way, for counts that will not agree
+constexpr std::chrono::milliseconds GuideInterval(20);
 constexpr std::chrono::milliseconds AbandonedDeadline(1000); // of plugins, once it is abandoned
 
 } // namespace
@@ -52,6 +54,15 @@ Session::Session(const Options& options)
         m_settings.insert(setting::Windows, true);
     if (options.skip_gaps_s)
         m_settings.insert(setting::SkipGaps, *options.skip_gaps_s);
+    if (!options.link_server.isEmpty()) {
+        m_settings.insert(setting::Link, options.link_server);
+        m_settings.insert(setting::LinkRole, options.link_role);
+        m_settings.insert(setting::LinkDesk, options.link_desk);
+        m_settings.insert(setting::LinkStore, options.link_store);
+        m_settings.insert(setting::LinkCredentials, options.link_credentials);
+        if (options.link_role != QLatin1String("desk"))
+            m_settings.insert(setting::Service, true);
+    }
     connect(&m_timer, &QTimer::timeout, this, &Session::tick);
 }
 
@@ -75,6 +86,13 @@ Error Session::start()
         return error;
     if (const Error error = linkPlugins())
         return error;
+    if (const Error error = prepare())
+        return error;
+    if (!m_options.link_server.isEmpty() && !m_host.hasGuide()) {
+        return Error(QStringLiteral("--link: there is no plugin link in %1; it is built where "
+                                    "libnats and protobuf are installed")
+                         .arg(m_options.plugin_folders.join(QLatin1String(", "))));
+    }
     if (m_options.metrics_port && !m_host.ids().contains(QStringLiteral("metrics"))) {
         return Error(QStringLiteral("--metrics: there is no plugin metrics in %1")
                          .arg(m_options.plugin_folders.join(QLatin1String(", "))));
@@ -256,6 +274,26 @@ Error Session::takeSymbols()
     symbols.sort(); // the same whichever was quoted first
     m_settings.insert(setting::Symbols, symbols);
     return {};
+}
+
+// What a guide has to wait for, a feed that tells the symbols say, may take as long as it likes.
+Error Session::prepare()
+{
+    QString said;
+    for (;;) {
+        bool complete = false;
+        QString waitingFor;
+        if (const Error error = m_host.prepare(m_settings, complete, waitingFor))
+            return error;
+        if (complete)
+            return {};
+        if (const Error error = interruption())
+            return error;
+        if (!waitingFor.isEmpty() && waitingFor != said)
+            ProgressLine::say(QStringLiteral("waiting for ") + waitingFor);
+        said = waitingFor;
+        std::this_thread::sleep_for(GuideInterval);
+    }
 }
 
 Error Session::linkPlugins()

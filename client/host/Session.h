@@ -61,6 +61,7 @@ private:
     enum class State { Playing, Settling, Staying, Ended };
 
     lxclient::Error takeSymbols();
+    lxclient::Error prepare();
     lxclient::Error linkPlugins();
     QVariantMap settingsFor(const QString& id) const;
     lxclient::Error interruption() const;

@@ -133,7 +133,8 @@ Error JournalFile::open(const QString& fileName, UnwrittenFile& unwritten, quint
 
 Error JournalFile::write(const JournalBatch& batch)
 {
-    return transact([&] {
+    quint64 stood = 0;
+    const Error error = transact([&] {
         QSqlQuery queries[] = {QSqlQuery(m_database), QSqlQuery(m_database)};
         for (int table : {JournalRow::Executions, JournalRow::Positions}) {
             if (!queries[table].prepare(QLatin1String(insertion[table])))
@@ -141,11 +142,21 @@ Error JournalFile::write(const JournalBatch& batch)
         }
         const QVector<JournalRow> rows = rowsOf(batch);
         for (const JournalRow& row : rows) {
-            if (const Error error = insertRow(queries[row.table], row))
-                return error;
+            bool known = false;
+            if (const Error failed = stands(row, known))
+                return failed;
+            if (known) {
+                ++stood;
+                continue;
+            }
+            if (const Error failed = insertRow(queries[row.table], row))
+                return failed;
         }
         return Error();
     });
+    if (!error)
+        m_stood += stood;
+    return error;
 }
 
 Error JournalFile::takeIn(UnwrittenFile& unwritten, quint64& taken)
@@ -175,7 +186,7 @@ Error JournalFile::countExecutions(quint64& executions)
         m_database,
         QStringLiteral("SELECT count(*) FROM executions WHERE session = %1").arg(m_session), count);
     if (!error)
-        executions = static_cast<quint64>(count);
+        executions = static_cast<quint64>(count) + m_stood;
     return error.about(m_file_name);
 }
 
@@ -231,6 +242,22 @@ Error JournalFile::prepareSchema()
     if (!query.exec(QStringLiteral("PRAGMA application_id = %1").arg(ApplicationId))
         || !query.exec(QStringLiteral("PRAGMA user_version = %1").arg(SchemaVersion)))
         return errorOf(query.lastError());
+    return {};
+}
+
+// Of an execution of an earlier session's order: whether it is in the journal.
+Error JournalFile::stands(const JournalRow& row, bool& stands)
+{
+    if (row.table != JournalRow::Executions || row.values[2].toULongLong() >= m_first_order)
+        return {};
+    QSqlQuery query(m_database);
+    query.prepare(QStringLiteral("SELECT 1 FROM executions WHERE trace_id = ? AND order_id = ? AND "
+                                 "symbol = ? AND quantity = ? AND price = ? AND quoted = ?"));
+    for (int i = 1; i < row.values.size(); ++i)
+        query.addBindValue(row.values[i]);
+    if (const Error error = run(query))
+        return error;
+    stands = query.next();
     return {};
 }
 

@@ -34,6 +34,11 @@ public:
     // and below name the file. They come soon, also where another program has it locked.
     lxclient::Error open(const QString& fileName, UnwrittenFile& unwritten, quint64& taken);
 
+    // Executions of orders with a lower ID are of earlier sessions. The session that was given one
+    // before may have been killed just after it had written it; so it is written only if no session
+    // has. Before the first write.
+    void setFirstOrder(quint64 orderId) { m_first_order = orderId; }
+
     // Writes the batch, whole or not at all.
     lxclient::Error write(const JournalBatch& batch);
 
@@ -41,7 +46,7 @@ public:
     // because a crash came before the file was removed, is not written again and not counted.
     lxclient::Error takeIn(UnwrittenFile& unwritten, quint64& taken);
 
-    // The executions of this session, counted in the file.
+    // The executions that this session was given, counted in the file.
     lxclient::Error countExecutions(quint64& executions);
 
     // The batch as rows of this session.
@@ -52,6 +57,7 @@ public:
     const QString& started() const { return m_started; }
 
 private:
+    lxclient::Error stands(const JournalRow& row, bool& stands);
     lxclient::Error beginSession();
     lxclient::Error prepareSchema();
     lxclient::Error insertOnce(const UnwrittenFile::NextRow& next, quint64& taken);
@@ -62,6 +68,8 @@ private:
     QString m_file_name;
     QString m_session;
     QString m_started;
+    quint64 m_first_order = 1;
+    quint64 m_stood = 0; // executions of this session that an earlier one had written
 };
 
 #endif

@@ -32,6 +32,9 @@ public:
 
     lxclient::Error open();
 
+    // See JournalFile.
+    void setFirstOrder(quint64 orderId) { m_file.setFirstOrder(orderId); }
+
     // Takes the batch over and writes all that is to be written. If that fails the batch is kept;
     // an empty batch tries again.
     lxclient::Error write(const JournalBatch& batch);

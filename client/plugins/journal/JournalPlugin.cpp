@@ -30,8 +30,10 @@ Error JournalPlugin::onInitialise(const QVariantMap& settings)
     m_file_name = settings.value(lxclient::setting::Journal).toString();
     if (!m_file_name.isEmpty()) {
         std::promise<Error> opened;
-        m_writer = std::thread([this, &opened] {
+        const quint64 firstOrder = settings.value(lxclient::setting::FirstOrder, 1).toULongLong();
+        m_writer = std::thread([this, firstOrder, &opened] {
             JournalKeeper keeper(m_file_name);
+            keeper.setFirstOrder(firstOrder);
             const Error error = keeper.open();
             m_standing = keeper.standing(); // nobody else asks before `opened`
             opened.set_value(error);

@@ -32,7 +32,6 @@ Q_LOGGING_CATEGORY(lcNet, "lxclient.net")
 constexpr quint64 QuotesPerLook = 4096;
 constexpr quint64 MaxUnderWay = 50'000;
 constexpr std::chrono::seconds StandstillLimit{30};
-constexpr double LongGapS = 60; // to wait for: worth a word
 
 // "6 h 12 min", "75 s".
 QString waitText(double seconds)
@@ -61,10 +60,12 @@ NetPlugin::~NetPlugin() = default;
 
 Error NetPlugin::onInitialise(const QVariantMap& settings)
 {
-    m_speed = settings.value(setting::Speed).toDouble();
     m_heard = settings.value(setting::Heard).value<lxclient::HeardQuotes>();
+    std::optional<double> skipGapsS;
     if (settings.contains(setting::SkipGaps))
-        m_skip_gaps_s = settings.value(setting::SkipGaps).toDouble();
+        skipGapsS = settings.value(setting::SkipGaps).toDouble();
+    m_pacer = std::make_unique<QuotePacer>(settings.value(setting::Speed).toDouble(), skipGapsS,
+                                           sayLongGap);
     const QStringList files = settings.value(setting::Quotes).toStringList();
     if (files.isEmpty()) {
         m_source =
@@ -112,8 +113,8 @@ lxclient::Report NetPlugin::report() const
         QStringLiteral("pool records: %1 borrowed, %2 returned").arg(m_borrowed).arg(m_returned));
     if (m_bad_rows > 0)
         report.remarks.append(QStringLiteral("bad rows skipped: %1").arg(m_bad_rows));
-    if (m_gaps_skipped > 0)
-        report.remarks.append(QStringLiteral("gaps skipped: %1").arg(m_gaps_skipped));
+    if (m_pacer->gapsSkipped() > 0)
+        report.remarks.append(QStringLiteral("gaps skipped: %1").arg(m_pacer->gapsSkipped()));
     report.faults = m_faults;
     return report;
 }
@@ -125,11 +126,7 @@ void NetPlugin::start()
 
 void NetPlugin::stop()
 {
-    {
-        const std::lock_guard<std::mutex> locker(m_stop_mutex);
-        m_stop = true;
-    }
-    m_stop_condition.notify_one();
+    m_pacer->stop();
 }
 
 // The exchange: an order comes in because it was put with the send-to-net flag.
@@ -145,33 +142,13 @@ void NetPlugin::play()
 {
     QThread::currentThread()->setObjectName(id() + QStringLiteral("_Player")); // in traces
     while (const auto timed = m_source->next()) {
-        if (!waitUntilDue(timed->due_ms))
+        if (!m_pacer->waitUntilDue(timed->due_ms))
             break;
         putQuote(timed->quote);
         if (m_played % QuotesPerLook == 0 && !waitForRoom())
             break;
     }
     m_ended = true;
-}
-
-// False: stop. The first quote is due at once and sets the clock for the others.
-bool NetPlugin::waitUntilDue(qint64 dueMs)
-{
-    if (m_speed > 0) {
-        if (!m_first_due_ms) {
-            m_first_due_ms = m_last_due_ms = dueMs;
-            m_begin = Clock::now();
-        }
-        passGap(dueMs - m_last_due_ms);
-        m_last_due_ms = dueMs;
-    }
-    std::unique_lock<std::mutex> locker(m_stop_mutex);
-    if (m_speed > 0) {
-        const std::chrono::duration<double, std::milli> played((dueMs - *m_first_due_ms) / m_speed);
-        const auto due = m_begin + std::chrono::duration_cast<Clock::duration>(played);
-        m_stop_condition.wait_until(locker, due, [this] { return m_stop; });
-    }
-    return !m_stop;
 }
 
 // False: stop, or nobody takes anything any more: then the session is to end, and says who.
@@ -188,9 +165,7 @@ bool NetPlugin::waitForRoom()
                       .arg(StandstillLimit.count()));
             return false;
         }
-        std::unique_lock<std::mutex> locker(m_stop_mutex);
-        if (m_stop_condition.wait_for(locker, std::chrono::milliseconds(1),
-                                      [this] { return m_stop; }))
+        if (!m_pacer->waitFor(std::chrono::milliseconds(1)))
             return false;
     }
     return true;
@@ -208,22 +183,12 @@ quint64 NetPlugin::itemsUnderWay() const
     return m_heard ? qMax(most, m_played - m_heard->load()) : most;
 }
 
-// The pause before the next quote: leaves it out if it is too long, and says so if it is long.
-void NetPlugin::passGap(qint64 gapMs)
+void NetPlugin::sayLongGap(qint64 fromMs, qint64 toMs, double waitS, bool skipped)
 {
-    const double waitS = static_cast<double>(gapMs) / m_speed / 1000;
-    const bool skip = m_skip_gaps_s && waitS > *m_skip_gaps_s;
-    if (waitS > LongGapS) {
-        qCWarning(lcNet).noquote().nospace()
-            << "no quotes from " << timeText(m_last_due_ms) << " to "
-            << timeText(m_last_due_ms + gapMs) << ", " << waitText(waitS) << " at this speed: "
-            << (skip ? "left out" : "waiting; --skip-gaps SECONDS leaves such gaps out");
-    }
-    if (!skip)
-        return;
-    *m_first_due_ms += gapMs;
-    const QMutexLocker locker(&m_mutex);
-    ++m_gaps_skipped;
+    qCWarning(lcNet).noquote().nospace()
+        << "no quotes from " << timeText(fromMs) << " to " << timeText(toMs) << ", "
+        << waitText(waitS) << " at this speed: "
+        << (skipped ? "left out" : "waiting; --skip-gaps SECONDS leaves such gaps out");
 }
 
 void NetPlugin::putQuote(Quote quote)

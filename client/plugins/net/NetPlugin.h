@@ -3,6 +3,7 @@
 #ifndef LXCLIENT_NETPLUGIN_H
 #define LXCLIENT_NETPLUGIN_H
 
+#include <QuotePacer.h>
 #include <QuoteSource.h>
 
 #include <lxclient/PluginBase.h>
@@ -13,10 +14,7 @@
 
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <memory>
-#include <mutex>
-#include <optional>
 #include <thread>
 
 class CMessageCommon;
@@ -56,10 +54,9 @@ private:
     void onMessage(const QString& sender, int type, const QVariant& payload) override;
 
     void play();
-    bool waitUntilDue(qint64 dueMs);
     bool waitForRoom();
     quint64 itemsUnderWay() const;
-    void passGap(qint64 gapMs);
+    static void sayLongGap(qint64 fromMs, qint64 toMs, double waitS, bool skipped);
     void putQuote(lxclient::Quote quote);
     void fill(const QString& customer, const lxclient::Order& order);
     void reportBadRow(const QString& where, const QString& reason);
@@ -69,24 +66,15 @@ private:
     void returnRecords();
 
     // constant after initialise
-    double m_speed = 0;
+    std::unique_ptr<QuotePacer> m_pacer;  // the player waits on it
     lxclient::HeardQuotes m_heard;        // null: nobody listens beside the bus
-    std::optional<double> m_skip_gaps_s;  // longer waits are left out; none: no wait is
     QHash<QString, int> m_line_of_symbol; // index into m_lines
 
     // the player thread's, after start
     using Clock = std::chrono::steady_clock;
     std::unique_ptr<QuoteSource> m_source;
-    quint64 m_played = 0;                 // quotes put
-    std::optional<qint64> m_first_due_ms; // moved on by the gaps that were left out
-    qint64 m_last_due_ms = 0;
-    Clock::time_point m_begin; // when the first quote was due
+    quint64 m_played = 0; // quotes put
     std::thread m_player;
-
-    // ends the player's wait for the next quote
-    std::mutex m_stop_mutex;
-    std::condition_variable m_stop_condition;
-    bool m_stop = false; // guarded by m_stop_mutex
 
     // atomic: set by the player as its last act, asked by the host
     std::atomic<bool> m_ended{false};
@@ -95,7 +83,6 @@ private:
     // guarded by m_mutex
     QVector<Line> m_lines;
     quint64 m_bad_rows = 0;
-    quint64 m_gaps_skipped = 0;
     quint64 m_orders = 0;
     quint64 m_acknowledged = 0;
     quint64 m_executed = 0;

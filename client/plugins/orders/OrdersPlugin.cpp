@@ -38,6 +38,7 @@ Error OrdersPlugin::onInitialise(const QVariantMap& settings)
 {
     m_symbols = settings.value(setting::Symbols).toStringList();
     m_max_open = settings.value(QStringLiteral("orders.max-open")).toLongLong();
+    m_first_order = settings.value(setting::FirstOrder, 1).toULongLong();
     m_audit.expect(m_symbols);
     subscribeQuotes(settings);
     subscribe(lxclient::ExecutionType); // acknowledgements are addressed to us
@@ -65,7 +66,12 @@ lxclient::Report OrdersPlugin::report() const
         report.post(account::orderRequestsOf(it.key()), it.value());
         report.post(account::refusalsTo(it.key()), counted::Put, refused);
     }
-    report.post(account::Orders, counted::Put, m_sent);
+    report.post(account::Orders, counted::Put,
+                m_sent + m_carried - (m_rejected - m_rejected_of_earlier));
+    if (m_rejected > 0)
+        report.messages += m_rejected;
+    if (m_first_order > 1 || m_rejected > 0)
+        report.post(account::RejectedOrders, counted::Received, m_rejected);
     report.post(account::Orders, counted::Acknowledged, m_acknowledged);
     report.post(account::Orders, counted::Executed, m_executed);
     report.post(account::PositionEvents, counted::Put, m_position_events);
@@ -86,6 +92,9 @@ void OrdersPlugin::onMessage(const QString& sender, int type, const QVariant& pa
         break;
     case lxclient::AcknowledgementType:
         recvAcknowledgement(payload.value<Order>());
+        break;
+    case lxclient::OrderRejectedType:
+        recvRejection(payload.value<lxclient::OrderRejection>());
         break;
     case lxclient::ExecutionType:
         recvExecution(payload.value<Execution>());
@@ -109,8 +118,8 @@ void OrdersPlugin::recvRequest(const QString& customer, OrderRequest request)
                     request.side == OrderRequest::Buy ? request.quantity : -request.quantity};
         {
             const QMutexLocker locker(&m_mutex);
-            order.order_id = ++m_sent;
-            m_open.insert(order.order_id, State::Sent);
+            order.order_id = m_first_order + m_sent++;
+            m_open.insert(order.order_id, {State::Sent, customer, request});
         }
         answer =
             new CMessageCommon(id(), QString(), lxclient::OrderType, QVariant::fromValue(order));
@@ -135,12 +144,46 @@ void OrdersPlugin::recvAcknowledgement(const Order& order)
 {
     const QMutexLocker locker(&m_mutex);
     const auto open = m_open.find(order.order_id);
-    if (open != m_open.end() && *open == State::Sent)
-        *open = State::Acknowledged;
-    else
+    if (open != m_open.end() && open->state == State::Sent) {
+        open->state = State::Acknowledged;
+    } else if (order.order_id < m_first_order) {
+        m_open.insert(order.order_id, {State::Acknowledged, QString(), OrderRequest()});
+        ++m_carried;
+    } else {
         m_faults.append(
             QStringLiteral("order %1 was acknowledged without being open").arg(order.order_id));
+    }
     ++m_acknowledged;
+}
+
+// Who asked for it is told; of an earlier session's nobody waits any more.
+void OrdersPlugin::recvRejection(const lxclient::OrderRejection& rejection)
+{
+    const quint64 orderId = rejection.order.order_id;
+    Open open;
+    {
+        const QMutexLocker locker(&m_mutex);
+        const auto found = m_open.find(orderId);
+        if (found != m_open.end() && found->state == State::Sent) {
+            open = *found;
+            m_open.erase(found);
+            ++m_refused[open.customer];
+        } else if (orderId < m_first_order) {
+            ++m_rejected_of_earlier;
+        } else {
+            m_faults.append(
+                QStringLiteral("order %1 was rejected without being open").arg(orderId));
+        }
+    }
+    if (!open.customer.isEmpty()) {
+        open.request.reason = rejection.reason;
+        auto* const refusal = new CMessageCommon(id(), open.customer, lxclient::OrderRefusedType,
+                                                 QVariant::fromValue(open.request));
+        refusal->setTraceId(open.request.trace_id);
+        Put(id(), refusal);
+    }
+    const QMutexLocker locker(&m_mutex);
+    ++m_rejected;
 }
 
 void OrdersPlugin::recvExecution(const Execution& execution)
@@ -150,7 +193,7 @@ void OrdersPlugin::recvExecution(const Execution& execution)
     {
         const QMutexLocker locker(&m_mutex);
         const auto open = m_open.find(order.order_id);
-        if (open == m_open.end() || *open != State::Acknowledged)
+        if (open == m_open.end() || open->state != State::Acknowledged)
             m_faults.append(QStringLiteral("order %1 was executed without being acknowledged")
                                 .arg(order.order_id));
         m_open.remove(order.order_id);

@@ -57,6 +57,22 @@ inline QString refusalsTo(const QString& id)
     return QStringLiteral("refusals to ") + id;
 }
 
+/// Begins the names of accounts between processes: what one posts there, another confirms, so
+/// `lxledger` makes one account of those of all files. All others are of one process alone. Such a
+/// count is of the life of a store, not of a session: a process may be killed and go on.
+inline const QString BetweenProcesses = QStringLiteral("link: ");
+
+/// Put by the desk of this name, acknowledged and executed as it has stored them; received,
+/// acknowledged and executed as the exchange has stored them. Without those that were refused.
+inline QString linkedOrdersOf(const QString& desk)
+{
+    return BetweenProcesses + QStringLiteral("orders of ") + desk;
+}
+
+/// Refused by the exchange, or by the link before they went out; put by the net plugin, received by
+/// who had put the order.
+inline const QString RejectedOrders = QStringLiteral("rejected orders");
+
 } // namespace account
 
 /// Which of its counts a plugin posts. A plain receiver needs none of these names.

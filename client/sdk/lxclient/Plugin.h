@@ -28,6 +28,8 @@ namespace lxclient {
 ///    objects of the class, with the IDs id#1 to id#N. The class needs a constructor without
 ///    arguments that is declared Q_INVOKABLE.
 ///  - "needs": optional, the name of a setting of the host. Without it the library is not loaded.
+///  - "unless": optional, likewise: with it the library is not loaded. Two libraries may have the
+///    same ID if one needs the setting that the other names here.
 ///  - "payloads": optional, true if the plugin has payload types of its own: see registerPayloads.
 ///  - "settings": optional, a list of the settings that the user can give with --set NAME=VALUE:
 ///
@@ -129,6 +131,25 @@ public:
     virtual bool ended() const = 0;
 };
 
+/// A plugin that knows before the session begins what the host cannot know, because the client is
+/// part of something larger. In addition:
+///
+///     Q_INTERFACES(lxclient::Plugin lxclient::Guide)
+///
+/// Called on the main thread.
+class Guide
+{
+public:
+    /// On the main thread, after shutDown.
+    virtual ~Guide() = default;
+
+    /// Adds to the settings of the host, such as "symbols". Called before any plugin is
+    /// initialised, and again every 20 ms until `complete` is set, or the user has had enough.
+    /// Each call is quick. An error ends the session. Without one, `waitingFor` may say in words
+    /// what is missing.
+    virtual Error prepare(QVariantMap& settings, bool& complete, QString& waitingFor) = 0;
+};
+
 } // namespace lxclient
 
 /// \{
@@ -136,8 +157,10 @@ public:
 /// that were compiled before a change that breaks them. Plugin/2 ends with report, and is loaded.
 #define LxClientPlugin_iid "lxclient.Plugin/3"
 #define LxClientInput_iid "lxclient.Input/1"
+#define LxClientGuide_iid "lxclient.Guide/1"
 /// \}
 Q_DECLARE_INTERFACE(lxclient::Plugin, LxClientPlugin_iid)
 Q_DECLARE_INTERFACE(lxclient::Input, LxClientInput_iid)
+Q_DECLARE_INTERFACE(lxclient::Guide, LxClientGuide_iid)
 
 #endif

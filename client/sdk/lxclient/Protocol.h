@@ -45,10 +45,11 @@ struct OrderRequest
 /// An order on its way to the exchange; its acknowledgement is the order sent back.
 struct Order
 {
-    QString trace_id;     ///< of the request
-    quint64 order_id = 0; ///< from 1 on in each session
-    QString symbol;       ///< what to trade
-    qint64 quantity = 0;  ///< signed: negative sells
+    QString trace_id; ///< of the request
+    /// From 1 on in each session; where there is a setting "orders.first", from that on.
+    quint64 order_id = 0;
+    QString symbol;      ///< what to trade
+    qint64 quantity = 0; ///< signed: negative sells
 };
 
 /// An order was filled, whole.
@@ -57,6 +58,13 @@ struct Execution
     Order order;        ///< the whole order
     Decimal price;      ///< the ask if it buys, the bid if it sells
     qint64 time_ms = 0; ///< of the quote at which it was filled
+};
+
+/// An order that was not taken.
+struct OrderRejection
+{
+    Order order;    ///< the whole order
+    QString reason; ///< why, in words for the user
 };
 
 /// A trend turned: a chart reader would look at this symbol now.
@@ -80,6 +88,29 @@ struct Selection
     QString symbol; ///< the one that it shows now
 };
 
+/// How the link to the other clients is, told when that changes and once a second.
+struct LinkState
+{
+    bool connected = false;    ///< to the server
+    qint64 since_ms = 0;       ///< UTC: for so long it has been, or is being connected again
+    QString server;            ///< nats://HOST:PORT
+    quint64 outbox = 0;        ///< orders without an answer
+    qint64 quote_age_ms = -1;  ///< since the last quote came; -1: none has
+    qint64 round_trip_us = -1; ///< of the last order, until its answer was stored; -1: none yet
+    quint64 quotes_missed = 0; ///< by their numbers: newer ones came
+};
+
+/// Another client that is linked, or was.
+struct Presence
+{
+    QString role;         ///< "feed", "exchange" or "desk"
+    QString name;         ///< of a desk
+    QString version;      ///< of the program
+    qint64 since_ms = 0;  ///< UTC: when it began
+    qint64 last_ms = 0;   ///< UTC: its last sign of life
+    bool present = false; ///< false: it has left, or nothing was heard of it for three seconds
+};
+
 // ---- types -----------------------------------------------------------------------------------
 // Always an int: variants of unlike kinds may compare equal. Take numbers of your own from
 // FirstFreeType on.
@@ -93,10 +124,14 @@ constexpr int ExecutionType = 0x41005;       ///< Execution, from the net to all
 constexpr int SignalType = 0x41006;          ///< Signal, directed to the first board
 constexpr int RequestType = 0x41007;         ///< Request, directed to who is asked
 constexpr int ReplyType = 0x41008;           ///< Reply, directed back to who asked
+constexpr int OrderRejectedType = 0x41009;   ///< OrderRejection, from the net to who put the order
 
 // events
 constexpr int PositionType = 0x42001;  ///< Position, broadcast
 constexpr int SelectionType = 0x42002; ///< Selection, broadcast: reaches the linked windows only
+constexpr int LinkStateType =
+    0x42101;                          ///< LinkState, broadcast by the net plugin of a linked client
+constexpr int PresenceType = 0x42102; ///< Presence, likewise, once per change
 
 // quotations: one type per symbol, in the order of the setting "symbols"
 constexpr int FirstQuoteType = 0x50000; ///< Quote, of the first symbol; see quoteType
@@ -148,12 +183,31 @@ inline const QString SkipGaps = QStringLiteral("skip.gaps");
 /// lxclient::Supervisor*: whom PluginBase tells of the plugin's handlers. Missing: nobody.
 inline const QString Supervisor = QStringLiteral("supervisor");
 
+/// QString: the server of a linked client, nats://HOST:PORT. Missing: it is not linked.
+inline const QString Link = QStringLiteral("link");
+/// QString: "feed", "exchange" or "desk".
+inline const QString LinkRole = QStringLiteral("link.role");
+/// QString: the name of the desk.
+inline const QString LinkDesk = QStringLiteral("link.desk");
+/// QString: the file in which a desk keeps its outbox, and the exchange its orders.
+inline const QString LinkStore = QStringLiteral("link.store");
+/// QString: a file with user and password; empty: none are needed.
+inline const QString LinkCredentials = QStringLiteral("link.credentials");
+/// bool: a feed or an exchange, without the plugins that serve a user. Missing: it is not.
+inline const QString Service = QStringLiteral("service");
+/// qulonglong: the ID of the first order of this session. Missing: 1.
+inline const QString FirstOrder = QStringLiteral("orders.first");
+
 /// All of them.
 inline QStringList ofTheHost()
 {
-    return {Symbols,  Linked,    Quotes,           Speed,   SyntheticQuotes, SyntheticSeed,
-            Heard,    Boards,    BoardsKeepLatest, Journal, MetricsPort,     Windows,
-            SkipGaps, Supervisor};
+    return {Symbols,         Linked,          Quotes,
+            Speed,           SyntheticQuotes, SyntheticSeed,
+            Heard,           Boards,          BoardsKeepLatest,
+            Journal,         MetricsPort,     Windows,
+            SkipGaps,        Supervisor,      Link,
+            LinkRole,        LinkDesk,        LinkStore,
+            LinkCredentials, Service,         FirstOrder};
 }
 
 } // namespace setting
@@ -172,6 +226,9 @@ Q_DECLARE_METATYPE(lxclient::Quote)
 Q_DECLARE_METATYPE(lxclient::OrderRequest)
 Q_DECLARE_METATYPE(lxclient::Order)
 Q_DECLARE_METATYPE(lxclient::Execution)
+Q_DECLARE_METATYPE(lxclient::OrderRejection)
+Q_DECLARE_METATYPE(lxclient::LinkState)
+Q_DECLARE_METATYPE(lxclient::Presence)
 Q_DECLARE_METATYPE(lxclient::Signal)
 Q_DECLARE_METATYPE(lxclient::Position)
 Q_DECLARE_METATYPE(lxclient::Selection)
@@ -187,6 +244,9 @@ inline void registerPayloads()
     qRegisterMetaType<OrderRequest>();
     qRegisterMetaType<Order>();
     qRegisterMetaType<Execution>();
+    qRegisterMetaType<OrderRejection>();
+    qRegisterMetaType<LinkState>();
+    qRegisterMetaType<Presence>();
     qRegisterMetaType<Signal>();
     qRegisterMetaType<Position>();
     qRegisterMetaType<Selection>();
